@@ -1,0 +1,93 @@
+#include "lowlevel/QZHSMLowLevel.h"
+
+#include "lowlevel/QZHSMLowLevelCtxHelper.h"
+#include "platform/errors/ErrorText.h"
+#include "platform/errors/NkException.h"
+#include "platform/logging/EvDebug.h"
+
+#include <cerrno>
+#include <unistd.h>
+#include <utility>
+
+QZHSMLowLevel::QZHSMLowLevel() = default;
+QZHSMLowLevel::~QZHSMLowLevel() = default;
+
+int QZHSMLowLevel::resubmitPendingRecalls() {
+    return 0;
+}
+
+QZHSMLowLevel* QZHSMLowLevel::create() {
+    EvDebug log(nullptr);
+    try {
+        QZHSMLowLevel* object = createQZHSMLowLevelQZFS();
+        if (!object)
+            log.Error("QZHSMLowLevel::create", "%s", "There is no filter-driver back-end");
+        return object;
+    } catch (const NkException& e) {
+        log.Error("QZHSMLowLevel::create", "%s", e.getMessage());
+        return nullptr;
+    }
+}
+
+namespace {
+
+/// Moves `len` bytes in as many calls of `moveSome(done, remaining)` as it takes.
+template <class MoveSome>
+int moveAll(int len, MoveSome moveSome) {
+    int total = 0;
+    while (total < len) {
+        const int moved = moveSome(total, len - total);
+        if (moved < 0)
+            return moved;
+        if (moved == 0)
+            break;
+        total += moved;
+    }
+    return total;
+}
+
+} // namespace
+
+int QZHSMLowLevel::readFileTransAll(void* buf, int len) {
+    return moveAll(len, [&](int done, int remaining) {
+        return readFileTrans(static_cast<char*>(buf) + done, remaining);
+    });
+}
+
+int QZHSMLowLevel::writeFileTransAll(const void* buf, int len) {
+    return moveAll(len, [&](int done, int remaining) {
+        return writeFileTrans(static_cast<const char*>(buf) + done, remaining, 0);
+    });
+}
+
+int QZHSMLowLevel::writeAll(int fd, const void* buf, int len) {
+    int total = 0;
+    while (total < len) {
+        const ssize_t written =
+            ::write(fd, static_cast<const char*>(buf) + total, static_cast<size_t>(len - total));
+        if (written >= 0)
+            total += static_cast<int>(written);
+        else if (errno != EINTR)
+            return -1;
+    }
+    return total;
+}
+
+void QZHSMLowLevel::clearError() {
+    m_errorCode = QZHSM_SUCCESS;
+    m_errorText.clear();
+}
+
+int QZHSMLowLevel::fail(int code, std::string text) {
+    m_errorCode = code;
+    m_errorText = std::move(text);
+    return -1;
+}
+
+int QZHSMLowLevel::failErrno(int code, std::string_view phrase, std::string_view path, int err) {
+    return fail(code, errnoText({phrase, path}, err));
+}
+
+int QZHSMLowLevel::codeFor(int err) {
+    return err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE;
+}

@@ -1,0 +1,36 @@
+#include "lowlevel/QZHSMLowLevelCtxHelper.h"
+
+#include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+#include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
+
+#include <memory>
+
+QZHSMLowLevel* createQZHSMLowLevelQZFS() {
+    return nullptr;
+}
+
+QZHSMLowLevel* createQZHSMLowLevelQZFSExtent() {
+    return nullptr;
+}
+
+QZHSMLowLevel* createQZHSMLowLevelDriverless() {
+    return std::make_unique<QZHSMLowLevelDriverless>().release();
+}
+
+QZHSMLowLevel* createQZHSMLowLevelArchiveDelete() {
+    auto object = std::make_unique<QZHSMLowLevelDriverless>();
+    object->setArchiveAndDelete();
+    return object.release();
+}
+
+QZHSMLowLevel* createQZHSMLowLevelHadoop() {
+    return std::make_unique<QZHSMLowLevelHadoop>().release();
+}
+
+QZHSMLowLevel* createQZHSMLowLevelLustre() {
+    return nullptr;
+}
+
+QZHSMLowLevel* createQZHSMLowLevelGlusterFs() {
+    return nullptr;
+}

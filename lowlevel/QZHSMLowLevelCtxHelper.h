@@ -1,0 +1,14 @@
+#pragma once
+
+#include "lowlevel/QZHSMLowLevel.h"
+
+/// The factories: each makes one new object, owned by the caller, or answers null where this build has no
+/// such back-end. What a back-end's constructor throws passes through.
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelQZFS();
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelQZFSExtent();
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelDriverless();
+/// A driverless back-end in archive-and-delete mode.
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelArchiveDelete();
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelHadoop();
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelLustre();
+QZHSM_API QZHSMLowLevel* createQZHSMLowLevelGlusterFs();

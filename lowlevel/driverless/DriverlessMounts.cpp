@@ -1,0 +1,77 @@
+#include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+
+#include "platform/config/NKPI_Focus.h"
+#include "platform/files/NkACL.h"
+#include "platform/files/utf_files.h"
+#include "platform/mounts/MountDetails.h"
+#include "platform/mounts/QZHSMMigratedDirTrees.h"
+#include "platform/mounts/skipFS.h"
+
+int QZHSMLowLevelDriverless::startWatchingDirTree(const char*) {
+    return succeed();
+}
+
+int QZHSMLowLevelDriverless::stopWatchingDirTree(const char*) {
+    return succeed();
+}
+
+int QZHSMLowLevelDriverless::stopWatchingDevice(unsigned long) {
+    return succeed();
+}
+
+int QZHSMLowLevelDriverless::isDirBeingWatched(const char* dirPath) {
+    clearError();
+    std::string dir = dirPath;
+    const QZHSMMigratedDirTrees trees(true, NKPI_Focus::getFocusClientName(true));
+    return trees.wasDirMigrated(dirPath, &dir) != 0 ? 1 : 0;
+}
+
+int QZHSMLowLevelDriverless::isDMRFS(const char* path) {
+    clearError();
+    if (m_archiveAndDelete || m_aclHelper->supportsXattr(path) || m_archiveNonExtData)
+        return 1;
+    bool skip = false;
+    // Not a failure, so the code stays clear; the text is for whoever asks why.
+    m_errorText = "Extended Attribute is not supported in [ " +
+                  skipFS::getInstance().GetFsType(path, skip, nullptr) +
+                  " ] or extended attributed is disabled in mount option. ";
+    return 0;
+}
+
+bool QZHSMLowLevelDriverless::isDMRFSforInPlaceRestore(const char* path) {
+    static std::string prevDirName;
+    static bool prevIsDMRFS = false;
+    if (prevDirName == path)
+        return prevIsDMRFS;
+
+    prevIsDMRFS = isDMRFS(path) != 0;
+    prevDirName = path;
+    if (!prevIsDMRFS) {
+        struct stat st {};
+        if (lstat_utf(path, &st) == 0)
+            m_nonXattrDevices[st.st_dev] = true;
+        else
+            prevDirName = "N/A"; // so that the next call asks again
+    }
+    return prevIsDMRFS;
+}
+
+int QZHSMLowLevelDriverless::populateMountPointDetails() {
+    std::map<int, mntfs_ent*> mounts;
+    int status = GetMountDetails(mounts, "allFsType");
+    for (const auto& [key, mount] : mounts) {
+        struct stat st {};
+        status = lstat_utf(mount->mountDir, &st);
+        if (status == 0)
+            m_mountPointsByDevice[st.st_dev] = mount->mountDir;
+    }
+    return status;
+}
+
+void QZHSMLowLevelDriverless::getNonXATTRmountPoints(std::string& out) {
+    if (m_mountPointsByDevice.empty())
+        populateMountPointDetails();
+    for (const auto& [device, lacksXattr] : m_nonXattrDevices)
+        if (lacksXattr)
+            out += m_mountPointsByDevice[device] + " ";
+}

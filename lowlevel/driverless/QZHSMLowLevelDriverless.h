@@ -1,0 +1,121 @@
+#pragma once
+
+#include "lowlevel/QZHSMLowLevel.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace NkACL {
+class Helper;
+}
+
+/// Stubs on any local file system, without help from the kernel. A stub keeps its size; the stub text lies at
+/// offset 0 and the rest is a hole. Where user attributes work, "user.NkStubFile" = "1" marks it, and the
+/// mark alone decides; elsewhere valid stub text in the first 1024 bytes does.
+///
+/// Symbolic links are followed, except by `statFile`. A copy that keeps attributes copies the mark too.
+///
+/// In archive-and-delete mode nothing is a stub and every path can be archived.
+class QZHSM_API QZHSMLowLevelDriverless : public QZHSMLowLevel {
+public:
+    /// Reads the configuration's "sArchiveNonExtData" in section "FileSystemAgent": with "yes" file systems
+    /// without attributes count as managed too.
+    QZHSMLowLevelDriverless();
+    /// Does not close a file that is still open for transparent I/O.
+    ~QZHSMLowLevelDriverless() override;
+
+    void setArchiveAndDelete() { m_archiveAndDelete = true; }
+    bool isArchiveAndDelete() const { return m_archiveAndDelete; }
+    bool isArchiveNonExtData() const { return m_archiveNonExtData; }
+
+    // --- Watching: there is nothing to watch with; these clear the error and answer 0 ---
+
+    int startWatchingDirTree(const char* dirPath) override;
+    int stopWatchingDirTree(const char* dirPath) override;
+    int stopWatchingDevice(unsigned long device) override;
+    /// 1 where the directory lies in one of the client's migrated trees, else 0.
+    int isDirBeingWatched(const char* dirPath) override;
+
+    // --- Where stubs can be kept ---
+
+    /// 1 where user attributes work, or need not. Else 0 with code 0 and a text that names the file system.
+    int isDMRFS(const char* path) override;
+    /// The same, remembered for the last path asked, for all objects of the process together; devices found
+    /// without attributes are noted. Callers on several threads serialise.
+    bool isDMRFSforInPlaceRestore(const char* path);
+    /// Appends the mount directory of each noted device and a blank. The mount table is read once.
+    void getNonXATTRmountPoints(std::string& out);
+    /// Reads the mount table: the result of the last lstat of a mount directory, or of reading the table
+    /// where it listed none.
+    int populateMountPointDetails();
+
+    // --- The life of a stub ---
+
+    /// 1 or 0; 0 also on failure: code 4 for a missing file and for one that cannot be opened, else -1. With
+    /// attributes the file is not opened; without, its access time is put back to the whole second.
+    int isStub(const char* path) override;
+    /// Always 0, with state 2.
+    int getFileInfo(const char* path, bool* isStub, int* state) override;
+    int backupStub(const char* path, std::vector<char>& stubData) override;
+
+    /// `size` has no effect: the file's own size counts. Times are put back in whole seconds. A file shorter
+    /// than its stub text grows to that length; an empty one fails after it was emptied.
+    ///
+    /// Any record lock of another process refuses the file. Asking for it opens and closes the file, and by
+    /// POSIX rules that drops every record lock that the calling process itself holds on it.
+    ///
+    /// On disk after a failure: untouched where the file is missing (4), was modified after `refTime` (3), is
+    /// not regular (-1), or the stub text would exceed 4096 bytes (-1, EMSGSIZE's text). The mark is created,
+    /// never replaced: where it cannot be, the code is errno itself (EEXIST for a file marked already), and
+    /// the file is untouched. Every later failure leaves the mark: the data is still there where the file
+    /// could not be opened (-1), is locked (3) or could not be truncated (-1); it is gone where the text
+    /// could not be written (-1); the stub is complete where the times could not be put back (-1).
+    int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
+
+    /// Creates a missing file with mode 0600; what an existing one held is lost, its mode kept. Times are not
+    /// set. The mark comes first. So where `path` does not exist yet on a file system with attributes, the
+    /// mark has nothing to land on and the file made is not marked: create it empty before.
+    ///
+    /// On disk after a failure: untouched where the mark cannot be set (code errno; EEXIST for a stub);
+    /// marked, with its data, where the stub data is corrupt or the file cannot be opened (-1); marked and
+    /// emptied where writing fails (-1), as it does for stub data that records size 0.
+    int restoreStub(const char* path, const std::vector<char>& stubData) override;
+
+    /// With `success` removes the mark. 0, or negative with the code errno, where there was none too. Does
+    /// not clear the error. `ids` have no effect.
+    int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
+
+    // --- Transparent I/O: plain I/O on one descriptor, as nothing intercepts it ---
+
+    int openFileTrans(const char* path, int flags, int mode) override;
+    int readFileTrans(void* buf, int len) override;
+    /// `offset` has no effect.
+    int writeFileTrans(const void* buf, int len, long long offset) override;
+    long long seekFileTrans(long long offset, int whence) override;
+    /// Always 0.
+    int closeFileTrans() override;
+
+    // --- Times and stat ---
+
+    int setAMCTime(const char* path, long atime, long mtime, long ctime) override;
+    /// An lstat that gives up after 120 seconds, with code -1 and ETIMEDOUT's text. The first call of a
+    /// thread starts a helper thread.
+    int statFile(const char* path, struct stat* st) override;
+
+private:
+    int succeed();
+    int failFromAcl();
+    /// Sets the mark where attributes work. 0, or -1 with the error set.
+    int mark(const char* path);
+    /// Gives an empty file its stub's size as a hole; the descriptor ends at offset 0.
+    static bool makeHole(int fd, long long size);
+    bool requireTrans();
+
+    int m_transFd = -1;
+    bool m_archiveNonExtData = false;
+    bool m_archiveAndDelete = false;
+    NkACL::Helper* m_aclHelper;
+    std::map<uint64_t, bool> m_nonXattrDevices;
+    std::map<uint64_t, std::string> m_mountPointsByDevice;
+};

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "platform/Export.h"
+
+#include <cstdint>
+#include <pthread.h>
+
+/// A span of time.
+struct CTimeInterval {
+    int64_t milliseconds = 0;
+};
+
+inline pthread_t GetCurrentThreadId() {
+    return pthread_self();
+}
+
+/// What can be locked, and which thread locked it last.
+class QZHSM_API FXLockableResource {
+public:
+    FXLockableResource() = default;
+    FXLockableResource(const FXLockableResource&) = delete;
+    FXLockableResource& operator=(const FXLockableResource&) = delete;
+    virtual ~FXLockableResource();
+
+    /// One attempt: true where the lock was taken.
+    virtual bool TryLock() = 0;
+    /// The base makes one attempt without waiting, whatever the timeout.
+    virtual bool TryLock(CTimeInterval timeout) = 0;
+    virtual void Lock() = 0;
+    virtual void Unlock() = 0;
+
+    /// The lower 32 bits of the id of the thread that took the lock last; 0 when it is free.
+    uint32_t GetOwnerThreadId() const { return m_ownerThreadId; }
+    void SetLockOwner() { m_ownerThreadId = static_cast<uint32_t>(GetCurrentThreadId()); }
+    void ClearLockOwner() { m_ownerThreadId = 0; }
+
+private:
+    uint32_t m_ownerThreadId = 0;
+};

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "platform/process/NkCriticalSectionH.h"
+
+#include <memory>
+#include <utility>
+
+/// A lock that its holder may take again.
+class NkCriticalSection {
+public:
+    NkCriticalSection() : m_handle(std::make_unique<NkCriticalSectionH>()) {}
+    /// With a null handle `enter` and `leave` do nothing.
+    explicit NkCriticalSection(std::unique_ptr<NkCriticalSectionH> handle) : m_handle(std::move(handle)) {}
+
+    /// True once inside. Without `wait`, false at once where another thread is inside.
+    bool enter(bool wait) { return !m_handle || m_handle->enter(wait); }
+    void leave() {
+        if (m_handle)
+            m_handle->leave();
+    }
+
+private:
+    std::unique_ptr<NkCriticalSectionH> m_handle;
+};
+
+/// Inside a critical section from construction to destruction; with null, nowhere.
+class NkCriticalSectionLock {
+public:
+    explicit NkCriticalSectionLock(NkCriticalSection* cs) : m_cs(cs) {
+        if (m_cs)
+            m_cs->enter(true);
+    }
+    NkCriticalSectionLock(const NkCriticalSectionLock&) = delete;
+    NkCriticalSectionLock& operator=(const NkCriticalSectionLock&) = delete;
+    ~NkCriticalSectionLock() {
+        if (m_cs)
+            m_cs->leave();
+    }
+
+private:
+    NkCriticalSection* m_cs;
+};

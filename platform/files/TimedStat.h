@@ -1,0 +1,20 @@
+#pragma once
+
+#include <sys/stat.h>
+
+/// An lstat that gives up. The call runs on a helper thread of the calling thread, started by its first
+/// stat and reused from then on; one that hangs in a dead file system is left behind and replaced.
+class TimedStat {
+public:
+    explicit TimedStat(int timeoutSeconds) : m_timeoutSeconds(timeoutSeconds) {}
+
+    /// The filled record, which lives as long as this object, or null with the reason in `getErrno`:
+    /// ETIMEDOUT where the time ran out, else lstat's errno or that of the failed start of the helper.
+    const struct stat* class_lstat(const char* path);
+    int getErrno() const { return m_errno; }
+
+private:
+    int m_timeoutSeconds;
+    int m_errno = 0;
+    struct stat m_stat {};
+};

@@ -1,0 +1,59 @@
+#include "platform/mounts/QZHSMMntTab.h"
+
+#include "platform/files/utf_files.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mntent.h>
+#include <string_view>
+
+namespace {
+
+/// The path itself, or the nearest of its parents that exists, without symbolic links; empty where none is.
+std::string nearestExisting(std::string path) {
+    char resolved[PATH_MAX];
+    while (!::realpath(path.c_str(), resolved)) {
+        const size_t slash = path.find_last_of('/');
+        if (slash == std::string::npos)
+            path = ".";
+        else if (slash == 0)
+            path = "/";
+        else
+            path.resize(slash);
+        if ((path == "." || path == "/") && !::realpath(path.c_str(), resolved))
+            return {};
+    }
+    return resolved;
+}
+
+bool holds(std::string_view dir, std::string_view path) {
+    return dir == "/" || (path.starts_with(dir) && (path.size() == dir.size() || path[dir.size()] == '/'));
+}
+
+} // namespace
+
+QZHSMMntTab::QZHSMMntTab() {
+    const std::unique_ptr<FILE, int (*)(FILE*)> table(::setmntent("/proc/self/mounts", "re"), ::endmntent);
+    if (!table) {
+        m_status = errno;
+        return;
+    }
+    struct mntent entry {};
+    std::vector<char> texts(16384); // a path and options of overlay mounts can take kilobytes
+    while (::getmntent_r(table.get(), &entry, texts.data(), static_cast<int>(texts.size())))
+        m_entries.push_back({entry.mnt_fsname, entry.mnt_dir,
+                             static_cast<unsigned char>(::hasmntopt(&entry, MNTOPT_RO) != nullptr),
+                             entry.mnt_type, entry.mnt_opts});
+}
+
+const QZHSMMntTab::Entry* QZHSMMntTab::find(const char* path) const {
+    const std::string real = nearestExisting(LocalPath(path).c_str());
+    const Entry* best = nullptr;
+    for (const Entry& entry : m_entries)
+        if (holds(entry.mountDir, real) && (!best || entry.mountDir.size() >= best->mountDir.size()))
+            best = &entry;
+    return best;
+}

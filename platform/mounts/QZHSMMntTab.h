@@ -1,0 +1,33 @@
+#pragma once
+
+#include "platform/Export.h"
+
+#include <string>
+#include <vector>
+
+/// The mount table as it stood when the object was made; empty where it could not be read.
+class QZHSM_API QZHSMMntTab {
+public:
+    struct Entry {
+        std::string device;
+        std::string mountDir;
+        unsigned char readOnly = 0;
+        std::string fsType;
+        std::string options;
+    };
+
+    QZHSMMntTab();
+
+    /// In mount order: of two entries with one directory the later hides the earlier.
+    const std::vector<Entry>& entries() const { return m_entries; }
+    /// 0, or the errno that reading the table met.
+    int status() const { return m_status; }
+
+    /// The entry of the file system that holds the path. For a path that does not exist that is the file
+    /// system of its nearest existing parent directory. Null where no entry fits.
+    const Entry* find(const char* path) const;
+
+private:
+    std::vector<Entry> m_entries;
+    int m_status = 0;
+};
