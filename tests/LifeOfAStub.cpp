@@ -1,0 +1,150 @@
+#include "tests/LifeOfAStub.h"
+
+#include "lowlevel/QZHSMLowLevelCtxHelper.h"
+#include "platform/stub/StubText.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+int LifeOfAStub::stub(const std::string& path, const char* meta) {
+    const struct stat st = statOf(path);
+    return m_backEnd->stubFile(path.c_str(), meta, st.st_mtime, st.st_size);
+}
+
+TEST_P(LifeOfAStub, GoesRoundAndComesBackIdentical) {
+    const std::string path = m_fs.path("file");
+    const std::string data = noise((1 << 20) * 3 + 13);
+    writeFile(path, data);
+    setTimes(path, 1'000'000'001, 1'000'000'002);
+    const struct stat before = statOf(path);
+    ASSERT_EQ(m_backEnd->startWatchingDirTree(m_fs.dir().c_str()), 0);
+    EXPECT_EQ(m_backEnd->isStub(path.c_str()), 0);
+
+    ASSERT_EQ(stub(path), 0) << m_backEnd->m_errorText;
+    struct stat stubbed {};
+    ASSERT_EQ(m_backEnd->statFile(path.c_str(), &stubbed), 0);
+    EXPECT_EQ(stubbed.st_size, before.st_size);
+    EXPECT_EQ(stubbed.st_atime, before.st_atime);
+    EXPECT_EQ(stubbed.st_mtime, before.st_mtime);
+    EXPECT_EQ(stubbed.st_mode, before.st_mode);
+    EXPECT_LE(stubbed.st_blocks, 16) << "of " << before.st_blocks;
+    EXPECT_EQ(attribute(path, "user.NkStubFile"), GetParam().hasAttributes ? "1" : "-");
+    EXPECT_EQ(m_backEnd->isStub(path.c_str()), 1);
+    bool isStub = false;
+    int state = 0;
+    EXPECT_EQ(m_backEnd->getFileInfo(path.c_str(), &isStub, &state), 0);
+    EXPECT_TRUE(isStub);
+
+    std::vector<char> saved;
+    ASSERT_EQ(m_backEnd->backupStub(path.c_str(), saved), 0) << m_backEnd->m_errorText;
+    const std::string header(saved.begin(), saved.end());
+    std::string hole = data;
+    hole.assign(data.size(), '\0').replace(0, header.size(), header);
+    EXPECT_TRUE(readFile(path) == hole) << "the stub text at offset 0, then nothing but a hole";
+    char meta[256];
+    long long size = 0;
+    ASSERT_TRUE(qzhsm_stub2meta(header.c_str(), nullptr, &size, meta, sizeof meta, false));
+    EXPECT_STREQ(meta, "versionGuid=0123;job=7");
+    EXPECT_EQ(size, before.st_size);
+
+    const std::string restored = m_fs.path("restored");
+    writeFile(restored, "");
+    ASSERT_EQ(m_backEnd->restoreStub(restored.c_str(), saved), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(m_backEnd->isStub(restored.c_str()), 1);
+    EXPECT_TRUE(readFile(restored) == hole);
+
+    ASSERT_EQ(m_backEnd->openFileTrans(path.c_str(), O_WRONLY, 0), 0) << m_backEnd->m_errorText;
+    for (size_t done = 0; done < data.size(); done += 1 << 20) {
+        const int piece = static_cast<int>(std::min<size_t>(1 << 20, data.size() - done));
+        ASSERT_EQ(m_backEnd->writeFileTransAll(data.data() + done, piece), piece);
+    }
+    ASSERT_EQ(m_backEnd->closeFileTrans(), 0);
+    EXPECT_EQ(m_backEnd->setAMCTime(path.c_str(), before.st_atime, before.st_mtime, 0), 0);
+    EXPECT_EQ(m_backEnd->restoreDone(path.c_str(), GetParam().hasAttributes, {7, 8}), 0);
+    EXPECT_EQ(m_backEnd->isStub(path.c_str()), 0);
+    EXPECT_EQ(statOf(path).st_mtime, before.st_mtime);
+    EXPECT_TRUE(readFile(path) == data);
+    EXPECT_EQ(m_backEnd->m_errorCode, 0);
+    EXPECT_EQ(m_backEnd->stopWatchingDirTree(m_fs.dir().c_str()), 0);
+}
+
+TEST_P(LifeOfAStub, KeepsSizesBeyond32Bits) {
+    const std::string path = m_fs.path("huge");
+    writeFile(path, "");
+    const off_t size = (5LL << 30) + 1;
+    ASSERT_EQ(::truncate(path.c_str(), size), 0);
+    ASSERT_EQ(stub(path), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(statOf(path).st_size, size);
+
+    std::vector<char> saved;
+    ASSERT_EQ(m_backEnd->backupStub(path.c_str(), saved), 0);
+    const std::string restored = m_fs.path("restored");
+    writeFile(restored, "");
+    ASSERT_EQ(m_backEnd->restoreStub(restored.c_str(), saved), 0);
+    EXPECT_EQ(statOf(restored).st_size, size);
+
+    ASSERT_EQ(m_backEnd->openFileTrans(path.c_str(), O_RDWR, 0), 0);
+    EXPECT_EQ(m_backEnd->seekFileTrans(size - 1, SEEK_SET), size - 1);
+    EXPECT_EQ(m_backEnd->writeFileTransAll("z", 1), 1);
+    EXPECT_EQ(m_backEnd->seekFileTrans(-1, SEEK_END), size - 1);
+    char last = '\0';
+    EXPECT_EQ(m_backEnd->readFileTransAll(&last, 10), 1) << "the file ends before ten bytes";
+    EXPECT_EQ(last, 'z');
+    EXPECT_EQ(m_backEnd->closeFileTrans(), 0);
+}
+
+TEST_P(LifeOfAStub, TakesAnyNameThatTheFileSystemTakes) {
+    for (const char* name : {"with blank", "not-utf8-\xff\xfe", "\xc3\xbcml\xc3\xa4ut", "new\nline"}) {
+        const std::string path = m_fs.path(name);
+        writeFile(path, noise(5000));
+        EXPECT_EQ(stub(path), 0) << m_backEnd->m_errorText;
+        EXPECT_EQ(m_backEnd->isStub(path.c_str()), 1) << name;
+    }
+    const std::string link = m_fs.path("link");
+    const std::string target = m_fs.path("target");
+    writeFile(target, noise(5000));
+    ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+    EXPECT_EQ(stub(link), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(m_backEnd->isStub(target.c_str()), 1);
+}
+
+TEST_P(LifeOfAStub, AllowsOneTransparentSession) {
+    QZHSMLowLevel& backEnd = *m_backEnd;
+    const auto failedWith = [&](long long result, const std::string& text) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(backEnd.m_errorCode, -1);
+        EXPECT_EQ(backEnd.m_errorText, text);
+    };
+    char buffer[16];
+    failedWith(backEnd.readFileTrans(buffer, 1), "No file has been open in transparent mode yet.");
+    failedWith(backEnd.writeFileTrans("x", 1, 0), "No file has been open in transparent mode yet.");
+    failedWith(backEnd.seekFileTrans(0, SEEK_SET), "No file has been open in transparent mode yet.");
+    EXPECT_EQ(backEnd.closeFileTrans(), 0);
+    EXPECT_EQ(backEnd.m_errorText, "");
+
+    const std::string path = m_fs.path("first");
+    writeFile(path, "0123456789");
+    ASSERT_EQ(backEnd.openFileTrans(path.c_str(), O_RDWR, 0), 0);
+    failedWith(backEnd.openFileTrans("/other", O_RDONLY, 0),
+               "Attempt to open a new file /other in transparent mode w/o closing the previous one first.");
+    EXPECT_EQ(backEnd.writeFileTrans("abc", 3, 7), 3) << "the position counts, not the offset";
+    EXPECT_EQ(backEnd.readFileTrans(buffer, 2), 2);
+    EXPECT_EQ(std::string(buffer, 2), "34");
+    failedWith(backEnd.seekFileTrans(-1, SEEK_SET), "Transparent seek() failed: Invalid argument");
+    EXPECT_EQ(backEnd.closeFileTrans(), 0);
+    EXPECT_EQ(readFile(path), "abc3456789");
+
+    ASSERT_EQ(backEnd.openFileTrans(path.c_str(), O_RDONLY, 0), 0);
+    failedWith(backEnd.writeFileTrans("x", 1, 0), "Transparent read() failed: Bad file descriptor");
+    EXPECT_EQ(backEnd.closeFileTrans(), 0);
+    ASSERT_EQ(backEnd.openFileTrans(path.c_str(), O_WRONLY, 0), 0);
+    failedWith(backEnd.readFileTrans(buffer, 1), "Transparent read() failed: Bad file descriptor");
+    EXPECT_EQ(backEnd.closeFileTrans(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Worlds, LifeOfAStub,
+    ::testing::Values(StubWorld{"DriverlessExt4", FsKind::Ext4, createQZHSMLowLevelDriverless, true},
+                      StubWorld{"DriverlessTmpfs", FsKind::Tmpfs, createQZHSMLowLevelDriverless, true},
+                      StubWorld{"DriverlessRamfs", FsKind::Ramfs, createQZHSMLowLevelDriverless, false}),
+    [](const auto& tested) { return tested.param.name; });

@@ -1,0 +1,191 @@
+#include "platform/config/NKPI_Focus.h"
+#include "platform/config/NKPlatformInfo.h"
+#include "platform/config/NkRegKey.h"
+#include "platform/errors/CWbError.h"
+#include "platform/files/NkACL.h"
+#include "platform/files/TimedStat.h"
+#include "platform/files/utf_files.h"
+#include "platform/logging/CLogWriterInterface.h"
+#include "platform/logging/EvDebug.h"
+#include "platform/mounts/MountDetails.h"
+#include "platform/mounts/QZHSMMntTab.h"
+#include "platform/mounts/skipFS.h"
+#include "tests/support/TestFs.h"
+
+#include <cerrno>
+#include <clocale>
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+TEST(Config, ReadsWhatItCanAndNamesWhatItCannot) {
+    const TestConfig config(
+        "[Focus]\ninstance = I2\nno equals sign\n[Tessly/I2/JRN]\nnINSTALL=1\nworse\nlong=" +
+        std::string(300, 'x') + "\nlast=2\n");
+    CaptureStderr();
+    EXPECT_STREQ(NKPI_Focus::getFocus(), "I2");
+    const std::string log = GetCapturedStderr();
+    for (const char* line : {":3: ", ":6: ", ":7: "})
+        EXPECT_NE(log.find(line), std::string::npos) << log;
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 3) << log;
+
+    CaptureStderr();
+    NkRegKey key(true);
+    EXPECT_EQ(key.open("Tessly/I2/JRN", true), 0);
+    EXPECT_STREQ(key.getValue("nINSTALL"), "1");
+    EXPECT_STREQ(key.getValue("last"), "2");
+    EXPECT_EQ(key.getValue("long"), nullptr);
+    EXPECT_NE(key.open("Tessly/I2/Sortwell", true), 0);
+    char value[3] = "?";
+    int size = sizeof value;
+    EXPECT_EQ(NKPlatformInfo().getString("Focus", "instance", value, &size), 0);
+    EXPECT_STREQ(value, "I2");
+    EXPECT_EQ(size, 2);
+    EXPECT_LT(NKPlatformInfo().getString("Focus", "instance", value, &size), 0) << "no room for the NUL";
+    EXPECT_LT(NKPlatformInfo().getString("focus", "instance", value, &size), 0) << "case counts";
+    EXPECT_STREQ(NKPI_Focus::getFocusClientName(false), "");
+    char host[256];
+    ASSERT_EQ(::gethostname(host, sizeof host), 0);
+    EXPECT_STREQ(NKPI_Focus::getFocusClientName(true), host);
+    GetCapturedStderr();
+}
+
+TEST(Config, AMissingFileIsEmptyAndAnUnreadableOneIsNot) {
+    ::setenv("QZHSM_CONFIG", "/no/such/file", 1);
+    CaptureStderr();
+    EXPECT_STREQ(NKPI_Focus::getFocus(), "Instance001");
+    EXPECT_EQ(GetCapturedStderr(), "");
+    ::setenv("QZHSM_CONFIG", "/etc/passwd/below", 1);
+    CaptureStderr();
+    EXPECT_STREQ(NKPI_Focus::getFocus(), "Instance001");
+    EXPECT_NE(GetCapturedStderr().find("Failed to open /etc/passwd/below: Not a directory"),
+              std::string::npos);
+    ::unsetenv("QZHSM_CONFIG");
+}
+
+TEST(Logs, WriteErrorsAlwaysAndDetailNever) {
+    CaptureStderr();
+    EvDebug log(nullptr);
+    log.Debug("A::b", "%s", "debug");
+    log.DebugLvl("A::b", 2, "%s", "debug");
+    g_ptrLogWriter->Write(3, "int A::b()", 31, 0, 0, "detail");
+    EXPECT_EQ(GetCapturedStderr(), "");
+    CaptureStderr();
+    log.Error("A::b", "two\nlines %d", 5);
+    g_ptrLogWriter->Write(-1, "int A::b()", 31, 0, 0, "%s", "failure");
+    const std::string lines = GetCapturedStderr();
+    EXPECT_NE(lines.find("error [A::b] two lines 5\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("error [int A::b():31] failure\n"), std::string::npos) << lines;
+}
+
+TEST(Errors, AlwaysAreErrors) {
+    const FXCodeLocation here{"A::b", "A.cpp", 7};
+    const CWbError error = FXErrorUtil::ErrorErrNo(here, ENOENT, "Failed to load %s", "lib");
+    EXPECT_TRUE(error.IsError());
+    EXPECT_EQ(error.GetCode(), ENOENT);
+    EXPECT_EQ(error.AsString(), "Failed to load lib: No such file or directory (A::b, A.cpp:7)");
+    EXPECT_EQ(FXErrorUtil::ErrorErrNo(here, 0, "x").GetCode(), EINVAL);
+    EXPECT_FALSE(CWbError::Success().IsError());
+}
+
+TEST(Paths, AreConvertedWhereTheyCanBe) {
+    const auto converted = [](const char* path) {
+        std::string out;
+        utfToMbe(path, &out);
+        return out;
+    };
+    // In the C locale nothing but ASCII can be converted.
+    EXPECT_EQ(converted("/a/\xc3\xbc"), "/a/\xc3\xbc");
+    const std::string path = ::testing::TempDir() + "qzhsm-l1";
+    ASSERT_EQ(std::system(("localedef -f ISO-8859-1 -i de_DE " + path).c_str()), 0)
+        << "needs package locales";
+    ::setenv("LOCPATH", ::testing::TempDir().c_str(), 1);
+    ASSERT_NE(std::setlocale(LC_ALL, "qzhsm-l1"), nullptr);
+    EXPECT_EQ(converted("/a/\xc3\xbc"), "/a/\xfc");
+    EXPECT_EQ(converted("/a/\xe2\x82\xac"), "/a/\xe2\x82\xac")
+        << "no euro sign in that encoding: left as it is";
+    EXPECT_EQ(converted("/a/\xff"), "/a/\xff") << "no UTF-8: left as it is";
+    EXPECT_EQ(converted("/ascii"), "/ascii");
+    std::setlocale(LC_ALL, "C");
+    ::unsetenv("LOCPATH");
+    ASSERT_EQ(std::system(("rm -r " + path).c_str()), 0);
+}
+
+TEST(Attributes, AreHandedOutWholeOrBeginning) {
+    const TestFs fs(FsKind::Tmpfs);
+    REQUIRE_FS(fs);
+    const std::string path = fs.path("file");
+    writeFile(path, "");
+    setAttribute(path, "user.long", "0123456789");
+    char buffer[10];
+    NkACL::Helper* shared = NkACL::Helper::getInstance();
+    EXPECT_EQ(shared->getAttribute(path.c_str(), "user.long", buffer, 4), -1);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(shared->getAttribute(path.c_str(), "user.long", buffer, 10), 10);
+    const auto forStubs = NkACL::Helper::getInstance(NkACL::Type::StubText);
+    EXPECT_EQ(forStubs->getAttribute(path.c_str(), "user.long", buffer, 4), 4);
+    EXPECT_EQ(std::string(buffer, 4), "0123");
+    EXPECT_EQ(forStubs->getAttribute(path.c_str(), "user.none", buffer, 4), -1);
+    EXPECT_FALSE(shared->supportsXattr(fs.path("missing").c_str()));
+    EXPECT_TRUE(shared->supportsXattr((path + "/below").c_str()))
+        << "so that the next call says what is wrong";
+}
+
+TEST(Mounts, AreFoundByPath) {
+    const TestFs outer(FsKind::Tmpfs);
+    REQUIRE_FS(outer);
+    const std::string dir = outer.path("with blank");
+    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(::mount("none", dir.c_str(), "ramfs", MS_RDONLY, nullptr), 0);
+    ASSERT_EQ(::symlink(dir.c_str(), outer.path("link").c_str()), 0);
+    const QZHSMMntTab table;
+    for (const auto& [path, mountDir] : {std::pair{dir, dir},
+                                         {dir + "/missing/too", dir},
+                                         {outer.path("link"), dir},
+                                         {outer.path("with"), outer.dir()}}) {
+        const QZHSMMntTab::Entry* entry = table.find(path.c_str());
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(entry->mountDir, mountDir) << path;
+        EXPECT_EQ(entry->readOnly, mountDir == dir);
+    }
+    bool skip = true;
+    EXPECT_EQ(skipFS::getInstance().GetFsType(dir.c_str(), skip, nullptr), "ramfs");
+    EXPECT_FALSE(skip);
+    EXPECT_EQ(skipFS::getInstance().GetFsType("/proc/self", skip, nullptr), "proc");
+    EXPECT_TRUE(skip);
+    std::map<int, mntfs_ent*> mounts;
+    EXPECT_EQ(GetMountDetails(mounts, "ramfs"), 0);
+    ASSERT_FALSE(mounts.empty());
+    EXPECT_EQ(mounts.rbegin()->second->mountDir, dir);
+    ::umount2(dir.c_str(), MNT_DETACH);
+}
+
+TEST(TimedStat, GivesUpOnADeadFileSystem) {
+    const TestFs fs(FsKind::Tmpfs);
+    REQUIRE_FS(fs);
+    // A file system in user space whose server never answers.
+    const int server = ::open("/dev/fuse", O_RDWR);
+    ASSERT_GE(server, 0) << "needs /dev/fuse";
+    const std::string options = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
+    ASSERT_EQ(::mount("dead", fs.dir().c_str(), "fuse", 0, options.c_str()), 0);
+    TimedStat timed(1);
+    EXPECT_EQ(timed.class_lstat(fs.path("file").c_str()), nullptr);
+    EXPECT_EQ(timed.getErrno(), ETIMEDOUT);
+    EXPECT_NE(timed.class_lstat("/"), nullptr) << "a new helper took the lost one's place";
+    ::umount2(fs.dir().c_str(), MNT_DETACH);
+    ::close(server);
+}
+
+TEST(TimedStat, WorksAfterAFork) {
+    EXPECT_NE(TimedStat(5).class_lstat("/"), nullptr);
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(TimedStat(5).class_lstat("/") ? 0 : 1);
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "the parent's helper is not in the child";
+}
