@@ -140,6 +140,6 @@ QZHSMLowLevel* QZHSMLowLevelCtx::getByFileName(const char*) {
     return getByFSName(rowOfKind(m_kind).fsName.data());
 }
 
-std::string QZHSMLowLevelCtx::AsString() {
+std::string QZHSMLowLevelCtx::AsString() const {
     return rowOfKind(m_kind).kindText;
 }

@@ -37,7 +37,7 @@ public:
     QZHSMLowLevel* getByFileName(const char* path);
 
     /// The kind's text, "driverless" for instance.
-    std::string AsString();
+    std::string AsString() const;
 
 private:
     using Factory = QZHSMLowLevel* (*)();

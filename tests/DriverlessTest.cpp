@@ -26,7 +26,9 @@ std::vector<char> bytes(const std::string& text) {
 
 /// Metadata whose stub text is `length` bytes long.
 std::string metaFor(size_t length) {
-    return std::string(length - stubText("", 0).size(), 'm');
+    std::string meta;
+    meta.resize(length - stubText("", 0).size(), 'm');
+    return meta;
 }
 
 /// Another process that holds a record lock on a file.
@@ -152,7 +154,7 @@ TEST_F(Driverless, FullFileSystemIsReportedAtTheHeader) {
     writeFile(path, "");
     ASSERT_EQ(::truncate(path.c_str(), 100'000), 0);
     // One page stays free: it takes the last byte, and none is left for the header.
-    writeFile(full.path("filler"), noise(28 * 1024));
+    writeFile(full.path("filler"), noise(28672));
     EXPECT_EQ(stub(path), -1);
     expectError(-1, "Failed to write into " + path + ": No space left on device");
     EXPECT_EQ(readFile(path), std::string(100'000, '\0'));

@@ -15,7 +15,7 @@ struct FXCodeLocation {
 /// An error result: a code, 0 for success, and for errors the details behind it.
 class QZHSM_API CWbError {
 public:
-    static CWbError Success() { return CWbError(0, nullptr); }
+    static CWbError Success() { return {0, nullptr}; }
     CWbError(int code, const FXCodeLocation& where, std::string text);
 
     bool IsError() const { return m_code != 0; }

@@ -1,5 +1,6 @@
 #include "platform/files/utf_files.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <iconv.h>
@@ -11,10 +12,7 @@
 namespace {
 
 bool isAscii(std::string_view text) {
-    for (const char c : text)
-        if (static_cast<unsigned char>(c) >= 0x80)
-            return false;
-    return true;
+    return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 bool needsConversion(const char* codeset, const char* utf8) {
@@ -23,7 +21,7 @@ bool needsConversion(const char* codeset, const char* utf8) {
 
 /// False where the path cannot be converted; `out` is then unspecified.
 bool convert(const char* codeset, std::string_view utf8, std::string& out) {
-    const iconv_t opened = iconv_open(codeset, "UTF-8");
+    iconv_t opened = iconv_open(codeset, "UTF-8");
     if (opened ==
         reinterpret_cast<iconv_t>(-1)) // NOLINT(performance-no-int-to-ptr): iconv's own failure value
         return false;

@@ -22,7 +22,7 @@ skipFS& skipFS::getInstance() {
 std::string skipFS::GetFsType(const char* path, bool& skip, const struct stat*) const {
     const QZHSMMntTab table;
     const QZHSMMntTab::Entry* entry = table.find(path);
-    const std::string type = entry ? entry->fsType : "unknown";
+    std::string type = entry ? entry->fsType : "unknown";
     skip = std::find(std::begin(kMadeUp), std::end(kMadeUp), type) != std::end(kMadeUp);
     return type;
 }

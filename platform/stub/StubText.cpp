@@ -103,7 +103,7 @@ bool qzhsm_stub2meta(const char* stub, int* stubLen, long long* fileSize, char* 
         return false;
 
     if (meta) {
-        const size_t length = static_cast<size_t>(decoded.metaLength);
+        const auto length = static_cast<size_t>(decoded.metaLength);
         const std::string_view text(stub + kShape.size(), strnlen(stub + kShape.size(), length));
         if (text.size() != length || crcOf(text) != decoded.metaCrc)
             return false;
