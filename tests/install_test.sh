@@ -10,7 +10,7 @@ export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
 
 # pkg-config was written for the configured prefix; this is another.
 read -ra flags < <(pkg-config --define-prefix --cflags --libs qzhsmlowlevel)
-[ "$(pkg-config --modversion qzhsmlowlevel)" = "$("$work/usr/bin/qzhsm" --version)" ]
+[ "qzhsm $(pkg-config --modversion qzhsmlowlevel)" = "$("$work/usr/bin/qzhsm" --version)" ]
 sed -n '/^```cpp$/,/^```$/p' "$source/README.md" | sed '1d;$d' >"$work/readme.cpp"
 g++ -std=c++20 -Wall -Wextra -Werror "$work/readme.cpp" "${flags[@]}" -o "$work/readme"
 head -c 100000 /dev/urandom >"$work/file"

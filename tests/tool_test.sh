@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# tool_test.sh PATH-OF-QZHSM: the tool on a file system with attributes and on one without, good input and bad.
+set -uo pipefail
+if [ "$(id -u)" -ne 0 ]; then
+    echo "skipped: mounting file systems for the test needs root"
+    exit 77
+fi
+if [ -z "${QZHSM_TEST_NAMESPACE:-}" ]; then
+    QZHSM_TEST_NAMESPACE=1 exec unshare --mount "$0" "$@" # mounts vanish with the test
+fi
+qzhsm=$1
+work=$(mktemp -d)
+trap 'umount "$work"/* 2>/dev/null; rm -rf "$work"' EXIT
+failures=0
+
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+# expect STATUS PATTERN ARG...: runs the tool; the pattern must be in what it prints.
+expect() {
+    local status=$1 pattern=$2 output got
+    shift 2
+    output=$("$qzhsm" "$@" 2>&1)
+    got=$?
+    [ "$got" -eq "$status" ] || fail "qzhsm $*: status $got, not $status: $output"
+    grep -qE -- "$pattern" <<<"$output" || fail "qzhsm $*: no '$pattern' in: $output"
+}
+# unchanged FILE COMMAND...: the command must leave the file's bytes, size, times and attributes alone.
+fingerprint() { stat -c '%s %Y %b' "$1"; sha256sum <"$1"; getfattr -d --absolute-names "$1"; }
+unchanged() {
+    local file=$1 before
+    shift
+    before=$(fingerprint "$file")
+    "$@"
+    [ "$before" = "$(fingerprint "$file")" ] || fail "changed $file: $*"
+}
+
+head -c 3000000 /dev/urandom >"$work.data"
+trap 'umount "$work"/* 2>/dev/null; rm -rf "$work" "$work.data"' EXIT
+for type in tmpfs ramfs; do
+    dir=$work/$type
+    mkdir "$dir"
+    mount -t "$type" -o size=32m none "$dir"
+    f=$dir/file
+    cp "$work.data" "$f"
+    touch -d @1000000000 "$f"
+    echo '-- the way there and back'
+    expect 0 "^no +$([ $type = tmpfs ] && echo yes || echo no) +3000000" info "$f"
+    expect 0 '^$' stub "$f" --meta 'tape=1' --ref-time 1000000000
+    expect 0 '^yes .* 3000000' info "$f"
+    expect 0 '"stub":true,.*"logical":3000000' info --json "$f"
+    unchanged "$f" expect 1 'File exists \(code 17\)' stub "$f" --meta again
+    unchanged "$f" expect 1 'setfattr -x' stub "$f" --meta again
+    expect 0 '^$' backup "$f" -o "$dir/saved"
+    cmp -s <("$qzhsm" backup "$f" --snapshot) "$dir/saved" || fail "backup differs from --snapshot"
+    expect 0 '^$' restore-stub "$dir/again" "$dir/saved"
+    expect 0 '^yes' info "$dir/again"
+    expect 0 '^stubs +2$' scan "$dir"
+    truncate -s 4000000 "$dir/again"
+    expect 0 'does not fit: .*/again: header says 3000000 bytes, file has 4000000' scan "$dir"
+    rm "$dir/again"
+
+    echo '-- recalls that fail leave the stub'
+    unchanged "$f" expect 1 'is the stub itself' recall "$f" --from "$f"
+    unchanged "$f" expect 1 'No such file or directory \(code 4\)' recall "$f" --from "$dir/missing"
+    unchanged "$f" expect 1 'Is a directory' recall "$f" --from "$dir"
+    cp "$work.data" "$dir/plain"
+    unchanged "$dir/plain" expect 1 'plain is not a stub \(code 8\)' recall "$dir/plain" --from "$work.data"
+    rm "$dir/plain"
+    { cat "$work.data"; sleep 3; } | timeout -s TERM 1 "$qzhsm" recall "$f" --from - 2>"$dir/said"
+    grep -q 'the stub was put back as it was' "$dir/said" || fail "no word of putting back: $(cat "$dir/said")"
+    expect 0 '^yes .* 3000000' info "$f"
+    cmp -s <("$qzhsm" backup "$f") "$dir/saved" || fail "the stub is not as it was"
+    { head -c 2500000 "$work.data"; sleep 3; } | timeout -s KILL 1 "$qzhsm" recall "$f" --from -
+    expect 0 '^yes .* 3000000' info "$f"
+
+    echo '-- the recall'
+    expect 0 '^$' recall "$f" --from "$work.data"
+    cmp "$f" "$work.data" || fail "the data differs"
+    [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
+    expect 0 '^no' info "$f"
+    expect 0 '^$' stub "$f" --meta m
+    head -c 100 "$work.data" >"$dir/short"
+    expect 0 'warning: .* gets 100 bytes, but its stub records 3000000' recall "$f" --from "$dir/short"
+    cmp "$f" "$dir/short" || fail "a shorter recall left more than its data"
+
+    echo '-- bad input changes nothing'
+    unchanged "$f" expect 1 'not be shorter' stub "$f" --meta "$(head -c 200 /dev/zero | tr '\0' m)"
+    cp "$work.data" "$f"
+    unchanged "$f" expect 1 'modified file .* \(code 3\)' stub "$f" --meta m --ref-time 5
+    unchanged "$f" expect 1 'Message too long' stub "$f" --meta "$(head -c 4096 /dev/zero | tr '\0' m)"
+    unchanged "$f" expect 1 'is not a stub. \(code 8\)' backup "$f"
+    unchanged "$f" expect 1 'corrupt metadata' restore-stub "$f" "$work.data"
+    unchanged "$f" expect 1 'holds data' restore-stub "$f" "$dir/saved"
+    : >"$dir/empty"
+    unchanged "$dir/empty" expect 1 'not be shorter' stub "$dir/empty" --meta m
+    unchanged "$dir/empty" expect 1 'corrupt metadata' restore-stub "$dir/empty" "$dir/short"
+    expect 1 'corrupt metadata' restore-stub "$dir/new" "$dir/short"
+    [ ! -e "$dir/new" ] || fail "a failed restore left a file"
+    expect 1 'special file' stub "$dir" --meta m
+    expect 1 'special file' restore-stub "$dir" "$dir/saved"
+    [ -z "$(getfattr -d "$dir" 2>/dev/null)" ] || fail "the directory was marked"
+    expect 1 'No such file or directory \(code 4\)' stub "$dir/missing" --meta m
+    mount -o remount,ro "$dir"
+    unchanged "$f" expect 1 'Read-only file system \(code (30|-1)\)' stub "$f" --meta m
+    mount -o remount,rw "$dir"
+    printf '%s\0' "$f" "$dir/missing" "$dir/empty" >"$work/paths"
+    [ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | wc -l)" = 2 ] || fail "a missing path ended the list"
+    umount "$dir"
+done
+
+echo '-- a full file system in the middle of a recall'
+mkdir "$work/full"
+mount -t tmpfs -o size=2m none "$work/full"
+truncate -s 3000000 "$work/full/file"
+expect 0 '^$' stub "$work/full/file" --meta m
+before=$(fingerprint "$work/full/file")
+expect 1 'No space left on device \(code -1\)' recall "$work/full/file" --from "$work.data"
+[ "$before" = "$(fingerprint "$work/full/file")" ] || fail "the stub is not as it was after a full disk"
+umount "$work/full"
+
+echo '-- wrong usage'
+expect 2 'ERB|subcommand' ""
+expect 2 'frob' frobnicate
+expect 2 'meta' stub /tmp
+expect 2 'excludes' --fs qzfs --kind 2 info /
+expect 2 'PATH' info
+expect 2 'kind' --kind x info /
+expect 1 'no back-end for LUSTRE_FS' --fs LUSTRE_FS info /
+expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work.data" --meta m
+for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit scan; do
+    expect 0 'Usage: qzhsm' "$verb" --help
+    expect 0 "$verb" --help
+done
+"$qzhsm" info / >/dev/full 2>/dev/null && fail "a full standard output went unnoticed"
+
+if [ "$failures" -ne 0 ]; then
+    exit 1
+fi
+echo "all as expected"

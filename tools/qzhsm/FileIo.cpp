@@ -1,0 +1,63 @@
+#include "tools/qzhsm/FileIo.h"
+
+#include "tools/qzhsm/Report.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+struct stat statFollowing(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) < 0)
+        throw systemFailure("Failed to stat ", path, errno);
+    return st;
+}
+
+long long allocatedBytes(const struct stat& st) {
+    constexpr long long kBlock = 512; // the unit of st_blocks, whatever the file system's own
+    return st.st_blocks * kBlock;
+}
+
+bool isSameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+UniqueFd openForReading(const std::string& path) {
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen())
+        throw systemFailure("Failed to open ", path, errno);
+    return file;
+}
+
+std::vector<char> readUpTo(int fd, size_t size, const std::string& name,
+                           const std::function<void()>& onSignal) {
+    std::vector<char> bytes(size);
+    size_t total = 0;
+    while (total < size) {
+        const ssize_t got = ::read(fd, bytes.data() + total, size - total);
+        if (got == 0)
+            break;
+        if (got > 0)
+            total += static_cast<size_t>(got);
+        else if (errno == EINTR)
+            onSignal();
+        else
+            throw systemFailure("Failed to read from ", name, errno);
+    }
+    bytes.resize(total);
+    return bytes;
+}
+
+std::string writeNewFile(std::string name, const std::vector<char>& bytes) {
+    const UniqueFd file(::mkostemp(name.data(), O_CLOEXEC));
+    if (!file.isOpen())
+        throw systemFailure("Failed to create ", name, errno);
+    if (QZHSMLowLevel::writeAll(file.get(), bytes.data(), static_cast<int>(bytes.size())) < 0 ||
+        ::fsync(file.get()) < 0) {
+        const int err = errno;
+        ::unlink(name.c_str());
+        throw systemFailure("Failed to write into ", name, err);
+    }
+    return name;
+}

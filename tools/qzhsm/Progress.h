@@ -1,0 +1,34 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+/// One line on standard error that is written over again, at most ten times a second; nothing where standard
+/// error is no terminal.
+class Progress {
+public:
+    Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress() { clear(); }
+
+    /// A bar of bytes; with `total` 0, where it is not known, only their number.
+    void bytes(long long done, long long total);
+    /// A count and its rate.
+    void files(long long count);
+    /// Takes the line away, before anything else is written to the terminal.
+    void clear();
+
+    double seconds() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool isDue();
+    void draw(const std::string& text);
+
+    bool m_terminal;
+    bool m_drawn = false;
+    Clock::time_point m_start;
+    Clock::time_point m_last;
+};

@@ -1,0 +1,231 @@
+#include "tools/qzhsm/FileIo.h"
+#include "tools/qzhsm/Progress.h"
+#include "tools/qzhsm/Verbs.h"
+
+#include "platform/stub/StubText.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr size_t kPiece = size_t{1} << 20;
+
+volatile std::sig_atomic_t interrupted = 0;
+
+/// While it lives, the signals that ask the tool to stop are noted, and cut a waiting read short.
+class NoteSignals {
+public:
+    NoteSignals() {
+        struct sigaction note {};
+        note.sa_handler = [](int) { interrupted = 1; };
+        for (auto& [signal, before] : m_signals) {
+            ::sigaction(signal, nullptr, &before);
+            if (before.sa_handler != SIG_IGN)
+                ::sigaction(signal, &note, nullptr);
+        }
+    }
+    NoteSignals(const NoteSignals&) = delete;
+    NoteSignals& operator=(const NoteSignals&) = delete;
+    ~NoteSignals() {
+        for (const auto& [signal, before] : m_signals)
+            ::sigaction(signal, &before, nullptr);
+    }
+
+private:
+    std::pair<int, struct sigaction> m_signals[3] = {{SIGINT, {}}, {SIGTERM, {}}, {SIGHUP, {}}};
+};
+
+void stopWhereInterrupted() {
+    if (interrupted)
+        throw Failure(QZHSM_FAILURE, "Recall interrupted");
+}
+
+/// A file open for transparent writing.
+class TransparentFile {
+public:
+    TransparentFile(QZHSMLowLevel& backEnd, const std::string& path, int flags)
+        : m_backEnd(backEnd), m_path(path) {
+        checked(backEnd, backEnd.openFileTrans(path.c_str(), flags, 0));
+    }
+    TransparentFile(const TransparentFile&) = delete;
+    TransparentFile& operator=(const TransparentFile&) = delete;
+    ~TransparentFile() {
+        if (m_open)
+            m_backEnd.closeFileTrans();
+    }
+
+    void seek(long long offset) {
+        if (m_backEnd.seekFileTrans(offset, SEEK_SET) < 0)
+            throw Failure(m_backEnd);
+    }
+    void write(const std::vector<char>& bytes) {
+        const int length = static_cast<int>(bytes.size());
+        if (checked(m_backEnd, m_backEnd.writeFileTransAll(bytes.data(), length)) < length)
+            throw Failure(QZHSM_FAILURE, "Failed to write all data into " + m_path);
+    }
+    void close() {
+        m_open = false;
+        checked(m_backEnd, m_backEnd.closeFileTrans());
+    }
+
+private:
+    QZHSMLowLevel& m_backEnd;
+    const std::string& m_path;
+    bool m_open = true;
+};
+
+/// Where the data comes from.
+struct Source {
+    std::string name;
+    UniqueFd file;
+    long long size; ///< 0 where it is not known
+};
+
+class Recall {
+public:
+    Recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path)
+        : m_backEnd(backEnd), m_report(report), m_path(path), m_before(statFollowing(path)) {
+        if (!S_ISREG(m_before.st_mode) || !answered(backEnd, backEnd.isStub(path.c_str())))
+            throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub");
+    }
+
+    Source open(const std::string& from) {
+        const bool isInput = from == "-";
+        Source source{isInput ? "standard input" : from,
+                      isInput ? UniqueFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)) : openForReading(from),
+                      0};
+        struct stat st {};
+        if (::fstat(source.file.get(), &st) < 0)
+            throw systemFailure("Failed to stat ", source.name, errno);
+        if (S_ISDIR(st.st_mode))
+            throw systemFailure("Failed to read from ", source.name, EISDIR);
+        if (isSameFile(st, m_before))
+            throw Failure(QZHSM_FAILURE, source.name + " is the stub itself");
+        if (S_ISREG(st.st_mode)) {
+            if (!isInput && m_backEnd.isStub(from.c_str()) == 1)
+                throw Failure(QZHSM_FAILURE, from + " is a stub too: it holds no data");
+            source.size = st.st_size;
+        }
+        return source;
+    }
+
+    void run(const Source& source) {
+        checked(m_backEnd, m_backEnd.backupStub(m_path.c_str(), m_stubData));
+        const NoteSignals signals;
+        try {
+            const long long written = write(source);
+            // A recall that was cut short by a crash may have left more than the data behind.
+            if (written < m_before.st_size && ::truncate(m_path.c_str(), written) < 0)
+                throw systemFailure("Failed to truncate ", m_path, errno);
+            finish();
+        } catch (const Failure& failure) {
+            m_report.failure(failure);
+            putBack();
+        }
+    }
+
+private:
+    /// The first piece is written last: until then the stub's header stands, and whatever ends the tool
+    /// before leaves a stub that can be recalled again.
+    long long write(const Source& source) {
+        const auto next = [&] {
+            std::vector<char> piece = readUpTo(source.file.get(), kPiece, source.name, stopWhereInterrupted);
+            stopWhereInterrupted();
+            return piece;
+        };
+        Progress progress;
+        TransparentFile file(m_backEnd, m_path, O_WRONLY);
+        const std::vector<char> first = next();
+        auto total = static_cast<long long>(first.size());
+        if (first.size() == kPiece) {
+            file.seek(total);
+            for (std::vector<char> piece = next(); !piece.empty(); piece = next()) {
+                m_written = true;
+                file.write(piece);
+                total += static_cast<long long>(piece.size());
+                progress.bytes(total, source.size);
+            }
+        }
+        progress.clear();
+        warnOfSize(total);
+        m_written = true;
+        file.seek(0);
+        file.write(first);
+        file.close();
+        return total;
+    }
+
+    void warnOfSize(long long total) {
+        long long recorded = 0;
+        const std::string text(m_stubData.begin(), m_stubData.end());
+        if (qzhsm_stub2meta(text.c_str(), nullptr, &recorded, nullptr, 0, true) && recorded != total)
+            m_report.note("warning: " + m_path + " gets " + std::to_string(total) +
+                          " bytes, but its stub records " + std::to_string(recorded));
+    }
+
+    void finish() {
+        putTimesBack();
+        if (m_backEnd.restoreDone(m_path.c_str(), true, {}) >= 0)
+            return;
+        const Failure failure(m_backEnd);
+        // Where no mark can be kept there is none to remove, and the file is whole.
+        if (m_backEnd.isStub(m_path.c_str()) != 0 || m_backEnd.m_errorCode != QZHSM_SUCCESS)
+            throw Failure(failure);
+    }
+
+    void putTimesBack() {
+        checked(m_backEnd, m_backEnd.setAMCTime(m_path.c_str(), m_before.st_atime, m_before.st_mtime,
+                                                m_before.st_ctime));
+    }
+
+    void putBack() {
+        try {
+            checked(m_backEnd, m_backEnd.restoreDone(m_path.c_str(), false, {}));
+            if (m_written)
+                writeStub();
+            m_report.note(m_path + ": the stub was put back as it was");
+        } catch (const Failure& failure) {
+            m_report.failure(failure);
+            m_report.note(m_path + ": the stub could not be put back");
+            saveStubData();
+        }
+    }
+
+    void writeStub() {
+        TransparentFile file(m_backEnd, m_path, O_WRONLY | O_TRUNC);
+        file.write(m_stubData);
+        if (m_before.st_size > static_cast<long long>(m_stubData.size())) {
+            file.seek(m_before.st_size - 1);
+            file.write({'\0'});
+        }
+        file.close();
+        putTimesBack();
+    }
+
+    void saveStubData() {
+        try {
+            m_report.note("its stub data is in " + writeNewFile(m_path + ".stubdata.XXXXXX", m_stubData));
+        } catch (const Failure& failure) {
+            m_report.failure(failure);
+            m_report.note("its stub data is: " + std::string(m_stubData.begin(), m_stubData.end()));
+        }
+    }
+
+    QZHSMLowLevel& m_backEnd;
+    Report& m_report;
+    const std::string& m_path;
+    struct stat m_before;
+    std::vector<char> m_stubData;
+    bool m_written = false;
+};
+
+} // namespace
+
+void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& from) {
+    Recall recall(backEnd, report, path);
+    recall.run(recall.open(from));
+}

@@ -1,0 +1,73 @@
+#include "tools/qzhsm/Report.h"
+
+#include <cerrno>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+/// File names may hold anything; a terminal must not obey them.
+std::string printable(std::string_view text) {
+    std::string out(text);
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
+            c = '?';
+    return out;
+}
+
+} // namespace
+
+Failure systemFailure(std::string_view phrase, std::string_view path, int err) {
+    return {err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE,
+            std::string(phrase).append(path).append(": ").append(std::generic_category().message(err))};
+}
+
+int checked(const QZHSMLowLevel& backEnd, int result) {
+    if (result < 0)
+        throw Failure(backEnd);
+    return result;
+}
+
+bool answered(const QZHSMLowLevel& backEnd, int result) {
+    if (result < 0 || backEnd.m_errorCode != QZHSM_SUCCESS)
+        throw Failure(backEnd);
+    return result != 0;
+}
+
+void Report::raw(std::string_view bytes) {
+    if (QZHSMLowLevel::writeAll(STDOUT_FILENO, bytes.data(), static_cast<int>(bytes.size())) < 0)
+        throw OutputFailure(systemFailure("Failed to write to standard output", "", errno));
+}
+
+void Report::close() {
+    if (::close(STDOUT_FILENO) < 0)
+        throw OutputFailure(systemFailure("Failed to write to standard output", "", errno));
+}
+
+void Report::line(std::string_view text) {
+    raw(printable(text) + '\n');
+}
+
+void Report::row(std::string_view heading, std::string_view text) {
+    if (!m_headed)
+        line(heading);
+    m_headed = true;
+    line(text);
+}
+
+void Report::json(const Json& object) {
+    raw(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n');
+}
+
+void Report::note(std::string_view text) {
+    const std::string whole = "qzhsm: " + printable(text) + '\n';
+    // Where standard error itself cannot be written there is nobody left to tell.
+    QZHSMLowLevel::writeAll(STDERR_FILENO, whole.data(), static_cast<int>(whole.size()));
+}
+
+void Report::failure(const Failure& failure) {
+    m_failed = true;
+    note(std::string(failure.what()) + " (code " + std::to_string(failure.code()) + ")");
+    if (!failure.advice().empty())
+        note(failure.advice());
+}

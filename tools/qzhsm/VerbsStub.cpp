@@ -1,0 +1,146 @@
+#include "tools/qzhsm/FileIo.h"
+#include "tools/qzhsm/Verbs.h"
+
+#include "platform/stub/StubText.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+/// Why a back-end that creates its mark, and never replaces it, says that it is there.
+Failure markedAlready(const std::string& path, const std::string& text) {
+    return {EEXIST, text,
+            path +
+                " is a stub already, or an earlier stubbing was refused after marking it. In the second case "
+                "its data is still there: \"qzhsm info\" shows the allocated size, and \"setfattr -x "
+                "user.NkStubFile " +
+                path + "\" takes the mark away."};
+}
+
+/// Where no mark can be kept the back-end would replace one stub by another, and its metadata would be lost.
+void refuseStub(QZHSMLowLevel& backEnd, const std::string& path) {
+    if (answered(backEnd, backEnd.isStub(path.c_str())))
+        throw markedAlready(path, "Not replacing the stub " + path + ": File exists");
+}
+
+/// Throws the back-end's last error, explained.
+[[noreturn]] void throwExplained(const QZHSMLowLevel& backEnd, const std::string& path) {
+    if (backEnd.m_errorCode == EEXIST)
+        throw markedAlready(path, backEnd.m_errorText);
+    throw Failure(backEnd);
+}
+
+std::vector<char> readStubData(const std::string& stubFile, const std::string& path) {
+    std::vector<char> data = readUpTo(openForReading(stubFile).get(), kStubTextMax + 1, stubFile);
+    const std::string text(data.begin(), data.end());
+    std::vector<char> meta(kStubTextMax);
+    int length = 0;
+    long long size = 0;
+    // Size 0 is no stub's: there was nothing to archive, and no back-end can make such a stub again.
+    if (!qzhsm_stub2meta(text.c_str(), &length, &size, meta.data(), kStubTextMax, false) ||
+        static_cast<size_t>(length) != data.size() || size == 0)
+        throw Failure(QZHSM_FAILURE, "Stub " + path + " has corrupt metadata.");
+    return data;
+}
+
+/// The file that is about to become a stub again: made where it is missing, since the mark needs a file to
+/// land on, and taken back to what it was unless it is kept.
+class Target {
+public:
+    Target(QZHSMLowLevel& backEnd, const std::string& path, bool force) : m_backEnd(backEnd), m_path(path) {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) < 0) {
+            if (errno != ENOENT)
+                throw systemFailure("Failed to stat ", path, errno);
+            const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+            if (!file.isOpen())
+                throw systemFailure("Failed to create ", path, errno);
+            m_created = true;
+            return;
+        }
+        if (!S_ISREG(st.st_mode))
+            throw Failure(QZHSM_FAILURE, "Not restoring a stub over special file " + path);
+        refuseStub(backEnd, path);
+        m_empty = st.st_size == 0;
+        if (!m_empty && !force)
+            throw Failure(QZHSM_FAILURE, "Not restoring a stub over " + path + ": it holds data",
+                          "With --force its data is given up.");
+    }
+    Target(const Target&) = delete;
+    Target& operator=(const Target&) = delete;
+    ~Target() {
+        if (m_kept)
+            return;
+        if (m_created) {
+            ::unlink(m_path.c_str());
+            return;
+        }
+        m_backEnd.restoreDone(m_path.c_str(), true, {});
+        if (m_empty) [[maybe_unused]]
+            const int result = ::truncate(m_path.c_str(), 0);
+    }
+    void keep() { m_kept = true; }
+
+private:
+    QZHSMLowLevel& m_backEnd;
+    const std::string& m_path;
+    bool m_created = false;
+    bool m_empty = false;
+    bool m_kept = false;
+};
+
+} // namespace
+
+void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& meta,
+          std::optional<long> refTime) {
+    struct stat st {};
+    // What is missing or no regular file is the back-end's to refuse, in its own words.
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        refuseStub(backEnd, path);
+        const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
+        if (st.st_size <= length)
+            throw Failure(QZHSM_FAILURE,
+                          "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
+                              " bytes would not be shorter than its " + std::to_string(st.st_size));
+    }
+    if (backEnd.stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
+        throwExplained(backEnd, path);
+}
+
+void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& output,
+            bool fromSnapshot) {
+    std::vector<char> data;
+    checked(backEnd, fromSnapshot ? backEnd.backupStubFromSnap(path.c_str(), data)
+                                  : backEnd.backupStub(path.c_str(), data));
+    if (output.empty())
+        return report.raw({data.data(), data.size()});
+
+    // Only a plain file may be replaced: not a device, and not the stub itself.
+    struct stat old {};
+    if (::lstat(output.c_str(), &old) == 0 && (!S_ISREG(old.st_mode) || isSameFile(old, statFollowing(path))))
+        throw Failure(QZHSM_FAILURE, "Not replacing " + output + ": it is the stub or no regular file");
+    const size_t slash = output.rfind('/');
+    const std::string directory = slash == std::string::npos ? "" : output.substr(0, slash + 1);
+    const std::string written = writeNewFile(directory + ".qzhsm.XXXXXX", data);
+    if (::rename(written.c_str(), output.c_str()) < 0) {
+        const int err = errno;
+        ::unlink(written.c_str());
+        throw systemFailure("Failed to write ", output, err);
+    }
+}
+
+void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force) {
+    const std::vector<char> data = readStubData(stubFile, path);
+    Target target(backEnd, path, force);
+    const int result = backEnd.restoreStub(path.c_str(), data);
+    if (result >= 0 || backEnd.m_errorCode == EEXIST) // a mark that was there before is not ours to remove
+        target.keep();
+    if (result < 0)
+        throwExplained(backEnd, path);
+}
+
+void setTimes(QZHSMLowLevel& backEnd, const std::string& path, long atime, long mtime) {
+    checked(backEnd, backEnd.setAMCTime(path.c_str(), atime, mtime, 0));
+}
