@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -113,6 +114,12 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return EXIT_FAILURE;
+    try {
+        scratchPath("");
+    } catch (const std::system_error& e) {
+        std::cerr << "No scratch directory: " << e.what() << '\n';
+        return EXIT_FAILURE;
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     for (const std::string& broken : brokenPromises())

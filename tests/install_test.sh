@@ -22,7 +22,7 @@ cmake --build "$work/examples" >/dev/null
 
 # Each installed header stands on its own.
 find "$work/usr/include/qzhsm" -name '*.h' | while read -r header; do
-    g++ -std=c++20 -Wall -Wextra -Werror -fsyntax-only -x c++ "$header" "${flags[0]}"
+    g++ -std=c++20 -Wall -Wextra -Werror -fsyntax-only "${flags[0]}" -include "$header" -x c++ /dev/null
 done
 
 nm -D --defined-only "$libdir/libqzhsmlowlevel.so.1" | awk '$2 != "A" { print $3 }' | LC_ALL=C sort >"$work/symbols"
