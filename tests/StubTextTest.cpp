@@ -30,7 +30,7 @@ bool decodes(const std::string& text, bool withMeta) {
 } // namespace
 
 TEST(StubText, ComesBackAsItWentIn) {
-    for (const size_t length : {0, 1, 255, 256, 4030, 65470}) {
+    for (const size_t length : {0U, 1U, 255U, 256U, 4030U, 65470U}) {
         const std::string meta(length, 'm');
         for (const long long size : {0LL, 1LL, 0x123456789abcdefLL, 0x7fffffffffffffffLL}) {
             const std::string text = encode(meta, size);

@@ -15,10 +15,6 @@ bool isAscii(std::string_view text) {
     return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-bool needsConversion(const char* codeset, const char* utf8) {
-    return std::strcmp(codeset, "UTF-8") != 0 && !isAscii(utf8);
-}
-
 /// False where the path cannot be converted; `out` is then unspecified.
 bool convert(const char* codeset, std::string_view utf8, std::string& out) {
     iconv_t opened = iconv_open(codeset, "UTF-8");
@@ -43,8 +39,10 @@ bool convert(const char* codeset, std::string_view utf8, std::string& out) {
 } // namespace
 
 LocalPath::LocalPath(const char* utf8) : m_unchanged(utf8) {
+    if (isAscii(utf8)) // asked before the locale is: nearly every path
+        return;
     const char* codeset = nl_langinfo(CODESET);
-    if (needsConversion(codeset, utf8) && convert(codeset, utf8, m_converted))
+    if (std::strcmp(codeset, "UTF-8") != 0 && convert(codeset, utf8, m_converted))
         m_unchanged = nullptr;
 }
 

@@ -2,6 +2,7 @@
 
 #include "platform/files/utf_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -15,16 +16,11 @@ namespace {
 /// The path itself, or the nearest of its parents that exists, without symbolic links; empty where none is.
 std::string nearestExisting(std::string path) {
     char resolved[PATH_MAX];
-    while (!::realpath(path.c_str(), resolved)) {
-        const size_t slash = path.find_last_of('/');
-        if (slash == std::string::npos)
-            path = ".";
-        else if (slash == 0)
-            path = "/";
-        else
-            path.resize(slash);
-        if ((path == "." || path == "/") && !::realpath(path.c_str(), resolved))
+    while (!::realpath(path.empty() ? "." : path.c_str(), resolved)) {
+        if (path.empty() || path == "/")
             return {};
+        const size_t slash = path.find_last_of('/');
+        path.resize(slash == std::string::npos ? 0 : std::max<size_t>(slash, 1)); // "/a" lies in "/"
     }
     return resolved;
 }
