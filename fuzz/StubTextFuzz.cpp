@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int length = 0;
     if (qzhsm_stub2meta(text.c_str(), &length, &fileSize, meta.data(), kStubTextMax, true)) {
         std::string again(static_cast<size_t>(length), '\0');
-        if (qzhsm_meta2stub(meta.data(), fileSize, again.data(), length) != length || !text.starts_with(again))
+        if (qzhsm_meta2stub(meta.data(), fileSize, again.data(), length) != length ||
+            !text.starts_with(again))
             std::abort();
     }
     ReparseData parsed;
