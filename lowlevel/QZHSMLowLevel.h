@@ -91,8 +91,9 @@ public:
 
     /// Turns a file into a stub that carries `stubMeta` (NUL-terminated text): its data is given up.
     /// REQUIRES: the data has been archived, all of it, when the file's modification time was `refTime`.
-    /// `size` is the file's logical size. Code 3 where the file was modified since `refTime` or is in use.
-    /// 0, or -1; each back-end's header says what a failure leaves on disk.
+    /// `size` is the file's logical size. Code 3 where the file was modified since `refTime` or is in use;
+    /// whole seconds are compared, so a change within the same second is not seen. 0, or -1; each back-end's
+    /// header says what a failure leaves on disk.
     virtual int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) = 0;
 
     // --- Transparent I/O: a stub's own data, read and written without a recall ---

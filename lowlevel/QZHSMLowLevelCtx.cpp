@@ -72,8 +72,10 @@ void reportFailedCreation() {
 
 QZHSMLowLevelCtx::~QZHSMLowLevelCtx() {
     const NkCriticalSectionLock lock(&m_lock);
-    while (!m_objects.empty())
+    while (!m_objects.empty()) {
+        m_objects.begin()->second.reset();
         m_objects.erase(m_objects.begin());
+    }
 }
 
 template <class Lookup>

@@ -24,14 +24,14 @@ using ::testing::internal::GetCapturedStderr;
 
 TEST(Config, ReadsWhatItCanAndNamesWhatItCannot) {
     const TestConfig config(
-        "[Focus]\ninstance = I2\nno equals sign\n[Tessly/I2/JRN]\nnINSTALL=1\nworse\nlong=" +
-        std::string(300, 'x') + "\nlast=2\n");
+        "[Focus]\n  instance = I2\nno equals sign\n[Tessly/I2/JRN]\n\tnINSTALL=1\nworse\nlong=" +
+        std::string(300, 'x') + "\nlast=2\n;" + std::string(300, 'c') + "\n[" + std::string(60, 's') + "]\n");
     CaptureStderr();
     EXPECT_STREQ(NKPI_Focus::getFocus(), "I2");
     const std::string log = GetCapturedStderr();
-    for (const char* line : {":3: ", ":6: ", ":7: "})
+    for (const char* line : {":3: ", ":6: ", ":7: ", ":10: "})
         EXPECT_NE(log.find(line), std::string::npos) << log;
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 3) << log;
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
 
     CaptureStderr();
     NkRegKey key(true);
@@ -62,7 +62,7 @@ TEST(Config, AMissingFileIsEmptyAndAnUnreadableOneIsNot) {
     ::setenv("QZHSM_CONFIG", "/etc/passwd/below", 1);
     CaptureStderr();
     EXPECT_STREQ(NKPI_Focus::getFocus(), "Instance001");
-    EXPECT_NE(GetCapturedStderr().find("Failed to open /etc/passwd/below: Not a directory"),
+    EXPECT_NE(GetCapturedStderr().find("Failed to read /etc/passwd/below: Not a directory"),
               std::string::npos);
     ::unsetenv("QZHSM_CONFIG");
 }
@@ -184,7 +184,7 @@ TEST(TimedStat, WorksAfterAFork) {
     EXPECT_NE(TimedStat(5).class_lstat("/"), nullptr);
     const pid_t child = ::fork();
     if (child == 0)
-        ::_exit(TimedStat(5).class_lstat("/") ? 0 : 1);
+        std::exit(TimedStat(5).class_lstat("/") ? 0 : 1); // with all that ends at an exit
     int status = -1;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0) << "the parent's helper is not in the child";

@@ -55,15 +55,17 @@ int QZHSMLowLevelDriverless::isStub(const char* path) {
         return m_aclHelper->getAttribute(path, kStubMark, &value, 1) == 1 && value == kStubMarkValue ? 1 : 0;
     }
 
-    const UniqueFd file(open_utf(path, O_RDONLY, 0600));
-    if (!file.isOpen()) {
-        fail(QZHSM_NOT_FOUND, std::string("Failed to open ") + path);
-        return 0;
-    }
     char text[1024] = "";
-    if (::read(file.get(), text, sizeof text) < 0) {
-        fail(QZHSM_FAILURE, std::string("Failed to read from ") + path);
-        return 0;
+    {
+        const UniqueFd file(open_utf(path, O_RDONLY, 0600));
+        if (!file.isOpen()) {
+            fail(QZHSM_NOT_FOUND, std::string("Failed to open ") + path);
+            return 0;
+        }
+        if (::read(file.get(), text, sizeof text) < 0) {
+            fail(QZHSM_FAILURE, std::string("Failed to read from ") + path);
+            return 0;
+        }
     }
     int length = 0;
     const bool valid = qzhsm_stub2meta(text, &length, nullptr, nullptr, 0, true);

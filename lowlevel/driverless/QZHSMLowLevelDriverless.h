@@ -34,7 +34,8 @@ public:
     int startWatchingDirTree(const char* dirPath) override;
     int stopWatchingDirTree(const char* dirPath) override;
     int stopWatchingDevice(unsigned long device) override;
-    /// 1 where the directory lies in one of the client's migrated trees, else 0.
+    /// 1 where the directory, an absolute path, lies in one of the client's migrated trees, else 0. The list
+    /// is read anew each time.
     int isDirBeingWatched(const char* dirPath) override;
 
     // --- Where stubs can be kept ---
@@ -53,10 +54,12 @@ public:
     // --- The life of a stub ---
 
     /// 1 or 0; 0 also on failure: code 4 for a missing file and for one that cannot be opened, else -1. With
-    /// attributes the file is not opened; without, its access time is put back to the whole second.
+    /// attributes the file is not opened, and a mark that may not be read counts as none, with a clear error;
+    /// without them the file's access time is put back to the whole second.
     int isStub(const char* path) override;
-    /// Always 0, with state 2.
+    /// Always 0, with state 2; `isStub`'s error stands.
     int getFileInfo(const char* path, bool* isStub, int* state) override;
+    /// Whatever holds stub text can be saved, marked or not. A missing file is code -1 here.
     int backupStub(const char* path, std::vector<char>& stubData) override;
 
     /// `size` has no effect: the file's own size counts. Times are put back in whole seconds. A file shorter
@@ -70,7 +73,8 @@ public:
     /// never replaced: where it cannot be, the code is errno itself (EEXIST for a file marked already), and
     /// the file is untouched. Every later failure leaves the mark: the data is still there where the file
     /// could not be opened (-1), is locked (3) or could not be truncated (-1); it is gone where the text
-    /// could not be written (-1); the stub is complete where the times could not be put back (-1).
+    /// could not be written (-1; a write that is merely short is not noticed); the stub is complete where the
+    /// times could not be put back (-1).
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
 
     /// Creates a missing file with mode 0600; what an existing one held is lost, its mode kept. Times are not

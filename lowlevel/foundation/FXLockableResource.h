@@ -22,7 +22,8 @@ public:
     FXLockableResource& operator=(const FXLockableResource&) = delete;
     virtual ~FXLockableResource();
 
-    /// One attempt: true where the lock was taken.
+    /// One attempt: true where the lock was taken. Its holder may take it again, and then has to unlock it as
+    /// often; nobody else may unlock it.
     virtual bool TryLock() = 0;
     /// The base makes one attempt without waiting, whatever the timeout.
     virtual bool TryLock(CTimeInterval timeout) = 0;

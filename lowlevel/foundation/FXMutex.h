@@ -16,7 +16,7 @@ public:
     void Lock() override;
     /// Unlocks once. Of a free mutex only the system's unlock is called.
     void Unlock() override;
-    /// Makes the mutex anew, free: 0, or the system's error.
+    /// Makes the mutex anew: 0, or the system's error. To be called on a free mutex only.
     virtual int Init();
 
 private:

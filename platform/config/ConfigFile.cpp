@@ -1,11 +1,11 @@
 #include "platform/config/ConfigFile.h"
 
+#include "platform/config/TextFile.h"
+#include "platform/errors/ErrorText.h"
 #include "platform/logging/EvDebug.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <ini.h>
 #include <vector>
 
@@ -13,7 +13,9 @@ namespace {
 
 constexpr const char* kDefaultPath = "/etc/qzhsm/qzhsm.conf";
 
-const std::string kTooLong = "too long"; // NOLINT(cert-err58-cpp): short enough not to allocate
+constexpr const char* kTooLong = "too long";
+
+constexpr size_t kSectionMax = 49; ///< libinih cuts longer names
 
 /// Feeds libinih line by line. libinih tells only the first line that it cannot read, so such a line is
 /// blanked and the text is read again until all of it is accepted.
@@ -25,12 +27,18 @@ struct Lines {
         auto& source = *static_cast<Lines*>(self);
         if (source.next >= source.lines.size())
             return nullptr;
-        const std::string& line = source.lines[source.next++];
-        // libinih takes what is left of a line that fills its buffer for a line of its own; a line without
-        // a "=" is one that it reports.
-        const std::string& fed = line.size() < static_cast<size_t>(room) ? line : kTooLong;
-        into[fed.copy(into, static_cast<size_t>(room) - 1)] = '\0';
+        const std::string fed = readable(source.lines[source.next++], static_cast<size_t>(room));
+        into[fed.copy(into, fed.size())] = '\0';
         return into;
+    }
+
+    /// What libinih would misread in silence becomes what it reads right, or a line that it reports.
+    static std::string readable(const std::string& line, size_t room) {
+        const size_t start = line.find_first_not_of(" \t"); // an indented line would continue the one before
+        if (start == std::string::npos || line[start] == ';' || line[start] == '#')
+            return "";
+        const bool longSection = line[start] == '[' && line.find(']') > start + 1 + kSectionMax;
+        return longSection || line.size() - start >= room ? kTooLong : line.substr(start);
     }
 };
 
@@ -42,16 +50,10 @@ ConfigFile ConfigFile::read() {
     ConfigFile config;
     EvDebug log(nullptr);
 
-    errno = 0;
-    std::ifstream file(path);
-    if (!file) {
-        if (errno != ENOENT)
-            log.Error("ConfigFile::read", "Failed to open %s: %s", path.c_str(), std::strerror(errno));
-        return config;
-    }
     Lines source;
-    for (std::string line; std::getline(file, line);)
-        source.lines.push_back(line);
+    const int err = readLines(path, source.lines);
+    if (err != 0 && err != ENOENT)
+        log.Error("ConfigFile::read", "%s", errnoText({"Failed to read ", path}, err).c_str());
 
     const auto store = [](void* sections, const char* section, const char* key, const char* value) {
         (*static_cast<decltype(config.m_sections)*>(sections))[section][key] = value;

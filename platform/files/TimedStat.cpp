@@ -10,8 +10,6 @@
 #include <pthread.h>
 #include <semaphore>
 #include <string>
-#include <system_error>
-#include <thread>
 
 namespace {
 
@@ -26,13 +24,15 @@ struct Exchange {
     int error = 0;
 };
 
-void serve(const std::shared_ptr<Exchange>& exchange) {
+void* serve(void* argument) {
+    const std::unique_ptr<std::shared_ptr<Exchange>> own(static_cast<std::shared_ptr<Exchange>*>(argument));
+    Exchange& exchange = **own;
     for (;;) {
-        exchange->asked.acquire();
-        if (exchange->stop)
-            return;
-        exchange->error = lstat_utf(exchange->path.c_str(), &exchange->st) == 0 ? 0 : errno;
-        exchange->answered.release();
+        exchange.asked.acquire();
+        if (exchange.stop)
+            return nullptr;
+        exchange.error = lstat_utf(exchange.path.c_str(), &exchange.st) == 0 ? 0 : errno;
+        exchange.answered.release();
     }
 }
 
@@ -46,34 +46,36 @@ public:
         static_cast<void>(registered);
         m_born = forks;
 
+        auto shared = std::make_unique<std::shared_ptr<Exchange>>(m_exchange);
         // The service's signal handlers are not to run on a thread that may hang.
         sigset_t all;
         sigset_t before;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            m_thread = std::thread(serve, m_exchange);
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
+        m_startError = pthread_create(&m_thread, nullptr, serve, shared.get());
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        if (m_startError == 0)
+            static_cast<void>(shared.release()); // the thread's now
     }
 
     Helper(const Helper&) = delete;
     Helper& operator=(const Helper&) = delete;
 
     ~Helper() {
-        if (!lives()) {
-            m_thread.detach();
+        // A parent's thread is unknown here, and its id may be another thread's by now.
+        if (m_startError != 0 || m_born != forks)
+            return;
+        if (m_hangs) {
+            pthread_detach(m_thread);
             return;
         }
         m_exchange->stop = true;
         m_exchange->asked.release();
-        m_thread.join();
+        pthread_join(m_thread, nullptr);
     }
 
-    bool lives() const { return !m_hangs && m_born == forks; }
+    int startError() const { return m_startError; }
+    bool lives() const { return m_startError == 0 && !m_hangs && m_born == forks; }
 
     /// Null where the time ran out; the helper then no longer lives.
     const Exchange* ask(const char* path, int timeoutSeconds) {
@@ -85,8 +87,9 @@ public:
 
 private:
     std::shared_ptr<Exchange> m_exchange = std::make_shared<Exchange>();
-    std::thread m_thread;
+    pthread_t m_thread{};
     unsigned m_born = 0;
+    int m_startError = 0;
     bool m_hangs = false;
 };
 
@@ -94,12 +97,11 @@ private:
 
 const struct stat* TimedStat::class_lstat(const char* path) {
     static thread_local std::unique_ptr<Helper> helper;
-    try {
-        if (!helper || !helper->lives())
-            helper = std::make_unique<Helper>();
-    } catch (const std::system_error& e) {
-        m_errno = e.code().value();
-        return nullptr;
+    if (!helper || !helper->lives()) {
+        helper = std::make_unique<Helper>();
+        m_errno = helper->startError();
+        if (m_errno != 0)
+            return nullptr;
     }
     const Exchange* answer = helper->ask(path, m_timeoutSeconds);
     if (!answer) {

@@ -1,17 +1,16 @@
 #include "platform/mounts/QZHSMMigratedDirTrees.h"
 
 #include "platform/config/ConfigFile.h"
+#include "platform/config/TextFile.h"
+#include "platform/errors/ErrorText.h"
 #include "platform/logging/EvDebug.h"
-
-#include <cstring>
-#include <fstream>
-#include <string_view>
+#include "platform/mounts/PathPrefix.h"
 
 namespace {
 
-std::string_view withoutTrailingSlashes(std::string_view dir) {
+std::string withoutTrailingSlashes(std::string dir) {
     while (dir.size() > 1 && dir.back() == '/')
-        dir.remove_suffix(1);
+        dir.pop_back();
     return dir;
 }
 
@@ -23,21 +22,19 @@ QZHSMMigratedDirTrees::QZHSMMigratedDirTrees(bool wholeTrees, const char* client
     const std::string* listFile = config.value("MigratedDirTrees", clientName);
     if (!listFile)
         return;
-    std::ifstream list(*listFile);
-    if (!list)
-        EvDebug(nullptr).Error("QZHSMMigratedDirTrees::QZHSMMigratedDirTrees", "Failed to open %s: %s",
-                               listFile->c_str(), std::strerror(errno));
-    for (std::string line; std::getline(list, line);)
-        if (!line.empty())
-            m_dirs.emplace_back(withoutTrailingSlashes(line));
+    const int err = readLines(*listFile, m_dirs);
+    if (err != 0)
+        EvDebug(nullptr).Error("QZHSMMigratedDirTrees::QZHSMMigratedDirTrees", "%s",
+                               errnoText({"Failed to read ", *listFile}, err).c_str());
+    std::erase(m_dirs, "");
+    for (std::string& dir : m_dirs)
+        dir = withoutTrailingSlashes(dir);
 }
 
 int QZHSMMigratedDirTrees::wasDirMigrated(const char* path, std::string* dir) const {
-    const std::string_view asked = withoutTrailingSlashes(path);
+    const std::string asked = withoutTrailingSlashes(path);
     for (const std::string& tree : m_dirs) {
-        const bool below =
-            m_wholeTrees && asked.starts_with(tree) && (tree == "/" || asked[tree.size()] == '/');
-        if (asked == tree || below) {
+        if (asked == tree || (m_wholeTrees && liesIn(tree, asked))) {
             *dir = tree;
             return 1;
         }

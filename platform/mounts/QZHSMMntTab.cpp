@@ -1,6 +1,7 @@
 #include "platform/mounts/QZHSMMntTab.h"
 
 #include "platform/files/utf_files.h"
+#include "platform/mounts/PathPrefix.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <memory>
 #include <mntent.h>
-#include <string_view>
 
 namespace {
 
@@ -23,10 +23,6 @@ std::string nearestExisting(std::string path) {
         path.resize(slash == std::string::npos ? 0 : std::max<size_t>(slash, 1)); // "/a" lies in "/"
     }
     return resolved;
-}
-
-bool holds(std::string_view dir, std::string_view path) {
-    return dir == "/" || (path.starts_with(dir) && (path.size() == dir.size() || path[dir.size()] == '/'));
 }
 
 } // namespace
@@ -49,7 +45,8 @@ const QZHSMMntTab::Entry* QZHSMMntTab::find(const char* path) const {
     const std::string real = nearestExisting(LocalPath(path).c_str());
     const Entry* best = nullptr;
     for (const Entry& entry : m_entries)
-        if (holds(entry.mountDir, real) && (!best || entry.mountDir.size() >= best->mountDir.size()))
+        if (!real.empty() && liesIn(entry.mountDir, real) &&
+            (!best || entry.mountDir.size() >= best->mountDir.size()))
             best = &entry;
     return best;
 }

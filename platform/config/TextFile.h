@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Appends a file's lines, without their ends: 0, or the errno that opening or reading it met.
+int readLines(const std::string& path, std::vector<std::string>& lines);
