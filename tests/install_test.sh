@@ -8,13 +8,12 @@ cmake --install "$build" --prefix "$work/usr" >/dev/null
 libdir=$(dirname "$(find "$work/usr" -name 'libqzhsmlowlevel.so.1')")
 export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
 
-# pkg-config was written for the configured prefix; this is another.
-read -ra flags < <(pkg-config --define-prefix --cflags --libs qzhsmlowlevel)
+read -ra flags < <(pkg-config --cflags --libs qzhsmlowlevel)
 [ "qzhsm $(pkg-config --modversion qzhsmlowlevel)" = "$("$work/usr/bin/qzhsm" --version)" ]
 sed -n '/^```cpp$/,/^```$/p' "$source/README.md" | sed '1d;$d' >"$work/readme.cpp"
 g++ -std=c++20 -Wall -Wextra -Werror "$work/readme.cpp" "${flags[@]}" -o "$work/readme"
 head -c 100000 /dev/urandom >"$work/file"
-[ "$("$work/readme" "$work/file")" = "a stub now" ]
+[ "$("$work/readme" "$work/file" "$work/copy")" = "a stub now" ]
 diff "$work/readme.cpp" "$source/examples/stub_one_file.cpp"
 
 cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null

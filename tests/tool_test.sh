@@ -84,7 +84,14 @@ for type in tmpfs ramfs; do
     expect 0 '^no' info "$f"
     expect 0 '^$' stub "$f" --meta m
     head -c 100 "$work.data" >"$dir/short"
-    expect 0 'warning: .* gets 100 bytes, but its stub records 3000000' recall "$f" --from "$dir/short"
+    unchanged "$f" expect 1 'short has 100 bytes, but the stub .* records 3000000' recall "$f" --from "$dir/short"
+    "$qzhsm" backup "$f" >"$work/copy"
+    unchanged "$f" expect 1 'copy of one: it holds no data' recall "$f" --from "$work/copy"
+    unchanged "$work/copy" expect 1 'is a copy of a stub' stub "$work/copy" --meta m
+    echo appended >>"$f"
+    unchanged "$f" expect 1 'changed since it was stubbed' recall "$f" --from "$work.data"
+    truncate -s 3000000 "$f"
+    expect 0 'warning: .* has 100 bytes' recall "$f" --from "$dir/short" --force
     cmp "$f" "$dir/short" || fail "a shorter recall left more than its data"
 
     echo '-- bad input changes nothing'
@@ -121,6 +128,13 @@ before=$(fingerprint "$work/full/file")
 expect 1 'No space left on device \(code -1\)' recall "$work/full/file" --from "$work.data"
 [ "$before" = "$(fingerprint "$work/full/file")" ] || fail "the stub is not as it was after a full disk"
 umount "$work/full"
+
+echo '-- a user who may not read'
+chmod 755 "$work"
+cp "$work.data" "$work/private"
+chmod 600 "$work/private"
+said=$(setpriv --reuid 65534 --clear-groups "$qzhsm" info "$work/private" 2>&1)
+[[ $said == *'Permission denied'* ]] || fail "a stub that may not be read is taken for a plain file"
 
 echo '-- wrong usage'
 expect 2 'ERB|subcommand' ""

@@ -1,5 +1,6 @@
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Progress.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include "platform/stub/StubText.h"
@@ -87,9 +88,9 @@ struct Source {
 
 class Recall {
 public:
-    Recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path)
-        : m_backEnd(backEnd), m_report(report), m_path(path), m_before(statFollowing(path)) {
-        if (!S_ISREG(m_before.st_mode) || !answered(backEnd, backEnd.isStub(path.c_str())))
+    Recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, bool force)
+        : m_backEnd(backEnd), m_report(report), m_path(path), m_force(force), m_before(statFollowing(path)) {
+        if (!isStubFile(backEnd, path, m_before))
             throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub");
     }
 
@@ -105,16 +106,16 @@ public:
             throw systemFailure("Failed to read from ", source.name, EISDIR);
         if (isSameFile(st, m_before))
             throw Failure(QZHSM_FAILURE, source.name + " is the stub itself");
-        if (S_ISREG(st.st_mode)) {
-            if (!isInput && m_backEnd.isStub(from.c_str()) == 1)
-                throw Failure(QZHSM_FAILURE, from + " is a stub too: it holds no data");
+        if (S_ISREG(st.st_mode))
             source.size = st.st_size;
-        }
         return source;
     }
 
     void run(const Source& source) {
         checked(m_backEnd, m_backEnd.backupStub(m_path.c_str(), m_stubData));
+        const std::string problem = misfit(m_stubData, m_before.st_size);
+        if (!problem.empty())
+            suspect(m_path + " was changed since it was stubbed: " + problem);
         const NoteSignals signals;
         try {
             const long long written = write(source);
@@ -151,7 +152,7 @@ private:
             }
         }
         progress.clear();
-        warnOfSize(total);
+        examine(first, total, source.name);
         m_written = true;
         file.seek(0);
         file.write(first);
@@ -159,12 +160,23 @@ private:
         return total;
     }
 
-    void warnOfSize(long long total) {
+    /// What points to data being lost is a failure, unless it is wanted.
+    void suspect(const std::string& text) {
+        if (!m_force)
+            throw Failure(QZHSM_FAILURE, text, "With --force it is recalled all the same.");
+        m_report.note("warning: " + text);
+    }
+
+    /// All that can be told of the data before the stub's header is overwritten.
+    void examine(const std::vector<char>& first, long long total, const std::string& source) {
+        if (beginsWithStubText(first))
+            suspect(source + " is a stub or the copy of one: it holds no data");
         long long recorded = 0;
         const std::string text(m_stubData.begin(), m_stubData.end());
-        if (qzhsm_stub2meta(text.c_str(), nullptr, &recorded, nullptr, 0, true) && recorded != total)
-            m_report.note("warning: " + m_path + " gets " + std::to_string(total) +
-                          " bytes, but its stub records " + std::to_string(recorded));
+        qzhsm_stub2meta(text.c_str(), nullptr, &recorded, nullptr, 0, true);
+        if (recorded != total)
+            suspect(source + " has " + std::to_string(total) + " bytes, but the stub " + m_path +
+                    " records " + std::to_string(recorded));
     }
 
     void finish() {
@@ -187,7 +199,8 @@ private:
             checked(m_backEnd, m_backEnd.restoreDone(m_path.c_str(), false, {}));
             if (m_written)
                 writeStub();
-            m_report.note(m_path + ": the stub was put back as it was");
+            m_report.note(m_path +
+                          (m_written ? ": the stub was put back as it was" : ": the stub was not touched"));
         } catch (const Failure& failure) {
             m_report.failure(failure);
             m_report.note(m_path + ": the stub could not be put back");
@@ -218,6 +231,7 @@ private:
     QZHSMLowLevel& m_backEnd;
     Report& m_report;
     const std::string& m_path;
+    bool m_force;
     struct stat m_before;
     std::vector<char> m_stubData;
     bool m_written = false;
@@ -225,7 +239,8 @@ private:
 
 } // namespace
 
-void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& from) {
-    Recall recall(backEnd, report, path);
+void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& from,
+            bool force) {
+    Recall recall(backEnd, report, path, force);
     recall.run(recall.open(from));
 }

@@ -1,8 +1,7 @@
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Progress.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
-
-#include "platform/stub/StubText.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -60,7 +59,7 @@ private:
         m_logical += st.st_size;
         m_allocated += allocatedBytes(st);
         m_progress.files(m_files);
-        if (!answered(m_backEnd, m_backEnd.isStub(path.c_str())))
+        if (!isStubFile(m_backEnd, path, st))
             return;
         ++m_stubs;
         const std::string problem = examineHeader(path, st.st_size);
@@ -82,15 +81,7 @@ private:
                 return "no valid header";
             throw Failure(m_backEnd);
         }
-        const std::string text(data.begin(), data.end());
-        int length = 0;
-        long long recorded = 0;
-        if (!qzhsm_stub2meta(text.c_str(), &length, &recorded, m_meta.data(), kStubTextMax, true))
-            return "no valid header";
-        // A file shorter than its header grew to the header's length.
-        if (size == recorded || (recorded < length && size == length))
-            return {};
-        return "header says " + std::to_string(recorded) + " bytes, file has " + std::to_string(size);
+        return misfit(data, size);
     }
 
     void summarise() {
@@ -121,7 +112,6 @@ private:
     QZHSMLowLevel& m_backEnd;
     Report& m_report;
     Progress m_progress;
-    std::vector<char> m_meta = std::vector<char>(kStubTextMax);
     long long m_files = 0;
     long long m_stubs = 0;
     long long m_misfits = 0;

@@ -20,8 +20,10 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
             bool fromSnapshot);
 /// `force`: also over a file that holds data.
 void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force);
-/// `from` "-" is standard input.
-void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& from);
+/// `from` "-" is standard input. `force`: also where the data or the stub's size is not what the stub
+/// records.
+void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& from,
+            bool force);
 void setTimes(QZHSMLowLevel& backEnd, const std::string& path, long atime, long mtime);
 
 void watch(QZHSMLowLevel& backEnd, const std::string& path);

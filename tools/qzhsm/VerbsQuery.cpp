@@ -1,4 +1,5 @@
 #include "tools/qzhsm/FileIo.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <cstdio>
@@ -19,8 +20,7 @@ std::string timeText(time_t seconds) {
 
 void info(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
     const struct stat st = statFollowing(path);
-    // Nothing else is ever a stub, and to look into a pipe would be to wait for its writer.
-    const bool isStub = S_ISREG(st.st_mode) && answered(backEnd, backEnd.isStub(path.c_str()));
+    const bool isStub = isStubFile(backEnd, path, st);
     const bool isManaged = answered(backEnd, backEnd.isDMRFS(path.c_str()));
     if (report.isJson())
         return report.json({{"path", path},

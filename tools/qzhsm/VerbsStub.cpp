@@ -1,4 +1,5 @@
 #include "tools/qzhsm/FileIo.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include "platform/stub/StubText.h"
@@ -20,8 +21,8 @@ Failure markedAlready(const std::string& path, const std::string& text) {
 }
 
 /// Where no mark can be kept the back-end would replace one stub by another, and its metadata would be lost.
-void refuseStub(QZHSMLowLevel& backEnd, const std::string& path) {
-    if (answered(backEnd, backEnd.isStub(path.c_str())))
+void refuseStub(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st) {
+    if (isStubFile(backEnd, path, st))
         throw markedAlready(path, "Not replacing the stub " + path + ": File exists");
 }
 
@@ -30,19 +31,6 @@ void refuseStub(QZHSMLowLevel& backEnd, const std::string& path) {
     if (backEnd.m_errorCode == EEXIST)
         throw markedAlready(path, backEnd.m_errorText);
     throw Failure(backEnd);
-}
-
-std::vector<char> readStubData(const std::string& stubFile, const std::string& path) {
-    std::vector<char> data = readUpTo(openForReading(stubFile).get(), kStubTextMax + 1, stubFile);
-    const std::string text(data.begin(), data.end());
-    std::vector<char> meta(kStubTextMax);
-    int length = 0;
-    long long size = 0;
-    // Size 0 is no stub's: there was nothing to archive, and no back-end can make such a stub again.
-    if (!qzhsm_stub2meta(text.c_str(), &length, &size, meta.data(), kStubTextMax, false) ||
-        static_cast<size_t>(length) != data.size() || size == 0)
-        throw Failure(QZHSM_FAILURE, "Stub " + path + " has corrupt metadata.");
-    return data;
 }
 
 /// The file that is about to become a stub again: made where it is missing, since the mark needs a file to
@@ -62,7 +50,7 @@ public:
         }
         if (!S_ISREG(st.st_mode))
             throw Failure(QZHSM_FAILURE, "Not restoring a stub over special file " + path);
-        refuseStub(backEnd, path);
+        refuseStub(backEnd, path, st);
         m_empty = st.st_size == 0;
         if (!m_empty && !force)
             throw Failure(QZHSM_FAILURE, "Not restoring a stub over " + path + ": it holds data",
@@ -98,7 +86,10 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
     struct stat st {};
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-        refuseStub(backEnd, path);
+        refuseStub(backEnd, path, st);
+        if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextMax, path)))
+            throw Failure(QZHSM_FAILURE,
+                          "Not stubbing " + path + ": it is a copy of a stub and holds no data");
         const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
         if (st.st_size <= length)
             throw Failure(QZHSM_FAILURE,
@@ -111,6 +102,8 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
 
 void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& output,
             bool fromSnapshot) {
+    if (!S_ISREG(statFollowing(path).st_mode))
+        throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub.");
     std::vector<char> data;
     checked(backEnd, fromSnapshot ? backEnd.backupStubFromSnap(path.c_str(), data)
                                   : backEnd.backupStub(path.c_str(), data));
@@ -132,7 +125,7 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
 }
 
 void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force) {
-    const std::vector<char> data = readStubData(stubFile, path);
+    const std::vector<char> data = readStubData(stubFile);
     Target target(backEnd, path, force);
     const int result = backEnd.restoreStub(path.c_str(), data);
     if (result >= 0 || backEnd.m_errorCode == EEXIST) // a mark that was there before is not ours to remove

@@ -1,6 +1,10 @@
+#include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Verbs.h"
 
+#include <filesystem>
+
 void watch(QZHSMLowLevel& backEnd, const std::string& path) {
+    statFollowing(path);
     checked(backEnd, backEnd.startWatchingDirTree(path.c_str()));
 }
 
@@ -9,7 +13,9 @@ void unwatch(QZHSMLowLevel& backEnd, const std::string& path) {
 }
 
 void watched(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
-    const bool isWatched = answered(backEnd, backEnd.isDirBeingWatched(path.c_str()));
+    statFollowing(path);
+    const std::string whole = std::filesystem::absolute(path).lexically_normal();
+    const bool isWatched = answered(backEnd, backEnd.isDirBeingWatched(whole.c_str()));
     if (report.isJson())
         report.json({{"path", path}, {"watched", isWatched}});
     else

@@ -143,12 +143,13 @@ CommandLine::CommandLine() {
                     [this](QZHSMLowLevel& backEnd, Report&, const std::string& path) {
                         stub(backEnd, path, m_meta, m_refTime);
                     });
-    addText(verb, "--meta", m_meta, "What the stub says about the archived data")
+    addText(verb, "--meta", m_meta, "What the stub says about the archived data; at most 4030 bytes")
         ->option_text("TEXT (required)")
         ->required();
-    verb->add_option("--ref-time", m_refTime,
-                     "When the file was archived, in seconds since the epoch: one that was modified later is "
-                     "refused; by default its own modification time")
+    verb->add_option(
+            "--ref-time", m_refTime,
+            "The modification time that the file had when it was archived, in seconds since the epoch: "
+            "a file modified since is refused. Without it nothing is checked")
         ->option_text("SECONDS");
 
     verb = addVerb("backup", "Save a stub's data", [this](QZHSMLowLevel& backEnd, Report& report) {
@@ -167,12 +168,13 @@ CommandLine::CommandLine() {
     verb->add_flag("--force", m_force, "Also replace a file that holds data");
 
     verb = addVerb("recall", "Give a stub its data back", [this](QZHSMLowLevel& backEnd, Report& report) {
-        recall(backEnd, report, m_path, m_file);
+        recall(backEnd, report, m_path, m_file, m_force);
     });
     addText(verb, "PATH", m_path, "The stub")->required()->option_text(" ");
     addText(verb, "--from", m_file, "The file that holds the data, or - for standard input")
         ->option_text("FILE (required)")
         ->required();
+    verb->add_flag("--force", m_force, "Also where the sizes are not what the stub records");
 
     verb = addPathVerb("set-times", "Set access and modification times, in seconds since the epoch",
                        [this](QZHSMLowLevel& backEnd, Report&, const std::string& path) {
