@@ -16,7 +16,7 @@ head -c 100000 /dev/urandom >"$work/file"
 [ "$("$work/readme" "$work/file" "$work/copy")" = "a stub now" ]
 diff "$work/readme.cpp" "$source/examples/stub_one_file.cpp"
 
-cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
+cmake -G Ninja -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/examples" >/dev/null
 
 # Each installed header stands on its own.

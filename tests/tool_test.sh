@@ -130,10 +130,9 @@ expect 1 'No space left on device \(code -1\)' recall "$work/full/file" --from "
 umount "$work/full"
 
 echo '-- a user who may not read'
-chmod 755 "$work"
 cp "$work.data" "$work/private"
-chmod 600 "$work/private"
-said=$(setpriv --reuid 65534 --clear-groups "$qzhsm" info "$work/private" 2>&1)
+chmod 000 "$work/private"
+said=$(setpriv --bounding-set=-dac_override,-dac_read_search "$qzhsm" info "$work/private" 2>&1)
 [[ $said == *'Permission denied'* ]] || fail "a stub that may not be read is taken for a plain file"
 
 echo '-- wrong usage'
