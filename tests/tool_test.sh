@@ -49,6 +49,7 @@ for type in tmpfs ramfs; do
     echo '-- the way there and back'
     expect 0 "^no +$([ $type = tmpfs ] && echo yes || echo no) +3000000" info "$f"
     expect 0 '^$' stub "$f" --meta 'tape=1' --ref-time 1000000000
+    [ "$(stat -c %X "$f")" = 1000000000 ] || fail "stubbing moved the access time"
     expect 0 '^yes .* 3000000' info "$f"
     expect 0 '"stub":true,.*"logical":3000000' info --json "$f"
     unchanged "$f" expect 1 'File exists \(code 17\)' stub "$f" --meta again
@@ -118,6 +119,14 @@ for type in tmpfs ramfs; do
     [ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | wc -l)" = 2 ] || fail "a missing path ended the list"
     umount "$dir"
 done
+
+echo '-- a mark that is not ours stays'
+mkdir "$work/marked"
+mount -t tmpfs none "$work/marked"
+: >"$work/marked/file"
+setfattr -n user.NkStubFile -v other "$work/marked/file"
+unchanged "$work/marked/file" expect 1 'File exists \(code 17\)' restore-stub "$work/marked/file" "$work/saved"
+umount "$work/marked"
 
 echo '-- a full file system in the middle of a recall'
 mkdir "$work/full"

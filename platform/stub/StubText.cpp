@@ -21,7 +21,7 @@ constexpr Field kFileSize{22, 16};
 constexpr Field kMetaLength{39, 8};
 constexpr Field kPrefixCrc{48, 8};
 constexpr Field kMetaCrc{57, 8};
-static_assert(kMetaCrc.offset + kMetaCrc.width + 1 == kShape.size());
+static_assert(kMetaCrc.offset + kMetaCrc.width + 1 == kShape.size() && kShape.size() == kStubTextPrefix);
 
 uint32_t crcOf(std::string_view bytes, uLong before = 0) {
     return static_cast<uint32_t>(

@@ -14,6 +14,8 @@
 /// NUL and is at most 65,536 bytes long.
 
 constexpr int kStubTextMax = 65536;
+/// The prefix's length: what a look at a file's beginning takes.
+constexpr int kStubTextPrefix = 66;
 
 /// Builds stub text from `meta` (NUL-terminated) and the file's size in bytes. With `stubOut` null, returns
 /// the length that it takes. Otherwise writes it, without a NUL, and returns its length; where it is longer
@@ -24,9 +26,9 @@ QZHSM_API int qzhsm_meta2stub(const char* meta, long long fileSize, char* stubOu
 /// Examines stub text and takes it apart. `stub` is read byte by byte up to the first byte that does not fit,
 /// never past a NUL; null is corrupt. Pointers may be null where the answer is of no interest.
 ///
-/// With `meta` null only the prefix is examined, so that the first 66 bytes are enough. With `meta`, the
-/// metadata is examined too and copied there, NUL-terminated, `metaLen` being the buffer's size in bytes.
-/// `check` asks for validation only: the two values of it act alike.
+/// With `meta` null only the prefix is examined, so that the first `kStubTextPrefix` bytes are enough. With
+/// `meta`, the metadata is examined too and copied there, NUL-terminated, `metaLen` being the buffer's size
+/// in bytes. `check` asks for validation only: the two values of it act alike.
 ///
 /// Returns true with the text's whole length in `*stubLen` and the file's size in `*fileSize`. Corrupt text:
 /// false, and 0 in `*stubLen`. A metadata buffer that is too small: false and the size it needs in

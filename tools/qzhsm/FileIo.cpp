@@ -24,7 +24,9 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
 }
 
 UniqueFd openForReading(const std::string& path) {
-    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOATIME));
+    if (!file.isOpen() && errno == EPERM) // another user's file
+        file = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.isOpen())
         throw systemFailure("Failed to open ", path, errno);
     return file;

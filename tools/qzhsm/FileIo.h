@@ -16,6 +16,7 @@ long long allocatedBytes(const struct stat& st);
 
 bool isSameFile(const struct stat& a, const struct stat& b);
 
+/// Reading leaves the access time alone where the system lets it.
 UniqueFd openForReading(const std::string& path);
 
 /// Reads until `size` bytes are there or the file ends. `onSignal` is called where a signal cuts a read

@@ -3,8 +3,6 @@
 #include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
-#include "platform/stub/StubText.h"
-
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -113,9 +111,11 @@ public:
 
     void run(const Source& source) {
         checked(m_backEnd, m_backEnd.backupStub(m_path.c_str(), m_stubData));
-        const std::string problem = misfit(m_stubData, m_before.st_size);
+        const std::optional<StubFacts> facts = readFacts(m_stubData);
+        const std::string problem = misfit(facts, m_before.st_size);
         if (!problem.empty())
             suspect(m_path + " was changed since it was stubbed: " + problem);
+        m_recorded = facts ? facts->fileSize : 0;
         const NoteSignals signals;
         try {
             const long long written = write(source);
@@ -171,12 +171,9 @@ private:
     void examine(const std::vector<char>& first, long long total, const std::string& source) {
         if (beginsWithStubText(first))
             suspect(source + " is a stub or the copy of one: it holds no data");
-        long long recorded = 0;
-        const std::string text(m_stubData.begin(), m_stubData.end());
-        qzhsm_stub2meta(text.c_str(), nullptr, &recorded, nullptr, 0, true);
-        if (recorded != total)
+        if (m_recorded != total)
             suspect(source + " has " + std::to_string(total) + " bytes, but the stub " + m_path +
-                    " records " + std::to_string(recorded));
+                    " records " + std::to_string(m_recorded));
     }
 
     void finish() {
@@ -234,6 +231,7 @@ private:
     bool m_force;
     struct stat m_before;
     std::vector<char> m_stubData;
+    long long m_recorded = 0; ///< the size of the data that the stub stands for
     bool m_written = false;
 };
 

@@ -81,7 +81,7 @@ private:
                 return "no valid header";
             throw Failure(m_backEnd);
         }
-        return misfit(data, size);
+        return misfit(readFacts(data), size);
     }
 
     void summarise() {

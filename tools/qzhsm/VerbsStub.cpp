@@ -87,7 +87,7 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
         refuseStub(backEnd, path, st);
-        if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextMax, path)))
+        if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextPrefix, path)))
             throw Failure(QZHSM_FAILURE,
                           "Not stubbing " + path + ": it is a copy of a stub and holds no data");
         const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
