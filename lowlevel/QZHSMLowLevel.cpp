@@ -19,10 +19,7 @@ int QZHSMLowLevel::resubmitPendingRecalls() {
 QZHSMLowLevel* QZHSMLowLevel::create() {
     EvDebug log(nullptr);
     try {
-        QZHSMLowLevel* object = createQZHSMLowLevelQZFS();
-        if (!object)
-            log.Error("QZHSMLowLevel::create", "%s", "There is no filter-driver back-end");
-        return object;
+        return createQZHSMLowLevelQZFS();
     } catch (const NkException& e) {
         log.Error("QZHSMLowLevel::create", "%s", e.getMessage());
         return nullptr;

@@ -146,4 +146,22 @@ protected:
     int failErrno(int code, std::string_view phrase, std::string_view path, int err);
     /// The code for an errno: 4 for a missing file, else -1.
     static int codeFor(int err);
+
+    // What several back-ends do alike. Each sets the error on failure.
+
+    /// stat(2): 0, or -1.
+    int statPath(const char* path, struct stat* st);
+    /// utime(2): 0, or -1.
+    int setTimes(const char* path, long atime, long mtime);
+    /// Takes stub data apart, metadata of any length: 0, or -1. `meta` ends in a NUL.
+    int decodeStubData(const char* path, const std::vector<char>& stubData, std::vector<char>& meta,
+                       long long& size);
+    /// Fails because a file is open for transparent I/O already.
+    int failSecondOpen(std::string_view path);
+    /// Clears the error. False, with the error set, where `fd` is not open for transparent I/O.
+    bool requireTrans(int fd);
+    /// read(2) for transparent I/O.
+    int readTrans(int fd, void* buf, int len);
+    /// lseek(2) for transparent I/O.
+    long long seekTrans(int fd, long long offset, int whence);
 };

@@ -1,16 +1,18 @@
 #include "lowlevel/QZHSMLowLevelCtxHelper.h"
 
+#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 
 #include <memory>
 
 QZHSMLowLevel* createQZHSMLowLevelQZFS() {
-    return nullptr;
+    return std::make_unique<QZHSMLowLevelQZFS>().release();
 }
 
 QZHSMLowLevel* createQZHSMLowLevelQZFSExtent() {
-    return nullptr;
+    return std::make_unique<QZHSMLowLevelQZFSExtent>().release();
 }
 
 QZHSMLowLevel* createQZHSMLowLevelDriverless() {

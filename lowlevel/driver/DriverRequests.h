@@ -16,6 +16,11 @@
 /// A path in the locale's encoding or a stub's metadata, NUL-terminated.
 using DriverText = char[2048];
 
+/// Sets a field that is zero so far; a text that is too long is cut.
+void setText(DriverText& field, const char* text);
+/// The same with a UTF-8 path.
+void setPath(DriverText& field, const char* path);
+
 struct StatRecord {
     DriverText path;
     int32_t isStub;   ///< out: not 0 for a stub
@@ -107,36 +112,43 @@ constexpr DriverErrno kCreateErrnos[] = {{EALREADY, QZHSM_ALREADY},
 constexpr DriverErrno kRestoreErrnos[] = {{ENOENT, QZHSM_NOT_FOUND}, {EINVAL, QZHSM_INVALID}};
 constexpr DriverErrno kPassThroughErrnos[] = {{ENOENT, QZHSM_NOT_FOUND}, {kDriverNotAStub, QZHSM_NOT_A_STUB}};
 
-/// A request that goes with records of one type.
-template <class Record>
-struct DriverRequest {
+/// What the driver can be asked.
+struct DriverOperation {
     unsigned long command;
     const char* name;
     std::span<const DriverErrno> errnos;
 };
-constexpr DriverRequest<StatRecord> QZHSM_STAT{_IOWR('C', 1, StatRecord), "QZHSM_STAT", kCommonErrnos};
-constexpr DriverRequest<StatByFidRecord> QZHSM_STAT_BY_FID{_IOWR('C', 2, StatByFidRecord),
-                                                           "QZHSM_STAT_BY_FID", kCommonErrnos};
-constexpr DriverRequest<CreateStubRecord> QZHSM_CREATE_STUB{_IOW('C', 3, CreateStubRecord),
-                                                            "QZHSM_CREATE_STUB", kCreateErrnos};
-constexpr DriverRequest<DeleteStubRecord> QZHSM_DELETE_STUB{_IOW('C', 4, DeleteStubRecord),
-                                                            "QZHSM_DELETE_STUB", kCommonErrnos};
-constexpr DriverRequest<PassThroughRecord> QZHSM_PASS_THROUGH{_IOW('C', 6, PassThroughRecord),
-                                                              "QZHSM_PASS_THROUGH", kPassThroughErrnos};
+
+/// An operation that goes with records of one type.
+template <class Record>
+struct DriverRequest : DriverOperation {
+    /// Asks the driver behind the descriptor of its device: 0, or errno.
+    int send(int device, Record& record) const { return ::ioctl(device, command, &record) < 0 ? errno : 0; }
+};
+
+constexpr DriverRequest<StatRecord> QZHSM_STAT{{_IOWR('C', 1, StatRecord), "QZHSM_STAT", kCommonErrnos}};
+constexpr DriverRequest<StatByFidRecord> QZHSM_STAT_BY_FID{
+    {_IOWR('C', 2, StatByFidRecord), "QZHSM_STAT_BY_FID", kCommonErrnos}};
+constexpr DriverRequest<CreateStubRecord> QZHSM_CREATE_STUB{
+    {_IOW('C', 3, CreateStubRecord), "QZHSM_CREATE_STUB", kCreateErrnos}};
+constexpr DriverRequest<DeleteStubRecord> QZHSM_DELETE_STUB{
+    {_IOW('C', 4, DeleteStubRecord), "QZHSM_DELETE_STUB", kCommonErrnos}};
+constexpr DriverRequest<PassThroughRecord> QZHSM_PASS_THROUGH{
+    {_IOW('C', 6, PassThroughRecord), "QZHSM_PASS_THROUGH", kPassThroughErrnos}};
 constexpr DriverRequest<PassThroughByFidRecord> QZHSM_PASS_THROUGH_BY_FID{
-    _IOW('C', 7, PassThroughByFidRecord), "QZHSM_PASS_THROUGH_BY_FID", kPassThroughErrnos};
-constexpr DriverRequest<TranWriteRecord> QZHSM_TRAN_WRITE{_IOWR('C', 8, TranWriteRecord), "QZHSM_TRAN_WRITE",
-                                                          kCommonErrnos};
-constexpr DriverRequest<AddWatchRecord> QZHSM_ADD_WATCH_FS{_IOW('C', 10, AddWatchRecord),
-                                                           "QZHSM_ADD_WATCH_FS", kCommonErrnos};
-constexpr DriverRequest<DelWatchRecord> QZHSM_DEL_WATCH_FS{_IOW('C', 11, DelWatchRecord),
-                                                           "QZHSM_DEL_WATCH_FS", kCommonErrnos};
-constexpr DriverRequest<IsWatchRecord> QZHSM_IS_WATCH_FS{_IOWR('C', 12, IsWatchRecord), "QZHSM_IS_WATCH_FS",
-                                                         kCommonErrnos};
-constexpr DriverRequest<RestoreStubRecord> QZHSM_RESTORE_STUB{_IOW('C', 16, RestoreStubRecord),
-                                                              "QZHSM_RESTORE_STUB", kRestoreErrnos};
+    {_IOW('C', 7, PassThroughByFidRecord), "QZHSM_PASS_THROUGH_BY_FID", kPassThroughErrnos}};
+constexpr DriverRequest<TranWriteRecord> QZHSM_TRAN_WRITE{
+    {_IOWR('C', 8, TranWriteRecord), "QZHSM_TRAN_WRITE", kCommonErrnos}};
+constexpr DriverRequest<AddWatchRecord> QZHSM_ADD_WATCH_FS{
+    {_IOW('C', 10, AddWatchRecord), "QZHSM_ADD_WATCH_FS", kCommonErrnos}};
+constexpr DriverRequest<DelWatchRecord> QZHSM_DEL_WATCH_FS{
+    {_IOW('C', 11, DelWatchRecord), "QZHSM_DEL_WATCH_FS", kCommonErrnos}};
+constexpr DriverRequest<IsWatchRecord> QZHSM_IS_WATCH_FS{
+    {_IOWR('C', 12, IsWatchRecord), "QZHSM_IS_WATCH_FS", kCommonErrnos}};
+constexpr DriverRequest<RestoreStubRecord> QZHSM_RESTORE_STUB{
+    {_IOW('C', 16, RestoreStubRecord), "QZHSM_RESTORE_STUB", kRestoreErrnos}};
 constexpr DriverRequest<ResubmitRecord> QZHSM_RESUBMIT_PENDING_RECALLS{
-    _IOW('C', 19, ResubmitRecord), "QZHSM_RESUBMIT_PENDING_RECALLS", {}};
+    {_IOW('C', 19, ResubmitRecord), "QZHSM_RESUBMIT_PENDING_RECALLS", {}}};
 
 static_assert(sizeof(StatRecord) == 4104 && QZHSM_STAT.command == 0xD0084301);
 static_assert(offsetof(StatRecord, isStub) == 2048 && offsetof(StatRecord, fileInfo) == 2052);

@@ -32,10 +32,8 @@ bool QZHSMLowLevelDriverless::makeHole(int fd, long long size) {
 int QZHSMLowLevelDriverless::stubFile(const char* path, const char* stubMeta, time_t refTime, long long) {
     clearError();
     struct stat st {};
-    if (stat_utf(path, &st) < 0) {
-        const int err = errno;
-        return failErrno(codeFor(err), "Failed to stat ", path, err);
-    }
+    if (statPath(path, &st) < 0)
+        return -1;
     if (refTime < st.st_mtime)
         return fail(QZHSM_BUSY, std::string("Not stubbing modified file ") + path);
     if (!S_ISREG(st.st_mode))

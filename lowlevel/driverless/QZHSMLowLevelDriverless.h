@@ -114,7 +114,6 @@ private:
     int mark(const char* path);
     /// Gives an empty file its stub's size as a hole; the descriptor ends at offset 0.
     static bool makeHole(int fd, long long size);
-    bool requireTrans();
 
     int m_transFd = -1;
     bool m_archiveNonExtData = false;

@@ -1,0 +1,67 @@
+#include "lowlevel/driver/DriverRequests.h"
+#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "platform/config/NKPI_Focus.h"
+#include "platform/config/NkRegKey.h"
+#include "platform/drivers/QZHSMServiceHelper.h"
+#include "platform/errors/NkException.h"
+#include "platform/files/utf_files.h"
+#include "platform/logging/EvDebug.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+
+void setText(DriverText& field, const char* text) {
+    std::memcpy(field, text, ::strnlen(text, sizeof field - 1));
+}
+
+void setPath(DriverText& field, const char* path) {
+    setText(field, LocalPath(path).c_str());
+}
+
+QZHSMLowLevelQZFS::QZHSMLowLevelQZFS() {
+    try {
+        const std::string instance = std::string("Tessly/") + NKPI_Focus::getFocus();
+        NkRegKey key(true);
+        for (const char* component : {"/JRN", "/Sortwell"}) {
+            if (flr_driver || key.open(instance + component, true) != 0)
+                continue;
+            const char* installed = key.getValue("nINSTALL");
+            if (installed && std::atoi(installed) != 0)
+                flr_driver = g_flrDriverFactory();
+        }
+    } catch (const NkException& e) {
+        EvDebug(nullptr).Error(e.getFuncName(), "%s", e.getMessage());
+    }
+}
+
+QZHSMLowLevelQZFS::~QZHSMLowLevelQZFS() = default;
+
+int QZHSMLowLevelQZFS::openAdminNode() {
+    if (admin_fd.isOpen())
+        return 0;
+    if (!QZHSMServiceHelper::IsFSFDriverLoaded())
+        return fail(QZHSM_FAILURE, "FSF driver is not loaded");
+    admin_fd = UniqueFd(::open(kDriverDevice, O_RDWR));
+    if (!admin_fd.isOpen())
+        return failErrno(QZHSM_FAILURE, "Failed to open ", kDriverDevice, errno);
+    return 0;
+}
+
+bool QZHSMLowLevelQZFS::begin() {
+    clearError();
+    return openAdminNode() == 0;
+}
+
+int QZHSMLowLevelQZFS::failWith(const DriverOperation& operation, std::string_view what, int err) {
+    int code = QZHSM_FAILURE;
+    for (const DriverErrno& known : operation.errnos)
+        if (known.err == err)
+            code = known.code;
+    return failErrno(code, what, "", err);
+}
+
+int QZHSMLowLevelQZFS::failRequest(const DriverOperation& operation, std::string_view subject, int err) {
+    return failWith(operation, std::string(operation.name).append("(").append(subject).append(") failed"),
+                    err);
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "lowlevel/foundation/FXMutex.h"
+
+/// The filter driver's back-end for a stub whose data comes back extent by extent, perhaps from several
+/// threads at once. One transparent session is shared: opens are counted, and each write goes to its own
+/// offset. All else is as in the base.
+///
+/// Threads. Opens, closes and writes of one session may come from several threads; every other operation is
+/// the caller's to serialise. Writes take no lock, so each thread's writes must lie between an open and a
+/// close of its own. Where they do not, and the session's last close comes first, a write fails; if the
+/// process has opened another file in the meantime, the write can even land in that file. Of writes that
+/// fail at the same time the last error tells of one.
+class QZHSM_API QZHSMLowLevelQZFSExtent : public QZHSMLowLevelQZFS {
+public:
+    QZHSMLowLevelQZFSExtent();
+    ~QZHSMLowLevelQZFSExtent() override;
+
+    using QZHSMLowLevelQZFS::openFileTrans;
+    /// Joins the session that is open, whatever `path` it is for, or opens one. 0, or as in the base.
+    int openFileTrans(const char* path, int flags, int mode) override;
+    /// Writes at `offset` and moves no position: the number of bytes, or -1. The journal is not told.
+    int writeFileTrans(const void* buf, int len, long long offset) override;
+    /// Does nothing: 1.
+    long long seekFileTrans(long long offset, int whence) override;
+    /// Ends the session where this matches its first open. Always 0.
+    int closeFileTrans() override;
+
+private:
+    int failWrite(std::string text);
+
+    int64_t open_count = 0;
+    FXMutex trans_lock;
+};
