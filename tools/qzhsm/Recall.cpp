@@ -57,14 +57,20 @@ public:
             m_backEnd.closeFileTrans();
     }
 
-    void seek(long long offset) {
+    /// Says where the bytes go in both ways, since the extent variant goes by the offset, others by the
+    /// position.
+    void write(const std::vector<char>& bytes, long long offset) {
         if (m_backEnd.seekFileTrans(offset, SEEK_SET) < 0)
             throw Failure(m_backEnd);
-    }
-    void write(const std::vector<char>& bytes) {
-        const int length = static_cast<int>(bytes.size());
-        if (checked(m_backEnd, m_backEnd.writeFileTransAll(bytes.data(), length)) < length)
-            throw Failure(QZHSM_FAILURE, "Failed to write all data into " + m_path);
+        for (size_t done = 0; done < bytes.size();) {
+            const int remaining = static_cast<int>(bytes.size() - done);
+            const int written =
+                checked(m_backEnd, m_backEnd.writeFileTrans(bytes.data() + done, remaining,
+                                                            offset + static_cast<long long>(done)));
+            if (written == 0)
+                throw Failure(QZHSM_FAILURE, "Failed to write all data into " + m_path);
+            done += static_cast<size_t>(written);
+        }
     }
     void close() {
         m_open = false;
@@ -116,17 +122,21 @@ public:
         if (!problem.empty())
             suspect(m_path + " was changed since it was stubbed: " + problem);
         m_recorded = facts ? facts->fileSize : 0;
+        // To shorten a stub would be to recall it where the driver watches.
+        const bool shortenLast = asksDriver(m_backEnd);
+        long long written = 0;
         const NoteSignals signals;
         try {
-            const long long written = write(source);
-            // A recall that was cut short by a crash may have left more than the data behind.
-            if (written < m_before.st_size && ::truncate(m_path.c_str(), written) < 0)
-                throw systemFailure("Failed to truncate ", m_path, errno);
+            written = write(source);
+            if (!shortenLast)
+                shorten(written);
             finish();
         } catch (const Failure& failure) {
             m_report.failure(failure);
-            putBack();
+            return putBack();
         }
+        if (shortenLast && shorten(written))
+            putTimesBack();
     }
 
 private:
@@ -143,10 +153,9 @@ private:
         const std::vector<char> first = next();
         auto total = static_cast<long long>(first.size());
         if (first.size() == kPiece) {
-            file.seek(total);
             for (std::vector<char> piece = next(); !piece.empty(); piece = next()) {
                 m_written = true;
-                file.write(piece);
+                file.write(piece, total);
                 total += static_cast<long long>(piece.size());
                 progress.bytes(total, source.size);
             }
@@ -154,8 +163,7 @@ private:
         progress.clear();
         examine(first, total, source.name);
         m_written = true;
-        file.seek(0);
-        file.write(first);
+        file.write(first, 0);
         file.close();
         return total;
     }
@@ -176,6 +184,15 @@ private:
                     " records " + std::to_string(m_recorded));
     }
 
+    /// A recall that was cut short by a crash may have left more than the data behind.
+    bool shorten(long long size) {
+        if (size >= m_before.st_size)
+            return false;
+        if (::truncate(m_path.c_str(), size) < 0)
+            throw systemFailure("Failed to truncate ", m_path, errno);
+        return true;
+    }
+
     void finish() {
         putTimesBack();
         if (m_backEnd.restoreDone(m_path.c_str(), true, {}) >= 0)
@@ -194,10 +211,13 @@ private:
     void putBack() {
         try {
             checked(m_backEnd, m_backEnd.restoreDone(m_path.c_str(), false, {}));
-            if (m_written)
+            if (!m_written)
+                return m_report.note(m_path + ": the stub was not touched");
+            if (keepsTextInFile(m_backEnd))
                 writeStub();
-            m_report.note(m_path +
-                          (m_written ? ": the stub was put back as it was" : ": the stub was not touched"));
+            putTimesBack();
+            m_report.note(m_path + (keepsTextInFile(m_backEnd) ? ": the stub was put back as it was"
+                                                               : ": still a stub, to be recalled again"));
         } catch (const Failure& failure) {
             m_report.failure(failure);
             m_report.note(m_path + ": the stub could not be put back");
@@ -207,13 +227,10 @@ private:
 
     void writeStub() {
         TransparentFile file(m_backEnd, m_path, O_WRONLY | O_TRUNC);
-        file.write(m_stubData);
-        if (m_before.st_size > static_cast<long long>(m_stubData.size())) {
-            file.seek(m_before.st_size - 1);
-            file.write({'\0'});
-        }
+        file.write(m_stubData, 0);
+        if (m_before.st_size > static_cast<long long>(m_stubData.size()))
+            file.write({'\0'}, m_before.st_size - 1);
         file.close();
-        putTimesBack();
     }
 
     void saveStubData() {

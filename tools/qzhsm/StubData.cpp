@@ -1,5 +1,7 @@
 #include "tools/qzhsm/StubData.h"
 
+#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 #include "platform/stub/StubText.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Report.h"
@@ -7,6 +9,22 @@
 #include <algorithm>
 #include <cerrno>
 #include <unistd.h>
+
+bool keepsTextInFile(const QZHSMLowLevel& backEnd) {
+    return dynamic_cast<const QZHSMLowLevelDriverless*>(&backEnd) != nullptr;
+}
+
+bool asksDriver(const QZHSMLowLevel& backEnd) {
+    return dynamic_cast<const QZHSMLowLevelQZFS*>(&backEnd) != nullptr;
+}
+
+void requireFitting(const QZHSMLowLevel& backEnd, const std::string& what, const std::string& text) {
+    constexpr size_t kDriverTextLimit = 2047;
+    if (asksDriver(backEnd) && text.size() > kDriverTextLimit)
+        throw Failure(QZHSM_FAILURE, what + " of " + std::to_string(text.size()) +
+                                         " bytes: the driver takes at most " +
+                                         std::to_string(kDriverTextLimit));
+}
 
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st) {
     // Nothing else is ever a stub, and to look into a pipe would be to wait for its writer.
@@ -41,11 +59,12 @@ std::string misfit(const std::optional<StubFacts>& facts, long long size) {
     return "header says " + std::to_string(facts->fileSize) + " bytes, file has " + std::to_string(size);
 }
 
-std::vector<char> readStubData(const std::string& path) {
+std::vector<char> readStubData(const QZHSMLowLevel& backEnd, const std::string& path) {
     std::vector<char> data = readUpTo(openForReading(path).get(), kStubTextMax + 1, path);
     const std::optional<StubFacts> facts = readFacts(data);
-    // Size 0 is no stub's: there was nothing to archive, and no back-end can make such a stub again.
-    if (!facts || static_cast<size_t>(facts->textLength) != data.size() || facts->fileSize == 0)
+    const bool whole = facts && static_cast<size_t>(facts->textLength) == data.size();
+    // There was nothing to archive of an empty file, and only the driver can make it a stub again.
+    if (!whole || (facts->fileSize == 0 && !asksDriver(backEnd)))
         throw Failure(QZHSM_FAILURE, "Stub " + path + " has corrupt metadata.");
     return data;
 }

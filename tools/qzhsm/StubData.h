@@ -6,6 +6,13 @@
 #include <string>
 #include <vector>
 
+/// Whether stubs carry their stub text at the beginning of the file itself, in place of its data.
+bool keepsTextInFile(const QZHSMLowLevel& backEnd);
+/// Whether the kernel's filter driver keeps the stubs. It takes a look into a stub for a wish to recall it.
+bool asksDriver(const QZHSMLowLevel& backEnd);
+/// Throws where the driver would get the path, or metadata, cut: it would act on another file, or lose some.
+void requireFitting(const QZHSMLowLevel& backEnd, const std::string& what, const std::string& text);
+
 /// Whether the file is a stub, asked so that a stub which may not be looked at is a failure and no "no".
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st);
 
@@ -23,5 +30,6 @@ std::optional<StubFacts> readFacts(const std::vector<char>& stubData);
 /// What is wrong with such stub data on a file of `size` bytes; empty where it fits.
 std::string misfit(const std::optional<StubFacts>& facts, long long size);
 
-/// The stub data in a file, or a failure where that is anything but whole stub data.
-std::vector<char> readStubData(const std::string& path);
+/// The stub data in a file, or a failure where that is anything but whole stub data of which this back-end
+/// can make a stub.
+std::vector<char> readStubData(const QZHSMLowLevel& backEnd, const std::string& path);

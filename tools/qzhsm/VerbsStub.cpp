@@ -22,8 +22,10 @@ Failure markedAlready(const std::string& path, const std::string& text) {
 
 /// Where no mark can be kept the back-end would replace one stub by another, and its metadata would be lost.
 void refuseStub(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st) {
-    if (isStubFile(backEnd, path, st))
-        throw markedAlready(path, "Not replacing the stub " + path + ": File exists");
+    if (!isStubFile(backEnd, path, st))
+        return;
+    const std::string text = "Not replacing the stub " + path + ": File exists";
+    throw keepsTextInFile(backEnd) ? markedAlready(path, text) : Failure(EEXIST, text);
 }
 
 /// Throws the back-end's last error, explained.
@@ -65,7 +67,8 @@ public:
             ::unlink(m_path.c_str());
             return;
         }
-        m_backEnd.restoreDone(m_path.c_str(), true, {});
+        if (keepsTextInFile(m_backEnd)) // a refusal came after the file was marked
+            m_backEnd.restoreDone(m_path.c_str(), true, {});
         if (m_empty) [[maybe_unused]]
             const int result = ::truncate(m_path.c_str(), 0);
     }
@@ -83,6 +86,7 @@ private:
 
 void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& meta,
           std::optional<long> refTime) {
+    requireFitting(backEnd, "Metadata", meta);
     struct stat st {};
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
@@ -91,7 +95,7 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
             throw Failure(QZHSM_FAILURE,
                           "Not stubbing " + path + ": it is a copy of a stub and holds no data");
         const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
-        if (st.st_size <= length)
+        if (keepsTextInFile(backEnd) && st.st_size <= length)
             throw Failure(QZHSM_FAILURE,
                           "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
                               " bytes would not be shorter than its " + std::to_string(st.st_size));
@@ -125,7 +129,7 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
 }
 
 void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force) {
-    const std::vector<char> data = readStubData(stubFile);
+    const std::vector<char> data = readStubData(backEnd, stubFile);
     Target target(backEnd, path, force);
     const int result = backEnd.restoreStub(path.c_str(), data);
     if (result >= 0 || backEnd.m_errorCode == EEXIST) // a mark that was there before is not ours to remove

@@ -1,4 +1,5 @@
 #include "lowlevel/QZHSMLowLevelCtx.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <CLI/CLI.hpp>
@@ -24,6 +25,7 @@ template <class Paths>
 void forEach(Paths nextPath, QZHSMLowLevel& backEnd, Report& report, const PathAction& action) {
     for (std::string path; nextPath(path);) {
         try {
+            requireFitting(backEnd, "Path", path);
             action(backEnd, report, path);
         } catch (const OutputFailure&) {
             throw;
@@ -83,7 +85,12 @@ CLI::Option* addText(CLI::App* app, const std::string& name, std::string& target
 
 CLI::App* CommandLine::addVerb(const std::string& name, const std::string& help, const Action& action) {
     CLI::App* verb = m_app.add_subcommand(name, help);
-    verb->callback([this, action] { m_action = action; });
+    verb->callback([this, action] {
+        m_action = [this, action](QZHSMLowLevel& backEnd, Report& report) {
+            requireFitting(backEnd, "Path", m_path);
+            action(backEnd, report);
+        };
+    });
     return verb;
 }
 
