@@ -1,4 +1,6 @@
+#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "lowlevel/QZHSMLowLevelCtxHelper.h"
+#include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "lowlevel/foundation/FXMutex.h"
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 
@@ -124,6 +126,21 @@ TEST(Hadoop, RefusesActionsAndAnswersQueries) {
     EXPECT_EQ(hadoop->isDirBeingWatched("p"), 0);
     EXPECT_EQ(hadoop->m_errorCode, 0);
     EXPECT_EQ(hadoop->m_errorText, "");
+}
+
+TEST(Registry, HandsOutEachBackEnd) {
+    QZHSMLowLevelCtx registry(0);
+    const auto driver = [&](const char* name) {
+        return dynamic_cast<QZHSMLowLevelQZFS*>(registry.getByFSName(name));
+    };
+    ASSERT_NE(driver("qzfs"), nullptr);
+    ASSERT_NE(driver("QZFS_EXTENT"), nullptr) << "an unknown name";
+    EXPECT_EQ(dynamic_cast<QZHSMLowLevelQZFSExtent*>(driver("QZFS_EXTENT")), nullptr);
+    EXPECT_NE(dynamic_cast<QZHSMLowLevelQZFSExtent*>(driver("qzfs_extent")), nullptr);
+    EXPECT_EQ(registry.getByFileName("/any"), driver("qzfs"));
+    EXPECT_NE(dynamic_cast<QZHSMLowLevelHadoop*>(registry.getByFSName("HADOOP_FS")), nullptr);
+    const std::unique_ptr<QZHSMLowLevel> own(QZHSMLowLevel::create());
+    EXPECT_NE(dynamic_cast<QZHSMLowLevelQZFS*>(own.get()), nullptr);
 }
 
 // Not among the threaded tests: ThreadSanitizer objects to what is asked here.

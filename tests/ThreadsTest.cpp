@@ -1,20 +1,28 @@
 #include "lowlevel/QZHSMLowLevelCtx.h"
 #include "lowlevel/QZHSMLowLevelCtxHelper.h"
+#include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "lowlevel/foundation/FXMutex.h"
 #include "lowlevel/foundation/auto_lock.h"
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 #include "platform/errors/NkException.h"
+#include "platform/files/UniqueFd.h"
+#include "tests/emulator/DriverEmulator.h"
 
 #include <atomic>
+#include <ctime>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
 namespace {
 
+/// Stands in for "there is no such back-end" while it is false.
+std::atomic<bool> driverCanBeMade{true};
 std::atomic<int> made{0};
 std::atomic<int> alive{0};
 bool fails = false;
@@ -27,12 +35,17 @@ public:
 
 } // namespace
 
-/// Stands in front of the library's own factory of this name.
+// These stand in front of the library's own factories.
+
 QZHSMLowLevel* createQZHSMLowLevelHadoop() {
     ++made;
     if (fails)
         throw NkException("Hadoop::Hadoop", "cannot be made", "Hadoop.cpp", 1, -1);
     return std::make_unique<Counted>().release();
+}
+
+QZHSMLowLevel* createQZHSMLowLevelQZFS() {
+    return driverCanBeMade ? std::make_unique<Counted>().release() : nullptr;
 }
 
 TEST(Registry, MakesEachNameOnceAndDeletesAll) {
@@ -69,6 +82,7 @@ TEST(Registry, TwoArgumentFormKnowsTwoBackEnds) {
     EXPECT_EQ(driverless.getByFSName("qzfs", false), any);
     EXPECT_EQ(driverless.getByFSName("NK_ANYFS"), any);
 
+    driverCanBeMade = false;
     QZHSMLowLevelCtx either(0);
     CaptureStderr();
     QZHSMLowLevel* fallback = either.getByFSName("nk_anyfs", true);
@@ -84,6 +98,16 @@ TEST(Registry, TwoArgumentFormKnowsTwoBackEnds) {
     const std::string log = GetCapturedStderr();
     const std::string line = "[QZHSMLowLevelCtx::getByFSName] Creating  low level object failed\n";
     EXPECT_NE(log.find(line), log.rfind(line)) << log;
+
+    driverCanBeMade = true;
+    QZHSMLowLevel* made = driver.getByFSName("nk_anyfs", true);
+    EXPECT_NE(made, nullptr) << "any other name is the filter driver's";
+    EXPECT_EQ(driver.getByFSName("nk_anyfs"), made);
+    EXPECT_NE(driver.getByFileName("/any"), made) << "cached under its own name";
+    QZHSMLowLevelCtx both(0);
+    QZHSMLowLevel* first = both.getByFSName("qzfs", true);
+    EXPECT_NE(first, both.getByFSName("NK_ANYFS", true));
+    EXPECT_EQ(first, both.getByFSName("qzfs", false));
 }
 
 TEST(Registry, NamesItsKind) {
@@ -110,6 +134,37 @@ TEST(StatFile, ThreadsDoNotShareAHelper) {
         });
     for (std::thread& thread : threads)
         thread.join();
+}
+
+TEST(Extents, WrittenFromTwoThreadsLandWhereTheyShould) {
+    constexpr int kPiece = 4096;
+    constexpr int kPieces = 64;
+    std::string path = ::testing::TempDir() + "qzhsm-extents-XXXXXX";
+    const UniqueFd file(::mkstemp(path.data()));
+    ASSERT_EQ(::ftruncate(file.get(), 2 * kPieces * kPiece), 0);
+    QZHSMLowLevelQZFSExtent driver;
+    emulator::reset();
+    ASSERT_EQ(driver.startWatchingDirTree(path.c_str()), 0);
+    ASSERT_EQ(driver.stubFile(path.c_str(), "m", std::time(nullptr), 2 * kPieces * kPiece), 0)
+        << driver.m_errorText;
+    const auto writeExtents = [&](int first) {
+        EXPECT_EQ(driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
+        for (int i = 2 * kPieces - 2 + first; i >= 0; i -= 2) {
+            const std::string piece(kPiece, static_cast<char>(i));
+            EXPECT_EQ(driver.writeFileTrans(piece.data(), kPiece, i * kPiece), kPiece);
+        }
+        EXPECT_EQ(driver.closeFileTrans(), 0);
+    };
+    std::thread odd(writeExtents, 1);
+    writeExtents(0);
+    odd.join();
+    EXPECT_EQ(driver.writeFileTrans("x", 1, 0), -1) << "both are done";
+    for (int i = 0; i < 2 * kPieces; ++i) {
+        char piece[kPiece];
+        ASSERT_EQ(::pread(file.get(), piece, kPiece, i * kPiece), kPiece);
+        EXPECT_EQ(std::string(piece, kPiece), std::string(kPiece, static_cast<char>(i))) << i;
+    }
+    ::unlink(path.c_str());
 }
 
 TEST(Locks, AreRecursiveAndCounted) {

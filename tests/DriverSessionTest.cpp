@@ -1,0 +1,430 @@
+#include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
+#include "platform/errors/NkException.h"
+#include "platform/logging/CLogWriterInterface.h"
+#include "tests/emulator/DriverEmulator.h"
+#include "tests/support/DriverFixture.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+long entriesOf(const std::string& dir) {
+    return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
+}
+
+long openDescriptors() {
+    return entriesOf("/proc/self/fd");
+}
+
+class Session : public DriverFixture {
+protected:
+    void SetUp() override {
+        DriverFixture::SetUp();
+        if (IsSkipped())
+            return;
+        writeFile(m_path, noise(5000));
+        ASSERT_EQ(stub(m_path), 0) << m_driver.m_errorText;
+    }
+    int open(int flags = O_RDWR, int mode = 0600) {
+        return m_driver.openFileTrans(m_path.c_str(), flags, mode);
+    }
+    int openByIdentifier(int fd) {
+        return m_driver.openFileTrans(fd, statOf(m_path).st_dev, emulator::fidOf(m_path));
+    }
+
+    const std::string m_path = m_fs.path("film");
+};
+
+class ExtentSession : public DriverWorld<QZHSMLowLevelQZFSExtent> {};
+
+} // namespace
+
+TEST_F(Session, TakesTheFirstFreeCarrierName) {
+    const auto name = [&](int number) { return m_path + ".nktmp." + std::to_string(number); };
+    for (int i = 0; i < 1024; ++i)
+        writeFile(name(i), "");
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(m_driver.m_errorCode, -1);
+    EXPECT_EQ(m_driver.m_errorText, "Failed to open file " + name(1023) + ": File exists");
+    for (const int free : {0, 2, 1023}) {
+        fs::remove(name(free));
+        EXPECT_EQ(open(), 0) << m_driver.m_errorText;
+        EXPECT_EQ(entriesOf(m_fs.dir()), 1024) << "the stub, 1023 names, and no carrier";
+        EXPECT_EQ(m_driver.closeFileTrans(), 0);
+        EXPECT_EQ(entriesOf(m_fs.dir()), 1024);
+        writeFile(name(free), "");
+    }
+    EXPECT_EQ(m_driver.openFileTrans("/no/such/file", O_RDWR, 0), -1);
+    EXPECT_EQ(m_driver.m_errorText,
+              "Failed to open file /no/such/file.nktmp.1023: No such file or directory");
+}
+
+TEST_F(Session, LeavesNoCarrierBehind) {
+    const auto onlyTheStub = [&] { EXPECT_EQ(entriesOf(m_fs.dir()), 1); };
+    emulator::fail(6, EAGAIN, 3);
+    ASSERT_EQ(open(), 0) << "asked again";
+    onlyTheStub();
+    m_driver.closeFileTrans();
+    emulator::fail(6, EIO);
+    EXPECT_EQ(open(), -1);
+    onlyTheStub();
+
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(open() == 0 ? ::raise(SIGKILL) : 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    onlyTheStub();
+}
+
+TEST_F(Session, GivesUpOnABusyDriver) {
+    emulator::fail(6, EAGAIN, -1);
+    emulator::fail(7, EAGAIN, -1);
+    const UniqueFd file(::open(m_path.c_str(), O_RDWR));
+    QZHSMLowLevelQZFS other;
+    ASSERT_EQ(other.openAdminNode(), 0);
+    const long before = openDescriptors();
+    const auto start = std::chrono::steady_clock::now();
+    std::thread byIdentifier([&] {
+        EXPECT_EQ(other.openFileTrans(file.get(), statOf(m_path).st_dev, {}), -1);
+        EXPECT_EQ(other.m_errorCode, 7);
+        EXPECT_EQ(other.m_errorText, "Timed out while trying to request pass-through access");
+    });
+    EXPECT_EQ(open(O_RDWR | O_APPEND, 0640), -1);
+    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+    byIdentifier.join();
+    EXPECT_EQ(m_driver.m_errorCode, 7);
+    EXPECT_EQ(m_driver.m_errorText, "Timed out while trying to request pass-through access to " + m_path);
+    EXPECT_GT(waited.count(), 3.9);
+    EXPECT_LT(waited.count(), 6) << "five, and what a loaded machine adds";
+    EXPECT_EQ(entriesOf(m_fs.dir()), 1);
+
+    EXPECT_EQ(openDescriptors(), before + 1) << "the carrier, which a busy driver may still act on";
+    int carriers = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        if (fs::read_symlink(entry, ignored).string() != m_path + ".nktmp.0 (deleted)")
+            continue;
+        const int fd = std::stoi(entry.path().filename());
+        struct stat st {};
+        EXPECT_EQ(::fstat(fd, &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0640U);
+        EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_APPEND), O_RDWR | O_APPEND);
+        ::close(fd);
+        ++carriers;
+    }
+    EXPECT_EQ(carriers, 1);
+}
+
+TEST_F(Session, ByIdentifierLeavesTheCallersDescriptor) {
+    const UniqueFd file(::open(m_path.c_str(), O_RDWR));
+    ASSERT_EQ(openByIdentifier(file.get()), 0) << m_driver.m_errorText;
+    EXPECT_EQ(openByIdentifier(file.get()), -1);
+    EXPECT_EQ(m_driver.m_errorText,
+              "Attempt to open a new file  in transparent mode w/o closing the previous one first.");
+    EXPECT_EQ(m_driver.seekFileTrans(100, SEEK_SET), 100);
+    EXPECT_EQ(m_driver.writeFileTrans("first", 5, 0), 5);
+    EXPECT_EQ(m_driver.writeFileTrans("second", 6, 0), 6);
+    EXPECT_EQ(m_driver.closeFileTrans(), 0);
+    EXPECT_EQ(readFile(m_path).substr(100, 12), std::string("firstsecond\0", 12));
+    EXPECT_GE(::fcntl(file.get(), F_GETFD), 0);
+
+    ASSERT_EQ(open(), 0);
+    emulator::fail(8, ENOENT);
+    EXPECT_EQ(m_driver.writeFileTrans("x", 1, 0), -1);
+    EXPECT_EQ(m_driver.m_errorCode, 4);
+    EXPECT_EQ(m_driver.m_errorText, "QZHSM_TRAN_WRITE failed: No such file or directory");
+}
+
+TEST_F(Session, ThousandOfThemLeakNothing) {
+    const UniqueFd file(::open(m_path.c_str(), O_RDWR));
+    ASSERT_EQ(m_driver.openAdminNode(), 0);
+    const long before = openDescriptors();
+    int failed = 0;
+    for (int i = 0; i < 1000; ++i) {
+        QZHSMLowLevelQZFS fresh;
+        QZHSMLowLevelQZFS& driver = i % 3 == 0 ? fresh : m_driver;
+        const struct {
+            unsigned nr;
+            int err;
+        } injected[] = {{0, EMFILE}, {6, EIO}, {6, 200}, {7, ENOENT}, {8, EIO}, {1, EIO}, {4, EIO}, {99, 0}};
+        emulator::setLoaded(i % 13 != 0);
+        emulator::fail(injected[i % 8].nr, injected[i % 8].err);
+        int opened = i % 2 == 0
+                         ? driver.openFileTrans(i % 5 == 0 ? "/no/such/file" : m_path.c_str(), O_RDWR, 0600)
+                         : driver.openFileTrans(file.get(), statOf(m_path).st_dev, emulator::fidOf(m_path));
+        failed += opened < 0 || driver.writeFileTrans("x", 1, 0) < 0;
+        EXPECT_LT(driver.openFileTrans(opened == 0 ? m_path.c_str() : "/no/such/file", O_RDWR, 0600), 0);
+        if (i % 7 != 0 || &driver == &m_driver) // else its end is the session's
+            driver.closeFileTrans();
+        emulator::fail(injected[i % 8].nr, 0, 0);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_GT(failed, 300);
+    EXPECT_LT(failed, 900);
+    EXPECT_EQ(entriesOf(m_fs.dir()), 1);
+}
+
+namespace {
+
+/// What a journal's clients were told, and what each of them throws.
+std::vector<std::string> journal;
+std::string throwing;
+
+class TestJournal : public FlrDriver {
+public:
+    bool statFS(unsigned long long) override {
+        tell("statFS");
+        return m_tracks;
+    }
+    fsf_fid getFID(const char*, bool flag) override {
+        tell(flag ? "getFID(true)" : "getFID");
+        return {{7, 8, 9}};
+    }
+    void injectSTUB(unsigned long long, const fsf_fid& fid, const char* meta) override {
+        tell("STUB " + words(fid) + " " + meta);
+    }
+    void injectUNSTUB(unsigned long long, const fsf_fid& fid) override { tell("UNSTUB " + words(fid)); }
+    void injectTWRITE(unsigned long long, const fsf_fid& fid, unsigned long long offset, const void* buf,
+                      int n) override {
+        tell("TWRITE " + words(fid) + " " + std::to_string(offset) + " " +
+             std::string(static_cast<const char*>(buf), static_cast<size_t>(n)));
+    }
+    static bool m_tracks;
+
+private:
+    static std::string words(const fsf_fid& fid) {
+        return std::to_string(fid.words[0]) + "." + std::to_string(fid.words[1]) + "." +
+               std::to_string(fid.words[2]);
+    }
+    static void tell(const std::string& what) {
+        journal.push_back(what);
+        if (!throwing.empty() && what.find(throwing) == 0)
+            throw NkException("Flr::" + throwing, "journal is down", "Flr", 1, -1);
+    }
+};
+bool TestJournal::m_tracks = true;
+
+using Told = std::vector<std::string>;
+
+class Journal : public DriverFixture {
+protected:
+    void SetUp() override {
+        DriverFixture::SetUp();
+        journal.clear();
+        throwing.clear();
+        TestJournal::m_tracks = true;
+        g_flrDriverFactory = [] { return std::make_unique<TestJournal>(); };
+    }
+    void TearDown() override { g_flrDriverFactory = m_factory; }
+
+    /// Stubs, writes ten bytes twice and ends the recall, twice: by path and by identifier. Answers whether
+    /// all of it succeeded.
+    bool roundTrip(QZHSMLowLevelQZFS& driver) {
+        fs::remove(m_path);
+        writeFile(m_path, noise(50));
+        const struct stat st = statOf(m_path);
+        bool done = driver.stubFile(m_path.c_str(), "m", st.st_mtime, 50) == 0;
+        done &= driver.openFileTrans(m_path.c_str(), O_RDWR, 0600) == 0;
+        done &= driver.seekFileTrans(100, SEEK_SET) == 100;
+        done &= driver.writeFileTrans("0123456789", 10, 0) == 10;
+        done &= driver.writeFileTrans("abcdefghij", 10, 0) == 10;
+        driver.closeFileTrans();
+        const UniqueFd file(::open(m_path.c_str(), O_RDWR));
+        done &= driver.openFileTrans(file.get(), st.st_dev, emulator::fidOf(m_path)) == 0;
+        done &= driver.writeFileTrans("z", 1, 0) == 1;
+        driver.closeFileTrans();
+        done &= driver.restoreDone(m_path.c_str(), false, {}) == 0;
+        done &= driver.restoreDone(m_path.c_str(), true, {}) == 0;
+        return done && driver.restoreStub(m_path.c_str(), stubDataOf("n", 50)) == 0;
+    }
+
+    const std::string m_path = m_fs.path("file");
+    const decltype(g_flrDriverFactory) m_factory = g_flrDriverFactory;
+};
+
+constexpr const char* kInstalled = "[Tessly/Instance001/JRN]\nnINSTALL=0\n"
+                                   "[Tessly/Instance001/Sortwell]\nnINSTALL=1\n";
+
+} // namespace
+
+TEST_F(Journal, IsToldInOrder) {
+    const TestConfig config(kInstalled);
+    QZHSMLowLevelQZFS driver;
+    ASSERT_TRUE(roundTrip(driver)) << driver.m_errorText;
+    const fsf_fid fid = emulator::fidOf(m_path);
+    const std::string words = std::to_string(fid.words[0]) + "." + std::to_string(fid.words[1]) + "." +
+                              std::to_string(fid.words[2]);
+    EXPECT_EQ(journal,
+              (Told{"statFS", "getFID", "STUB 7.8.9 m", "statFS", "getFID", "TWRITE 7.8.9 100 0123456789",
+                    "TWRITE 7.8.9 110 abcdefghij", "statFS", "TWRITE " + words + " 0 z", "statFS", "getFID",
+                    "UNSTUB 7.8.9", "statFS", "getFID", "STUB 7.8.9 n"}));
+    journal.clear();
+    unsigned long dev = 0;
+    EXPECT_EQ(driver.isJRNFS(m_path.c_str(), nullptr, nullptr), 1);
+    EXPECT_EQ(driver.isJRNFS(m_path.c_str(), &dev, nullptr), 1);
+    EXPECT_EQ(dev, statOf(m_path).st_dev);
+    EXPECT_EQ(journal, (Told{"statFS", "statFS"})) << "nobody asked for an identifier";
+    EXPECT_EQ(driver.isJRNFS("/missing", nullptr, nullptr), -1);
+    EXPECT_EQ(driver.m_errorCode, -1);
+    EXPECT_EQ(driver.m_errorText, "Failed to stat /missing: No such file or directory");
+
+    emulator::fail(3, EIO);
+    emulator::fail(16, EIO);
+    journal.clear();
+    driver.stubFile(m_path.c_str(), "m", 0, 50);
+    driver.restoreStub(m_path.c_str(), stubDataOf("n", 50));
+    EXPECT_EQ(journal, Told{}) << "nothing is told of what the driver refused";
+    emulator::setLoaded(false);
+    QZHSMLowLevelQZFS without;
+    EXPECT_EQ(without.restoreDone(m_path.c_str(), true, {}), -1);
+    EXPECT_EQ(journal.back(), "UNSTUB 7.8.9") << "told first, whatever the driver then says";
+}
+
+TEST_F(Journal, NeverChangesAResult) {
+    const TestConfig config(kInstalled);
+    for (const char* operation : {"statFS", "getFID", "STUB", "UNSTUB", "TWRITE"}) {
+        throwing = operation;
+        QZHSMLowLevelQZFS driver;
+        ::testing::internal::CaptureStderr();
+        EXPECT_TRUE(roundTrip(driver)) << operation;
+        const std::string log = ::testing::internal::GetCapturedStderr();
+        const bool isQuery = operation == std::string("statFS") || operation == std::string("getFID");
+        EXPECT_EQ(log.find("[Flr::" + throwing + "] journal is down\n") == std::string::npos, isQuery) << log;
+        EXPECT_EQ(driver.m_errorText, isQuery ? "journal is down" : "");
+        EXPECT_EQ(driver.m_errorCode, isQuery ? -1 : 0);
+    }
+    throwing = "statFS";
+    QZHSMLowLevelQZFS driver;
+    EXPECT_EQ(driver.isJRNFS(1UL), -1);
+    EXPECT_EQ(driver.m_errorText, "journal is down");
+    TestJournal::m_tracks = false;
+    throwing.clear();
+    journal.clear();
+    EXPECT_TRUE(roundTrip(driver));
+    EXPECT_EQ(journal, Told(5, "statFS")) << "asked, and not tracked";
+}
+
+TEST_F(Journal, IsThereWhereItIsInstalled) {
+    const struct {
+        const char* config;
+        int answer;
+    } rows[] = {
+        {"", 0},
+        {"[Tessly/Instance001/JRN]\nnINSTALL=0\n", 0},
+        {"[Tessly/Instance001/JRN]\nother=1\n", 0},
+        {"[Tessly/Instance001/JRN]\nnINSTALL=1\n", 1},
+        {"[Tessly/Instance001/Sortwell]\nnINSTALL=2\n", 1},
+        {"[Focus]\ninstance=Two\n[Tessly/Instance001/JRN]\nnINSTALL=1\n", 0},
+        {"[Focus]\ninstance=Two\n[Tessly/Two/JRN]\nnINSTALL=1\n", 1},
+        {kInstalled, 1},
+    };
+    for (const auto& row : rows) {
+        const TestConfig config(row.config);
+        EXPECT_EQ(QZHSMLowLevelQZFS().isJRNFS("/", nullptr, nullptr), row.answer) << row.config;
+        g_flrDriverFactory = m_factory;
+        EXPECT_EQ(QZHSMLowLevelQZFS().isJRNFS("/", nullptr, nullptr), 0) << "the client of no journal";
+        g_flrDriverFactory = [] { return std::make_unique<TestJournal>(); };
+    }
+    const TestConfig config(kInstalled);
+    g_flrDriverFactory = []() -> std::unique_ptr<FlrDriver> {
+        throw NkException("Flr::Flr", "no journal today", "Flr", 1, -1);
+    };
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(QZHSMLowLevelQZFS().isJRNFS("/missing", nullptr, nullptr), 0);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("[Flr::Flr] no journal today\n"),
+              std::string::npos);
+}
+
+namespace {
+
+/// Keeps lines as "LEVEL TAG:LINE TEXT".
+class RecordingLog : public CLogWriterInterface {
+public:
+    explicit RecordingLog(int level) : m_level(level) {}
+    int GetLevel() const override { return m_level; }
+    void Write(int level, const char* function, int line, int, int, const char* format, ...) override {
+        char text[256];
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(text, sizeof text, format, args);
+        va_end(args);
+        m_lines.push_back(std::to_string(level) + " " + function + ":" + std::to_string(line) + " " + text);
+    }
+    std::vector<std::string> m_lines;
+
+private:
+    int m_level;
+};
+
+} // namespace
+
+TEST_F(ExtentSession, CountsOpensAndCloses) {
+    const std::string path = m_fs.path("file");
+    writeFile(path, noise(9000));
+    ASSERT_EQ(stub(path), 0) << m_driver.m_errorText;
+    const auto before = g_ptrLogWriter;
+    const auto log = std::make_shared<RecordingLog>(5);
+    g_ptrLogWriter = log;
+    const auto failsClosed = [&] {
+        EXPECT_EQ(m_driver.writeFileTrans("x", 1, 0), -1);
+        EXPECT_EQ(m_driver.m_errorCode, -1);
+        EXPECT_EQ(m_driver.m_errorText, "No file has been open in transparent mode yet.");
+    };
+    EXPECT_EQ(m_driver.closeFileTrans(), 0);
+    emulator::fail(6, EIO);
+    EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), -1);
+    failsClosed();
+    EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
+    EXPECT_EQ(m_driver.openFileTrans("/any", O_RDWR, 0600), 0) << "joins";
+    EXPECT_EQ(m_driver.seekFileTrans(5, SEEK_SET), 1);
+    EXPECT_EQ(m_driver.closeFileTrans(), 0);
+    emulator::forget();
+    EXPECT_EQ(m_driver.writeFileTrans("late", 4, 4096), 4);
+    EXPECT_EQ(m_driver.writeFileTrans("early", 5, 0), 5);
+    EXPECT_TRUE(emulator::seen().empty()) << "written without the driver";
+    EXPECT_EQ(m_driver.writeFileTrans("x", 1, -1), -1);
+    EXPECT_EQ(m_driver.m_errorText, "pwrite failed: Invalid argument");
+    EXPECT_EQ(m_driver.writeFileTrans("", 0, 0), 0);
+    EXPECT_EQ(m_driver.m_errorText, "");
+    char read[5];
+    EXPECT_EQ(m_driver.readFileTrans(read, 5), 5);
+    EXPECT_EQ(std::string(read, 5), "early");
+    EXPECT_EQ(m_driver.closeFileTrans(), 0);
+    EXPECT_EQ(m_driver.seekFileTrans(5, SEEK_SET), 1);
+    failsClosed();
+    const std::string content = readFile(path);
+    EXPECT_EQ(content.substr(0, 6), std::string("early\0", 6));
+    EXPECT_EQ(content.substr(4096, 4), "late");
+
+    const std::string qualified = "virtual int QZHSMLowLevelQZFSExtent::";
+    const std::string closing = "5 " + qualified + "closeFileTrans():47 calling closeFileTrans";
+    const std::string notSet =
+        "-1 " + qualified + "writeFileTrans(const void*, int, long long int):69 trans_fd not set";
+    ASSERT_EQ(log->m_lines.size(), 5U);
+    EXPECT_EQ(log->m_lines[0], closing);
+    EXPECT_EQ(log->m_lines[1], notSet);
+    EXPECT_EQ(log->m_lines[2].find("5 " + qualified +
+                                   "openFileTrans(const char*, int, int):31 "
+                                   "openFileTrans success. FD ["),
+              0U);
+    EXPECT_EQ(log->m_lines[3], closing);
+    EXPECT_EQ(log->m_lines[4], notSet);
+    const auto quiet = std::make_shared<RecordingLog>(4);
+    g_ptrLogWriter = quiet;
+    m_driver.closeFileTrans();
+    EXPECT_TRUE(quiet->m_lines.empty());
+    g_ptrLogWriter = nullptr;
+    failsClosed();
+    g_ptrLogWriter = before;
+}

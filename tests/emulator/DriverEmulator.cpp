@@ -1,0 +1,484 @@
+#include "tests/emulator/DriverEmulator.h"
+
+#include "lowlevel/driver/DriverRequests.h"
+#include "platform/drivers/QZHSMServiceHelper.h"
+#include "platform/files/UniqueFd.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utime.h>
+
+namespace {
+
+constexpr const char* kRecord = "user.nkfsdm.stub"; // the file's size, a line break, the metadata
+
+using Inode = std::pair<dev_t, ino_t>;
+
+struct Driver {
+    std::mutex lock;
+    bool loaded = true;
+    std::map<unsigned, std::pair<int, int>> failures; ///< by request number: errno, how often
+    int fileInfo = 0;
+    int watchAnswer = 1;
+    std::set<uint64_t> watched;
+    std::map<std::pair<uint64_t, uint64_t>, std::string> pathsByFid; ///< by inode and registration
+    std::map<int, Inode> granted;                                    ///< by descriptor
+    std::vector<emulator::Seen> seen;
+    int deviceOpens = 0;
+    int resubmissions = 0;
+};
+std::atomic<bool> answeringAtOnce{false};
+
+Driver& driver() {
+    static Driver& made = *new Driver; // requests come until the very end of the process
+    return made;
+}
+
+template <class Function>
+Function* real(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+int realOpen(const char* path, int flags) {
+    static auto* open = real<int(const char*, int, ...)>("open");
+    return open(path, flags);
+}
+int realStat(const char* path, struct stat* st) {
+    static auto* stat = real<int(const char*, struct stat*)>("stat");
+    return stat(path, st);
+}
+
+[[noreturn]] void malformed(const char* what) {
+    std::fprintf(stderr, "emulated driver: malformed request: %s\n", what);
+    std::abort();
+}
+void require(bool holds, const char* what) {
+    if (!holds)
+        malformed(what);
+}
+/// A text field ends in a NUL and is zero behind it.
+const char* text(const DriverText& field) {
+    const char* end = std::find(std::begin(field), std::end(field), '\0');
+    require(end != std::end(field), "a text without an end");
+    require(std::all_of(end, std::end(field), [](char c) { return c == '\0'; }), "rubbish behind a text");
+    return field;
+}
+
+// --- What the driver knows of files ---
+
+struct File {
+    std::string path;
+    struct stat st {};
+    int err = 0; ///< why there is none
+    bool watched = false;
+    std::string record; ///< empty for what is not a stub
+
+    bool isStub() const { return !record.empty(); }
+    std::string meta() const { return record.substr(record.find('\n') + 1); }
+};
+
+void loadWatched() {
+    const char* state = std::getenv("QZHSM_EMULATOR_STATE");
+    if (!state)
+        return;
+    driver().watched.clear();
+    std::ifstream in(state);
+    for (uint64_t dev = 0; in >> dev;)
+        driver().watched.insert(dev);
+}
+void saveWatched() {
+    if (const char* state = std::getenv("QZHSM_EMULATOR_STATE")) {
+        std::ofstream out(state);
+        for (const uint64_t dev : driver().watched)
+            out << dev << '\n';
+    }
+}
+
+File look(const std::string& path) {
+    File file;
+    file.path = path;
+    if (realStat(path.c_str(), &file.st) < 0) {
+        file.err = errno;
+        return file;
+    }
+    loadWatched();
+    file.watched = driver().watched.count(file.st.st_dev) > 0;
+    char record[4096];
+    const ssize_t length = ::getxattr(path.c_str(), kRecord, record, sizeof record);
+    if (length > 0)
+        file.record.assign(record, static_cast<size_t>(length));
+    return file;
+}
+File lookByFid(const fsf_fid& fid) {
+    const auto found = driver().pathsByFid.find({fid.words[0], fid.words[2]});
+    if (found == driver().pathsByFid.end() || fid.words[1] != ~fid.words[0]) {
+        File none;
+        none.err = ENOENT;
+        return none;
+    }
+    return look(found->second);
+}
+int lookBadly(const File& file) {
+    return file.err != 0 ? file.err : file.watched && S_ISREG(file.st.st_mode) ? 0 : EINVAL;
+}
+
+/// The record first, then the data goes; times stay.
+int makeStub(const File& file, int64_t size, const char* meta) {
+    const std::string record = std::to_string(size) + "\n" + meta;
+    const utimbuf times{file.st.st_atime, file.st.st_mtime};
+    if (::setxattr(file.path.c_str(), kRecord, record.data(), record.size(), 0) < 0 ||
+        ::truncate(file.path.c_str(), 0) < 0 || ::truncate(file.path.c_str(), size) < 0 ||
+        ::utime(file.path.c_str(), &times) < 0)
+        return errno;
+    return 0;
+}
+
+bool lockedByAnother(const File& file) {
+    const UniqueFd opened(realOpen(file.path.c_str(), O_WRONLY));
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    return ::fcntl(opened.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+void grant(int fd) {
+    struct stat st {};
+    ::fstat(fd, &st);
+    driver().granted[fd] = {st.st_dev, st.st_ino};
+}
+bool isGranted(int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) < 0)
+        return false;
+    return std::ranges::any_of(driver().granted, [&](const auto& each) {
+        return each.second == Inode{st.st_dev, st.st_ino};
+    });
+}
+
+// --- One function for each request: 0, or errno. `said` is what the trace shows of it ---
+
+int answer(StatRecord& r, std::string& said) {
+    require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
+    said = text(r.path);
+    const File file = look(r.path);
+    if (const int err = lookBadly(file))
+        return err;
+    r.isStub = file.isStub() ? 1 : 0;
+    r.fileInfo = driver().fileInfo;
+    std::strcpy(r.meta, file.meta().c_str());
+    said += r.isStub ? std::string(" -> a stub, \"") + r.meta + "\"" : " -> no stub";
+    return 0;
+}
+
+int answer(StatByFidRecord& r, std::string& said) {
+    require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
+    const File file = lookByFid(r.fid);
+    said = "device " + std::to_string(r.dev) + ", file " + std::to_string(r.fid.words[0]);
+    if (file.err != 0 || file.st.st_dev != r.dev)
+        return ENOENT;
+    if (const int err = lookBadly(file))
+        return err;
+    r.isStub = file.isStub() ? 1 : 0;
+    std::strcpy(r.meta, file.meta().c_str());
+    said += r.isStub ? " -> a stub" : " -> no stub";
+    return 0;
+}
+
+int answer(CreateStubRecord& r, std::string& said) {
+    said = std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) + " bytes";
+    const File file = look(r.path);
+    if (const int err = lookBadly(file))
+        return err;
+    if (file.isStub())
+        return EALREADY;
+    if (file.st.st_mtime > r.refTime || lockedByAnother(file))
+        return EBUSY;
+    return file.st.st_size == r.size ? makeStub(file, r.size, r.meta) : EINVAL;
+}
+
+int answer(DeleteStubRecord& r, std::string& said) {
+    require(r.failed <= 1, "a flag that is neither 0 nor 1");
+    said = std::string(text(r.path)) + (r.failed ? ", recall failed" : ", recalled");
+    const File file = look(r.path);
+    if (file.err != 0 || r.failed)
+        return file.err;
+    return file.isStub() ? (::removexattr(r.path, kRecord) < 0 ? errno : 0) : EINVAL;
+}
+
+/// From now on the carrier's descriptor is one of the stub's own data, with the access mode it had.
+int answer(PassThroughRecord& r, std::string& said) {
+    said = std::string(text(r.path)) + " on descriptor " + std::to_string(r.fd);
+    struct stat carrier {};
+    require(::fstat(r.fd, &carrier) == 0 && S_ISREG(carrier.st_mode), "a carrier that is no open file");
+    require(carrier.st_nlink == 0, "a carrier that still has a name");
+    const File file = look(r.path);
+    if (file.err != 0)
+        return file.err;
+    require(carrier.st_dev == file.st.st_dev, "a carrier on another file system");
+    if (!file.isStub())
+        return kDriverNotAStub;
+    const UniqueFd stub(realOpen(r.path, ::fcntl(r.fd, F_GETFL) & O_ACCMODE));
+    if (!stub.isOpen() || ::dup2(stub.get(), r.fd) < 0)
+        return errno;
+    grant(r.fd);
+    return 0;
+}
+
+int answer(PassThroughByFidRecord& r, std::string& said) {
+    require(r.zero == 0, "a filler that is not zero");
+    said = "file " + std::to_string(r.fid.words[0]) + " on descriptor " + std::to_string(r.fd);
+    const File file = lookByFid(r.fid);
+    struct stat st {};
+    if (file.err != 0 || ::fstat(r.fd, &st) < 0 || st.st_ino != file.st.st_ino)
+        return ENOENT;
+    if (!file.isStub())
+        return kDriverNotAStub;
+    grant(r.fd);
+    return 0;
+}
+
+int answer(TranWriteRecord& r, std::string& said) {
+    said = std::to_string(r.length) + " bytes at " + std::to_string(::lseek(r.fd, 0, SEEK_CUR));
+    if (!isGranted(r.fd))
+        return EBADF;
+    const ssize_t written = ::write(r.fd, r.data, static_cast<size_t>(r.length));
+    if (written < 0)
+        return errno;
+    r.written = static_cast<int32_t>(written);
+    return 0;
+}
+
+int answer(AddWatchRecord& r, std::string& said) {
+    require(r.mountFlag >= 0 && r.mountFlag <= 255, "a mount flag that is no byte");
+    said = std::string(text(r.path)) + ", mount flag " + std::to_string(r.mountFlag);
+    const File file = look(r.path);
+    if (file.err == 0 && driver().watched.insert(file.st.st_dev).second)
+        saveWatched();
+    return file.err;
+}
+
+int answer(DelWatchRecord& r, std::string& said) {
+    require(*text(r.path) == '\0' || r.dev == 0, "a path and a device");
+    said = *r.path ? r.path : "device " + std::to_string(r.dev);
+    const File file = look(r.path);
+    loadWatched();
+    if (driver().watched.erase(*r.path ? file.st.st_dev : r.dev) == 0)
+        return ENOENT;
+    saveWatched();
+    return 0;
+}
+
+int answer(IsWatchRecord& r, std::string& said) {
+    require(r.answer == 0 && r.zero == 0, "an answer or filler that is set");
+    require(*text(r.path) == '\0' || r.dev == 0, "a path and a device");
+    said = *r.path ? r.path : "device " + std::to_string(r.dev);
+    const File file = look(r.path);
+    if (*r.path && file.err != 0)
+        return file.err;
+    loadWatched();
+    r.answer = driver().watched.count(*r.path ? file.st.st_dev : r.dev) ? driver().watchAnswer : 0;
+    said += r.answer ? " -> watched" : " -> not watched";
+    return 0;
+}
+
+int answer(RestoreStubRecord& r, std::string& said) {
+    said = std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) + " bytes";
+    const File file = look(r.path);
+    if (const int err = lookBadly(file))
+        return err;
+    return makeStub(file, r.size, r.meta);
+}
+
+int answer(ResubmitRecord& r, std::string&) {
+    require(r.zero == 0, "a filler that is not zero");
+    ++driver().resubmissions;
+    return 0;
+}
+
+// --- The device ---
+
+void trace(const char* name, const std::string& said, int err) {
+    if (!std::getenv("QZHSM_EMULATOR_TRACE"))
+        return;
+    const std::string line = std::string("    driver: ") + name + " " + said +
+                             (err ? std::string(" -> ") + ::strerror(err) : "") + "\n";
+    static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+}
+
+void failFromEnvironment() {
+    static const bool asked = [] {
+        unsigned nr = 0;
+        int err = 0;
+        int times = 0;
+        const char* wish = std::getenv("QZHSM_EMULATOR_FAIL");
+        if (wish && std::sscanf(wish, "%u:%d:%d", &nr, &err, &times) == 3)
+            driver().failures[nr] = {err, times};
+        return true;
+    }();
+    static_cast<void>(asked);
+}
+
+/// The errno that the request is to fail with, or 0.
+int injectedFailure(unsigned nr) {
+    failFromEnvironment();
+    const auto found = driver().failures.find(nr);
+    if (found == driver().failures.end() || found->second.second == 0)
+        return 0;
+    if (found->second.second > 0)
+        --found->second.second;
+    return found->second.first;
+}
+
+template <class Record>
+bool handle(const DriverRequest<Record>& request, unsigned long command, void* argument, int& err) {
+    if (command != request.command)
+        return false;
+    const auto* bytes = static_cast<unsigned char*>(argument);
+    constexpr size_t kKept = 4096; // nobody looks at more of them
+    if (driver().seen.size() < kKept)
+        driver().seen.push_back({command, {bytes, bytes + sizeof(Record)}});
+    std::string said;
+    err = injectedFailure(_IOC_NR(command));
+    if (err == 0)
+        err = answer(*static_cast<Record*>(argument), said);
+    trace(request.name, said, err);
+    return true;
+}
+
+int request(unsigned long command, void* record) {
+    const std::lock_guard lock(driver().lock);
+    int err = 0;
+    const bool known = std::apply(
+        [&](const auto&... requests) { return (handle(requests, command, record, err) || ...); },
+        std::tie(QZHSM_STAT, QZHSM_STAT_BY_FID, QZHSM_CREATE_STUB, QZHSM_DELETE_STUB, QZHSM_PASS_THROUGH,
+                 QZHSM_PASS_THROUGH_BY_FID, QZHSM_TRAN_WRITE, QZHSM_ADD_WATCH_FS, QZHSM_DEL_WATCH_FS,
+                 QZHSM_IS_WATCH_FS, QZHSM_RESTORE_STUB, QZHSM_RESUBMIT_PENDING_RECALLS));
+    require(known, "an unknown command, or a record of another size");
+    errno = err;
+    return err == 0 ? 0 : -1;
+}
+
+/// The device is "/dev/null" behind the curtain.
+bool isDevice(int fd) {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 && S_ISCHR(st.st_mode) && st.st_rdev == makedev(1, 3);
+}
+
+bool isDevicePath(const char* path) {
+    return std::strcmp(path, kDriverDevice) == 0 && driver().loaded;
+}
+
+} // namespace
+
+extern "C" {
+
+QZHSM_API int stat(const char* path, struct stat* st) {
+    return realStat(isDevicePath(path) ? "/dev/null" : path, st);
+}
+
+QZHSM_API int open(const char* path, int flags, ...) {
+    static auto* open = real<int(const char*, int, ...)>("open");
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    if (!isDevicePath(path))
+        return open(path, flags, mode);
+    require(flags == O_RDWR, "the device opened with other flags");
+    const std::lock_guard lock(driver().lock);
+    ++driver().deviceOpens;
+    errno = injectedFailure(0);
+    return errno == 0 ? open("/dev/null", flags) : -1;
+}
+
+QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
+    static auto* ioctl = real<int(int, unsigned long, ...)>("ioctl");
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    if (_IOC_TYPE(command) != 'C')
+        return ioctl(fd, command, argument);
+    if (answeringAtOnce) {
+        ioctl(fd, command, argument); // which "/dev/null" refuses
+        return 0;
+    }
+    return isDevice(fd) ? request(command, argument) : ioctl(fd, command, argument);
+}
+}
+
+namespace emulator {
+
+void reset() {
+    const std::lock_guard lock(driver().lock);
+    Driver& d = driver();
+    d.loaded = true;
+    d.failures.clear();
+    d.fileInfo = 0;
+    d.watchAnswer = 1;
+    d.watched.clear();
+    d.granted.clear();
+    d.seen.clear();
+    d.deviceOpens = 0;
+    d.resubmissions = 0;
+}
+
+void setLoaded(bool loaded) {
+    driver().loaded = loaded;
+}
+
+void fail(unsigned nr, int err, int times) {
+    const std::lock_guard lock(driver().lock);
+    driver().failures[nr] = {err, times};
+}
+
+void setFileInfo(int value) {
+    driver().fileInfo = value;
+}
+
+void setWatchAnswer(int value) {
+    driver().watchAnswer = value;
+}
+
+fsf_fid fidOf(const std::string& path) {
+    struct stat st {};
+    require(realStat(path.c_str(), &st) == 0, "no file to identify");
+    const std::lock_guard lock(driver().lock);
+    driver().pathsByFid[{st.st_ino, st.st_dev}] = path;
+    return {{st.st_ino, ~st.st_ino, st.st_dev}};
+}
+
+std::vector<Seen> seen() {
+    const std::lock_guard lock(driver().lock);
+    return driver().seen;
+}
+
+void forget() {
+    const std::lock_guard lock(driver().lock);
+    driver().seen.clear();
+}
+
+int deviceOpens() {
+    return driver().deviceOpens;
+}
+
+int resubmissions() {
+    return driver().resubmissions;
+}
+
+void answerAtOnce(bool atOnce) {
+    answeringAtOnce = atOnce;
+}
+
+} // namespace emulator
