@@ -91,8 +91,12 @@ bool requireAttributes(benchmark::State& state) {
     return false;
 }
 
+void breakPromise(const std::string& what) {
+    brokenPromises().insert(what);
+}
+
 void giveUp(benchmark::State& state, const std::string& why) {
-    brokenPromises().insert(why);
+    breakPromise(why);
     state.SkipWithError(why.c_str());
 }
 
@@ -100,8 +104,8 @@ void report(benchmark::State& state, const std::string& name, const std::string&
             std::optional<int> promised) {
     state.counters[what] = static_cast<double>(count);
     if (promised && count != *promised)
-        brokenPromises().insert(name + ": " + what + " " + std::to_string(count) + ", promised " +
-                                std::to_string(*promised));
+        breakPromise(name + ": " + what + " " + std::to_string(count) + ", promised " +
+                     std::to_string(*promised));
 }
 
 double median(std::vector<double>& values) {

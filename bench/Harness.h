@@ -24,10 +24,14 @@ void giveUp(benchmark::State& state, const std::string& why);
 /// One call of the library beside the bare system calls that it stands for.
 struct Case {
     std::string name;
-    int batch;                     ///< calls that are timed together
-    std::optional<int> syscalls{}; ///< promised for either side; none: not counted
-    std::optional<int> allocs{};   ///< promised; none: counted and shown only
+    int batch;                       ///< calls that are timed together
+    std::optional<int> syscalls{};   ///< promised for either side; none: not counted
+    std::optional<int> allocs{};     ///< promised; none: counted and shown only
+    std::optional<int> overheadNs{}; ///< promised at most: the library's time beyond the bare calls'
 };
+
+/// A promise that is not kept: the program fails.
+void breakPromise(const std::string& what);
 
 /// Sets the counter `what`. Where the count is not the promised one, the program fails.
 void report(benchmark::State& state, const std::string& name, const std::string& what, long long count,
@@ -70,6 +74,10 @@ void measure(benchmark::State& state, const Case& c, Prepare prepare, Ours ours,
     state.counters["ours_ns"] = median(oursTimes);
     state.counters["bare_ns"] = median(bareTimes);
     state.counters["ratio"] = median(ratios);
+    const double overhead = state.counters["ours_ns"] - state.counters["bare_ns"];
+    constexpr size_t kEnough = 100; // pairs, which the short runs for warming up do not reach
+    if (c.overheadNs && ratios.size() >= kEnough && overhead > *c.overheadNs)
+        breakPromise(c.name + ": overhead of " + std::to_string(overhead) + " ns");
 
     if (c.syscalls) {
         prepare();

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# tool_test.sh PATH-OF-QZHSM: the tool on a file system with attributes and on one without, good input and bad.
+# tool_test.sh PATH-OF-QZHSM PATH-OF-DRIVER-EMULATOR: the tool on a file system with attributes and on one without and
+# under an emulated driver, good input and bad.
 set -uo pipefail
 if [ "$(id -u)" -ne 0 ]; then
     echo "skipped: mounting file systems for the test needs root"
@@ -9,6 +10,7 @@ if [ -z "${QZHSM_TEST_NAMESPACE:-}" ]; then
     QZHSM_TEST_NAMESPACE=1 exec unshare --mount "$0" "$@" # mounts vanish with the test
 fi
 qzhsm=$1
+emulator=$2
 work=$(mktemp -d)
 trap 'umount "$work"/* 2>/dev/null; rm -rf "$work"' EXIT
 failures=0
@@ -137,6 +139,57 @@ before=$(fingerprint "$work/full/file")
 expect 1 'No space left on device \(code -1\)' recall "$work/full/file" --from "$work.data"
 [ "$before" = "$(fingerprint "$work/full/file")" ] || fail "the stub is not as it was after a full disk"
 umount "$work/full"
+
+echo '-- stubs that the driver keeps'
+expect 1 'FSF driver is not loaded \(code -1\)' --fs qzfs info "$work.data"
+mkdir "$work/driver"
+mount -t tmpfs none "$work/driver"
+f=$work/driver/file
+export QZHSM_EMULATOR_STATE=$work/watched
+plain=$qzhsm
+qzhsm=$work/qzhsm.driver
+# A sanitizer's library has to come before the emulator.
+sanitizer=$(ldd "$plain" | awk '/lib[a-z]*san\./ { print $3; exit }')
+printf '#!/bin/sh\nLD_PRELOAD="%s" exec "%s" --fs "${fs:-qzfs}" "$@"\n' "$sanitizer $emulator" "$plain" >"$qzhsm"
+chmod +x "$qzhsm"
+printf short >"$f"
+touch -d @1000000000 "$f"
+expect 1 'QZHSM_CREATE_STUB\(.*Invalid argument \(code 6\)' stub "$f" --meta m
+expect 0 '^$' watch "$work/driver"
+expect 0 '^yes' watched "$work/driver"
+expect 0 '^$' resubmit
+unchanged "$f" expect 1 'Metadata of 2048 bytes: the driver takes at most 2047' stub "$f" --meta "$(printf %2048s x)"
+expect 1 'Path of 2048 bytes' stub "$(printf %2048s x)" --meta m
+unchanged "$f" expect 1 'Device or resource busy \(code 3\)' stub "$f" --meta m --ref-time 5
+expect 0 '^$' stub "$f" --meta m
+expect 0 '^yes +yes +5 ' info "$f"
+unchanged "$f" expect 1 'Not replacing the stub .*file: File exists \(code 17\)' stub "$f" --meta again
+expect 0 '^$' backup "$f" -o "$work/saved"
+expect 0 '^$' restore-stub "$work/driver/again" "$work/saved"
+expect 0 '^stubs +2$' scan "$work/driver"
+rm "$work/driver/again"
+: >"$work/driver/again"
+QZHSM_EMULATOR_FAIL=16:5:1 expect 1 'QZHSM_RESTORE_STUB\) failed: Input/output error' restore-stub "$work/driver/again" "$work/saved"
+expect 0 '^no ' info "$work/driver/again"
+printf 12345 >"$work/five"
+QZHSM_EMULATOR_FAIL=8:5:1 unchanged "$f" expect 1 'still a stub, to be recalled again' recall "$f" --from "$work/five"
+QZHSM_EMULATOR_FAIL=6:200:1 unchanged "$f" expect 1 'in transparent mode: .*\(code 8\)' recall "$f" --from "$work/five"
+expect 0 '^$' recall "$f" --from "$work/five"
+[ "$(cat "$f")" = 12345 ] || fail "the data differs"
+[ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
+for fs in qzfs qzfs_extent; do
+    export fs
+    cp "$work.data" "$f"
+    expect 0 '^$' stub "$f" --meta m
+    expect 0 '^$' recall "$f" --from "$work.data"
+    cmp "$f" "$work.data" || fail "the data differs on $fs"
+    expect 0 '^$' stub "$f" --meta m
+    expect 0 'warning' recall "$f" --from "$work/five" --force
+    [ "$(cat "$f")" = 12345 ] || fail "a shorter recall left more than its data on $fs"
+done
+[ "$(ls -A "$work/driver")" = "$(printf 'again\nfile')" ] || fail "left behind: $(ls -A "$work/driver")"
+qzhsm=$plain
+umount "$work/driver"
 
 echo '-- a user who may not read'
 cp "$work.data" "$work/private"

@@ -348,7 +348,7 @@ bool handle(const DriverRequest<Record>& request, unsigned long command, void* a
     constexpr size_t kKept = 4096; // nobody looks at more of them
     if (driver().seen.size() < kKept)
         driver().seen.push_back({command, {bytes, bytes + sizeof(Record)}});
-    std::string said;
+    std::string said = "(to fail)";
     err = injectedFailure(_IOC_NR(command));
     if (err == 0)
         err = answer(*static_cast<Record*>(argument), said);
