@@ -3,6 +3,7 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+#include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 
 #include <memory>
@@ -34,5 +35,5 @@ QZHSMLowLevel* createQZHSMLowLevelLustre() {
 }
 
 QZHSMLowLevel* createQZHSMLowLevelGlusterFs() {
-    return nullptr;
+    return std::make_unique<QZHSMLowLevelGlusterFs>().release();
 }
