@@ -33,6 +33,7 @@ public:
         va_list args;
         va_start(args, format);
         char text[512];
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started right above
         std::vsnprintf(text, sizeof text, format, args);
         va_end(args);
         m_lines += std::to_string(level) + " " + function + " " + std::to_string(line) + " " + text + "\n";
@@ -225,7 +226,6 @@ TEST_P(GlusterFs, CorruptStubTextMakesNoStub) {
                               "std::vector<char>&, const off_t&) 178 " +
                                   m_backEnd.m_errorText + "\n");
     std::vector<char> data;
-    EXPECT_EQ(m_backEnd.getStubData(m_path.c_str(), isStub, data, 0), -1);
     expectFailure(m_backEnd.backupStub(m_path.c_str(), data), -1, m_notAStub);
     expectFailure(m_backEnd.backupStub(m_missing.c_str(), data), 4,
                   "Failed to stat " + m_missing + ": No such file or directory");
