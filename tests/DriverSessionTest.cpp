@@ -1,12 +1,12 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "platform/errors/NkException.h"
-#include "platform/logging/CLogWriterInterface.h"
 #include "tests/emulator/DriverEmulator.h"
 #include "tests/support/DriverFixture.h"
+#include "tests/support/RecordingLog.h"
 
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/wait.h>
@@ -346,36 +346,11 @@ TEST_F(Journal, IsThereWhereItIsInstalled) {
               std::string::npos);
 }
 
-namespace {
-
-/// Keeps lines as "LEVEL TAG:LINE TEXT".
-class RecordingLog : public CLogWriterInterface {
-public:
-    explicit RecordingLog(int level) : m_level(level) {}
-    int GetLevel() const override { return m_level; }
-    void Write(int level, const char* function, int line, int, int, const char* format, ...) override {
-        char text[256];
-        va_list args;
-        va_start(args, format);
-        std::vsnprintf(text, sizeof text, format, args);
-        va_end(args);
-        m_lines.push_back(std::to_string(level) + " " + function + ":" + std::to_string(line) + " " + text);
-    }
-    std::vector<std::string> m_lines;
-
-private:
-    int m_level;
-};
-
-} // namespace
-
 TEST_F(ExtentSession, CountsOpensAndCloses) {
     const std::string path = m_fs.path("file");
     writeFile(path, noise(9000));
     ASSERT_EQ(stub(path), 0) << m_driver.m_errorText;
-    const auto before = g_ptrLogWriter;
-    const auto log = std::make_shared<RecordingLog>(5);
-    g_ptrLogWriter = log;
+    RecordingLog log(5);
     const auto failsClosed = [&] {
         EXPECT_EQ(m_driver.writeFileTrans("x", 1, 0), -1);
         EXPECT_EQ(m_driver.m_errorCode, -1);
@@ -386,6 +361,9 @@ TEST_F(ExtentSession, CountsOpensAndCloses) {
     EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), -1);
     failsClosed();
     EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
+    int32_t carrier = -1;
+    std::memcpy(&carrier, &emulator::seen().back().record[2048], sizeof carrier);
+    const std::string fd = std::to_string(carrier);
     EXPECT_EQ(m_driver.openFileTrans("/any", O_RDWR, 0600), 0) << "joins";
     EXPECT_EQ(m_driver.seekFileTrans(5, SEEK_SET), 1);
     EXPECT_EQ(m_driver.closeFileTrans(), 0);
@@ -408,23 +386,15 @@ TEST_F(ExtentSession, CountsOpensAndCloses) {
     EXPECT_EQ(content.substr(4096, 4), "late");
 
     const std::string qualified = "virtual int QZHSMLowLevelQZFSExtent::";
-    const std::string closing = "5 " + qualified + "closeFileTrans():47 calling closeFileTrans";
+    const std::string closing = "5 " + qualified + "closeFileTrans() 47 calling closeFileTrans\n";
     const std::string notSet =
-        "-1 " + qualified + "writeFileTrans(const void*, int, long long int):69 trans_fd not set";
-    ASSERT_EQ(log->m_lines.size(), 5U);
-    EXPECT_EQ(log->m_lines[0], closing);
-    EXPECT_EQ(log->m_lines[1], notSet);
-    EXPECT_EQ(log->m_lines[2].find("5 " + qualified +
-                                   "openFileTrans(const char*, int, int):31 "
-                                   "openFileTrans success. FD ["),
-              0U);
-    EXPECT_EQ(log->m_lines[3], closing);
-    EXPECT_EQ(log->m_lines[4], notSet);
-    const auto quiet = std::make_shared<RecordingLog>(4);
-    g_ptrLogWriter = quiet;
+        "-1 " + qualified + "writeFileTrans(const void*, int, long long int) 69 trans_fd not set\n";
+    EXPECT_EQ(log.take(), closing + notSet + "5 " + qualified +
+                              "openFileTrans(const char*, int, int) 31 openFileTrans success. FD [" + fd +
+                              "]\n" + closing + notSet);
+    log.setLevel(4);
     m_driver.closeFileTrans();
-    EXPECT_TRUE(quiet->m_lines.empty());
+    EXPECT_EQ(log.take(), "");
     g_ptrLogWriter = nullptr;
     failsClosed();
-    g_ptrLogWriter = before;
 }

@@ -100,10 +100,10 @@ TEST(Registry, TwoArgumentFormKnowsTwoBackEnds) {
     EXPECT_NE(log.find(line), log.rfind(line)) << log;
 
     driverCanBeMade = true;
-    QZHSMLowLevel* made = driver.getByFSName("nk_anyfs", true);
-    EXPECT_NE(made, nullptr) << "any other name is the filter driver's";
-    EXPECT_EQ(driver.getByFSName("nk_anyfs"), made);
-    EXPECT_NE(driver.getByFileName("/any"), made) << "cached under its own name";
+    QZHSMLowLevel* other = driver.getByFSName("nk_anyfs", true);
+    EXPECT_NE(other, nullptr) << "any other name is the filter driver's";
+    EXPECT_EQ(driver.getByFSName("nk_anyfs"), other);
+    EXPECT_NE(driver.getByFileName("/any"), other) << "cached under its own name";
     QZHSMLowLevelCtx both(0);
     QZHSMLowLevel* first = both.getByFSName("qzfs", true);
     EXPECT_NE(first, both.getByFSName("NK_ANYFS", true));
@@ -139,19 +139,19 @@ TEST(StatFile, ThreadsDoNotShareAHelper) {
 TEST(Extents, WrittenFromTwoThreadsLandWhereTheyShould) {
     constexpr int kPiece = 4096;
     constexpr int kPieces = 64;
+    constexpr off_t kSize = off_t{2} * kPieces * kPiece;
     std::string path = ::testing::TempDir() + "qzhsm-extents-XXXXXX";
     const UniqueFd file(::mkstemp(path.data()));
-    ASSERT_EQ(::ftruncate(file.get(), 2 * kPieces * kPiece), 0);
+    ASSERT_EQ(::ftruncate(file.get(), kSize), 0);
     QZHSMLowLevelQZFSExtent driver;
     emulator::reset();
     ASSERT_EQ(driver.startWatchingDirTree(path.c_str()), 0);
-    ASSERT_EQ(driver.stubFile(path.c_str(), "m", std::time(nullptr), 2 * kPieces * kPiece), 0)
-        << driver.m_errorText;
+    ASSERT_EQ(driver.stubFile(path.c_str(), "m", std::time(nullptr), kSize), 0) << driver.m_errorText;
     const auto writeExtents = [&](int first) {
         EXPECT_EQ(driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
         for (int i = 2 * kPieces - 2 + first; i >= 0; i -= 2) {
             const std::string piece(kPiece, static_cast<char>(i));
-            EXPECT_EQ(driver.writeFileTrans(piece.data(), kPiece, i * kPiece), kPiece);
+            EXPECT_EQ(driver.writeFileTrans(piece.data(), kPiece, off_t{i} * kPiece), kPiece);
         }
         EXPECT_EQ(driver.closeFileTrans(), 0);
     };
@@ -161,7 +161,7 @@ TEST(Extents, WrittenFromTwoThreadsLandWhereTheyShould) {
     EXPECT_EQ(driver.writeFileTrans("x", 1, 0), -1) << "both are done";
     for (int i = 0; i < 2 * kPieces; ++i) {
         char piece[kPiece];
-        ASSERT_EQ(::pread(file.get(), piece, kPiece, i * kPiece), kPiece);
+        ASSERT_EQ(::pread(file.get(), piece, kPiece, off_t{i} * kPiece), kPiece);
         EXPECT_EQ(std::string(piece, kPiece), std::string(kPiece, static_cast<char>(i))) << i;
     }
     ::unlink(path.c_str());

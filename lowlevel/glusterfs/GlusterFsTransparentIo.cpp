@@ -9,8 +9,7 @@
 int QZHSMLowLevelGlusterFs::openFileTrans(const char* path, int flags, int mode) {
     clearError();
     if (transFd >= 0)
-        return fail(QZHSM_FAILURE, std::string("Attempt to open a new file ") + path +
-                                       " in transparent mode w/o closing the previous one first.");
+        return failSecondOpen(path);
     transFd = open_utf(path, flags, static_cast<mode_t>(mode));
     if (transFd < 0)
         return fail(QZHSM_FAILURE,
@@ -51,17 +50,10 @@ int QZHSMLowLevelGlusterFs::closeFileTrans() {
 
 int QZHSMLowLevelGlusterFs::setAMCTime(const char* path, long atime, long mtime, long) {
     clearError();
-    const utimbuf times{atime, mtime};
-    if (utime_utf(path, &times) == 0)
-        return 0;
-    const int err = errno;
-    return failErrno(codeFor(err), "Failed to change time of ", path, err);
+    return setTimes(path, atime, mtime);
 }
 
 int QZHSMLowLevelGlusterFs::statFile(const char* path, struct stat* st) {
     clearError();
-    if (stat_utf(path, st) == 0)
-        return 0;
-    const int err = errno;
-    return failErrno(codeFor(err), "Failed to stat ", path, err);
+    return statPath(path, st);
 }

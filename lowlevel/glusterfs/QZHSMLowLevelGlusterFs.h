@@ -93,9 +93,8 @@ public:
     int getStubData(const char* path, bool& isStub, std::vector<char>& stubData, const off_t& size);
 
     /// Takes the version GUID from metadata text: its 16 bytes into `guid`, its dashed form into
-    /// `versionGuid`. An error with code 1627 and both untouched for metadata without one; an error with the
-    /// errno found, EINVAL where that is 0, and only `versionGuid` set for one that is none (what parses it
-    /// sets no errno). Throws std::out_of_range for less than 20 characters.
+    /// `versionGuid`. An error with code 1627 and both untouched for metadata without one; EINVAL with only
+    /// `versionGuid` set for one that is none. Throws std::out_of_range for less than 20 characters.
     CWbError GetVersionGUIDFromMetaInBinaryFormat(const char* stubMeta, unsigned char (&guid)[16],
                                                   std::string& versionGuid);
 
