@@ -149,6 +149,10 @@ protected:
 
     // What several back-ends do alike. Each sets the error on failure.
 
+    /// Clears the error: 0.
+    int succeed();
+    /// Fails with code 38 and "`operation` not implemented".
+    int refuse(std::string_view operation);
     /// stat(2): 0, or -1.
     int statPath(const char* path, struct stat* st);
     /// utime(2): 0, or -1.

@@ -6,6 +6,15 @@
 #include <cerrno>
 #include <unistd.h>
 
+int QZHSMLowLevel::succeed() {
+    clearError();
+    return 0;
+}
+
+int QZHSMLowLevel::refuse(std::string_view operation) {
+    return fail(QZHSM_NOT_IMPLEMENTED, std::string(operation) + " not implemented");
+}
+
 int QZHSMLowLevel::statPath(const char* path, struct stat* st) {
     if (stat_utf(path, st) == 0)
         return 0;

@@ -11,10 +11,17 @@ struct StubWorld {
     const char* name;
     FsKind fs;
     QZHSMLowLevel* (*create)();
-    const char* mark;         ///< the attribute that a stub carries, or null where nothing marks it
-    bool textInFile;          ///< the stub text lies at the beginning of the file, before a hole
-    bool hasPosition;         ///< transparent I/O goes by a position, not by offsets
-    const char* writeRefused; ///< the text where a descriptor that is open for reading only is written to
+    const char* mark = nullptr; ///< the attribute that a stub carries, or null where nothing marks it
+    bool textInFile = false;    ///< the stub text lies at the beginning of the file, before a hole
+    bool givesDataUp = true;    ///< stubbing does so, rather than the file system in its own time
+    bool transparent = true;    ///< there is transparent I/O
+    bool restoresMarks = true;  ///< a stub can be restored that lost its attributes
+    bool anyName = true;        ///< names may hold what means something to a shell
+    bool endsItself = true;     ///< `restoreDone` ends the stub, rather than the file system in its own time
+    int done = 0;               ///< what `restoreDone` answers to a success
+    const char* writeRefused{}; ///< the text where a descriptor that is open for reading only is written to
+    /// What else has to happen to a stubbed file, outside the back-end.
+    void (*settle)(const std::string& path) = [](const std::string&) {};
 
     friend std::ostream& operator<<(std::ostream& out, const StubWorld& world) { return out << world.name; }
 };
@@ -25,11 +32,15 @@ protected:
     void SetUp() override;
 
     /// Stubs the file with its own modification time.
-    int stub(const std::string& path, const char* meta = "versionGuid=0123;job=7");
+    int stub(const std::string& path);
     /// Writes all of `data` into the transparent session, from `offset` on.
     void put(std::string_view data, long long offset);
-    void countsOpens();
+    bool isMarked(const std::string& path) const;
 
-    TestFs m_fs{GetParam().fs};
-    std::unique_ptr<QZHSMLowLevel> m_backEnd{GetParam().create()};
+    const StubWorld& m_world = GetParam();
+    TestFs m_fs{m_world.fs};
+    std::unique_ptr<QZHSMLowLevel> m_backEnd{m_world.create()};
 };
+
+/// Back-ends whose transparent I/O allows one session, with the texts that they share.
+class OneSession : public LifeOfAStub {};

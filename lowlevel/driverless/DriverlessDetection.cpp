@@ -24,11 +24,6 @@ QZHSMLowLevelDriverless::QZHSMLowLevelDriverless() : m_aclHelper(NkACL::Helper::
 // it, and a closed number could by then be another file's.
 QZHSMLowLevelDriverless::~QZHSMLowLevelDriverless() = default;
 
-int QZHSMLowLevelDriverless::succeed() {
-    clearError();
-    return 0;
-}
-
 int QZHSMLowLevelDriverless::failFromAcl() {
     return fail(m_aclHelper->getLastErrno(), m_aclHelper->getLastError());
 }

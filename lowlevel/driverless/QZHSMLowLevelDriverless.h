@@ -108,7 +108,6 @@ public:
     int statFile(const char* path, struct stat* st) override;
 
 private:
-    int succeed();
     int failFromAcl();
     /// Sets the mark where attributes work. 0, or -1 with the error set.
     int mark(const char* path);

@@ -97,18 +97,15 @@ int QZHSMLowLevelGlusterFs::backupStub(const char* path, std::vector<char>& stub
 }
 
 int QZHSMLowLevelGlusterFs::startWatchingDirTree(const char*) {
-    clearError();
-    return 0;
+    return succeed();
 }
 
 int QZHSMLowLevelGlusterFs::stopWatchingDirTree(const char*) {
-    clearError();
-    return 0;
+    return succeed();
 }
 
 int QZHSMLowLevelGlusterFs::stopWatchingDevice(unsigned long) {
-    clearError();
-    return 0;
+    return succeed();
 }
 
 int QZHSMLowLevelGlusterFs::isDirBeingWatched(const char*) {

@@ -18,8 +18,7 @@ int QZHSMLowLevelGlusterFs::openFileTrans(const char* path, int flags, int mode)
 }
 
 int QZHSMLowLevelGlusterFs::readFileTrans(void*, int) {
-    clearError();
-    return fail(QZHSM_NOT_IMPLEMENTED, "readFileTrans not implemented");
+    return refuse("readFileTrans");
 }
 
 int QZHSMLowLevelGlusterFs::writeFileTrans(const void* buf, int len, long long) {

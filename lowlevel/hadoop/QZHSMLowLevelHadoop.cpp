@@ -1,28 +1,19 @@
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 
-int QZHSMLowLevelHadoop::refuse(const char* operation) {
-    return fail(QZHSM_NOT_IMPLEMENTED, std::string(operation) + " not implemented");
-}
-
-int QZHSMLowLevelHadoop::nothingToDo() {
-    clearError();
-    return 0;
-}
-
 int QZHSMLowLevelHadoop::startWatchingDirTree(const char*) {
-    return nothingToDo();
+    return succeed();
 }
 
 int QZHSMLowLevelHadoop::stopWatchingDirTree(const char*) {
-    return nothingToDo();
+    return succeed();
 }
 
 int QZHSMLowLevelHadoop::stopWatchingDevice(unsigned long) {
-    return nothingToDo();
+    return succeed();
 }
 
 int QZHSMLowLevelHadoop::isDirBeingWatched(const char*) {
-    return nothingToDo();
+    return succeed();
 }
 
 int QZHSMLowLevelHadoop::isDMRFS(const char*) {

@@ -28,8 +28,4 @@ public:
     int closeFileTrans() override;
     int setAMCTime(const char* path, long atime, long mtime, long ctime) override;
     int statFile(const char* path, struct stat* st) override;
-
-private:
-    int refuse(const char* operation);
-    int nothingToDo();
 };

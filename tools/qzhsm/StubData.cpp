@@ -2,6 +2,7 @@
 
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+#include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 #include "platform/stub/StubText.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Report.h"
@@ -12,6 +13,10 @@
 
 bool keepsTextInFile(const QZHSMLowLevel& backEnd) {
     return dynamic_cast<const QZHSMLowLevelDriverless*>(&backEnd) != nullptr;
+}
+
+bool marksOnly(const QZHSMLowLevel& backEnd) {
+    return dynamic_cast<const QZHSMLowLevelGlusterFs*>(&backEnd) != nullptr;
 }
 
 bool asksDriver(const QZHSMLowLevel& backEnd) {
@@ -32,7 +37,11 @@ bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct st
         return false;
     if (::access(path.c_str(), R_OK) < 0)
         throw systemFailure("Failed to read from ", path, errno);
-    return answered(backEnd, backEnd.isStub(path.c_str()));
+    const int answer = backEnd.isStub(path.c_str());
+    // Some back-ends say with code 8 what they answer too; what goes beyond that is damage.
+    if (backEnd.m_errorCode == QZHSM_NOT_A_STUB && backEnd.m_errorText == path + " is not a stub")
+        return answer != 0;
+    return answered(backEnd, answer);
 }
 
 bool beginsWithStubText(const std::vector<char>& bytes) {

@@ -8,6 +8,8 @@
 
 /// Whether stubs carry their stub text at the beginning of the file itself, in place of its data.
 bool keepsTextInFile(const QZHSMLowLevel& backEnd);
+/// Whether a restored stub comes back with its attributes, and only its completion is marked then.
+bool marksOnly(const QZHSMLowLevel& backEnd);
 /// Whether the kernel's filter driver keeps the stubs. It takes a look into a stub for a wish to recall it.
 bool asksDriver(const QZHSMLowLevel& backEnd);
 /// Throws where the driver would get the path, or metadata, cut: it would act on another file, or lose some.

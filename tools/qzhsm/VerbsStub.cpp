@@ -2,10 +2,13 @@
 #include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
+#include "lowlevel/glusterfs/CloudsyncAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <stdexcept>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -100,8 +103,12 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
                           "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
                               " bytes would not be shorter than its " + std::to_string(st.st_size));
     }
-    if (backEnd.stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
-        throwExplained(backEnd, path);
+    try {
+        if (backEnd.stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
+            throwExplained(backEnd, path);
+    } catch (const std::out_of_range&) {
+        throw Failure(QZHSM_FAILURE, "Not stubbing " + path + ": the metadata's versionGuid is too short");
+    }
 }
 
 void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& output,
@@ -111,6 +118,8 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
     std::vector<char> data;
     checked(backEnd, fromSnapshot ? backEnd.backupStubFromSnap(path.c_str(), data)
                                   : backEnd.backupStub(path.c_str(), data));
+    if (!readFacts(data))
+        throw Failure(QZHSM_NOT_A_STUB, "The stub " + path + " has no valid stub text");
     if (output.empty())
         return report.raw({data.data(), data.size()});
 
@@ -130,6 +139,13 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
 
 void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force) {
     const std::vector<char> data = readStubData(backEnd, stubFile);
+    if (marksOnly(backEnd)) {
+        // The back-end would take a stub's marks away rather than mark it twice.
+        if (::getxattr(path.c_str(), kCloudsyncAttributes[Complete], nullptr, 0) >= 0)
+            throw Failure(EEXIST, "Not restoring a stub over " + path + ": it is marked complete already");
+        checked(backEnd, backEnd.restoreStub(path.c_str(), data));
+        return;
+    }
     Target target(backEnd, path, force);
     const int result = backEnd.restoreStub(path.c_str(), data);
     if (result >= 0 || backEnd.m_errorCode == EEXIST) // a mark that was there before is not ours to remove
