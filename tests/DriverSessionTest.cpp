@@ -4,13 +4,12 @@
 #include "tests/support/DriverFixture.h"
 #include "tests/support/RecordingLog.h"
 
-#include <chrono>
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -90,23 +89,20 @@ TEST_F(Session, LeavesNoCarrierBehind) {
 TEST_F(Session, GivesUpOnABusyDriver) {
     emulator::fail(6, EAGAIN, -1);
     emulator::fail(7, EAGAIN, -1);
+    emulator::tickWhenBusy(true);
     const UniqueFd file(::open(m_path.c_str(), O_RDWR));
-    QZHSMLowLevelQZFS other;
-    ASSERT_EQ(other.openAdminNode(), 0);
     const long before = openDescriptors();
-    const auto start = std::chrono::steady_clock::now();
-    std::thread byIdentifier([&] {
-        EXPECT_EQ(other.openFileTrans(file.get(), statOf(m_path).st_dev, {}), -1);
-        EXPECT_EQ(other.m_errorCode, 7);
-        EXPECT_EQ(other.m_errorText, "Timed out while trying to request pass-through access");
-    });
+    emulator::forget();
+    EXPECT_EQ(openByIdentifier(file.get()), -1);
+    EXPECT_EQ(m_driver.m_errorCode, 7);
+    EXPECT_EQ(m_driver.m_errorText, "Timed out while trying to request pass-through access");
+    EXPECT_EQ(emulator::seen().size(), 5U) << "asked at second 0, 1, 2, 3 and 4";
+    EXPECT_EQ(openDescriptors(), before);
+    emulator::forget();
     EXPECT_EQ(open(O_RDWR | O_APPEND, 0640), -1);
-    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
-    byIdentifier.join();
     EXPECT_EQ(m_driver.m_errorCode, 7);
     EXPECT_EQ(m_driver.m_errorText, "Timed out while trying to request pass-through access to " + m_path);
-    EXPECT_GT(waited.count(), 3.9);
-    EXPECT_LT(waited.count(), 6) << "five, and what a loaded machine adds";
+    EXPECT_EQ(emulator::seen().size(), 5U);
     EXPECT_EQ(entriesOf(m_fs.dir()), 1);
 
     EXPECT_EQ(openDescriptors(), before + 1) << "the carrier, which a busy driver may still act on";
@@ -143,6 +139,7 @@ TEST_F(Session, ByIdentifierLeavesTheCallersDescriptor) {
     emulator::fail(8, ENOENT);
     EXPECT_EQ(m_driver.writeFileTrans("x", 1, 0), -1);
     EXPECT_EQ(m_driver.m_errorCode, 4);
+    EXPECT_EQ(m_driver.closeFileTrans(), 0);
     EXPECT_EQ(m_driver.m_errorText, "QZHSM_TRAN_WRITE failed: No such file or directory");
 }
 
@@ -183,7 +180,8 @@ std::string throwing;
 
 class TestJournal : public FlrDriver {
 public:
-    bool statFS(unsigned long long) override {
+    bool statFS(unsigned long long dev) override {
+        EXPECT_TRUE(dev == m_device || m_device == 0);
         tell("statFS");
         return m_tracks;
     }
@@ -191,16 +189,22 @@ public:
         tell(flag ? "getFID(true)" : "getFID");
         return {{7, 8, 9}};
     }
-    void injectSTUB(unsigned long long, const fsf_fid& fid, const char* meta) override {
+    void injectSTUB(unsigned long long dev, const fsf_fid& fid, const char* meta) override {
+        EXPECT_EQ(dev, m_device);
         tell("STUB " + words(fid) + " " + meta);
     }
-    void injectUNSTUB(unsigned long long, const fsf_fid& fid) override { tell("UNSTUB " + words(fid)); }
-    void injectTWRITE(unsigned long long, const fsf_fid& fid, unsigned long long offset, const void* buf,
+    void injectUNSTUB(unsigned long long dev, const fsf_fid& fid) override {
+        EXPECT_EQ(dev, m_device);
+        tell("UNSTUB " + words(fid));
+    }
+    void injectTWRITE(unsigned long long dev, const fsf_fid& fid, unsigned long long offset, const void* buf,
                       int n) override {
+        EXPECT_EQ(dev, m_device);
         tell("TWRITE " + words(fid) + " " + std::to_string(offset) + " " +
              std::string(static_cast<const char*>(buf), static_cast<size_t>(n)));
     }
     static bool m_tracks;
+    static unsigned long long m_device; ///< the only one to be spoken of; 0: any
 
 private:
     static std::string words(const fsf_fid& fid) {
@@ -214,6 +218,7 @@ private:
     }
 };
 bool TestJournal::m_tracks = true;
+unsigned long long TestJournal::m_device = 0;
 
 using Told = std::vector<std::string>;
 
@@ -224,6 +229,7 @@ protected:
         journal.clear();
         throwing.clear();
         TestJournal::m_tracks = true;
+        TestJournal::m_device = statOf(m_fs.dir()).st_dev;
         g_flrDriverFactory = [] { return std::make_unique<TestJournal>(); };
     }
     void TearDown() override { g_flrDriverFactory = m_factory; }
@@ -232,11 +238,13 @@ protected:
     /// all of it succeeded.
     bool roundTrip(QZHSMLowLevelQZFS& driver) {
         fs::remove(m_path);
-        writeFile(m_path, noise(50));
+        writeFile(m_path, noise(200));
         const struct stat st = statOf(m_path);
-        bool done = driver.stubFile(m_path.c_str(), "m", st.st_mtime, 50) == 0;
+        bool done = driver.stubFile(m_path.c_str(), "m", st.st_mtime, 200) == 0;
         done &= driver.openFileTrans(m_path.c_str(), O_RDWR, 0600) == 0;
-        done &= driver.seekFileTrans(100, SEEK_SET) == 100;
+        char read[5];
+        done &= driver.seekFileTrans(95, SEEK_SET) == 95 && driver.readFileTrans(read, 5) == 5;
+        done &= driver.seekFileTrans(-1, SEEK_SET) == -1;
         done &= driver.writeFileTrans("0123456789", 10, 0) == 10;
         done &= driver.writeFileTrans("abcdefghij", 10, 0) == 10;
         driver.closeFileTrans();
@@ -246,7 +254,7 @@ protected:
         driver.closeFileTrans();
         done &= driver.restoreDone(m_path.c_str(), false, {}) == 0;
         done &= driver.restoreDone(m_path.c_str(), true, {}) == 0;
-        return done && driver.restoreStub(m_path.c_str(), stubDataOf("n", 50)) == 0;
+        return done && driver.restoreStub(m_path.c_str(), stubDataOf("n", 200)) == 0;
     }
 
     const std::string m_path = m_fs.path("file");
@@ -279,11 +287,20 @@ TEST_F(Journal, IsToldInOrder) {
     EXPECT_EQ(driver.m_errorCode, -1);
     EXPECT_EQ(driver.m_errorText, "Failed to stat /missing: No such file or directory");
 
+    EXPECT_EQ(driver.isJRNFS(m_path.c_str(), nullptr, nullptr), 1);
+    EXPECT_EQ(driver.m_errorText, "") << "cleared";
+    EXPECT_EQ(driver.isJRNFS("/missing", nullptr, nullptr), -1);
+    EXPECT_EQ(driver.isJRNFS(dev), 1);
+    EXPECT_EQ(driver.m_errorText, "");
+    EXPECT_EQ(driver.isJRNFS("/missing", nullptr, nullptr), -1);
+    EXPECT_EQ(driver.restoreDone(m_path.c_str(), false, {}), 0);
+    EXPECT_EQ(driver.m_errorText, "");
+
     emulator::fail(3, EIO);
     emulator::fail(16, EIO);
     journal.clear();
-    driver.stubFile(m_path.c_str(), "m", 0, 50);
-    driver.restoreStub(m_path.c_str(), stubDataOf("n", 50));
+    driver.stubFile(m_path.c_str(), "m", 0, 200);
+    driver.restoreStub(m_path.c_str(), stubDataOf("n", 200));
     EXPECT_EQ(journal, Told{}) << "nothing is told of what the driver refused";
     emulator::setLoaded(false);
     QZHSMLowLevelQZFS without;
@@ -295,18 +312,23 @@ TEST_F(Journal, NeverChangesAResult) {
     const TestConfig config(kInstalled);
     for (const char* operation : {"statFS", "getFID", "STUB", "UNSTUB", "TWRITE"}) {
         throwing = operation;
+        journal.clear();
         QZHSMLowLevelQZFS driver;
         ::testing::internal::CaptureStderr();
         EXPECT_TRUE(roundTrip(driver)) << operation;
         const std::string log = ::testing::internal::GetCapturedStderr();
         const bool isQuery = operation == std::string("statFS") || operation == std::string("getFID");
         EXPECT_EQ(log.find("[Flr::" + throwing + "] journal is down\n") == std::string::npos, isQuery) << log;
+        const bool told = std::ranges::any_of(journal, [](const std::string& what) {
+            return what.find("STUB 7") != std::string::npos || what.find("TWRITE 7") == 0;
+        });
+        EXPECT_NE(told, isQuery) << "a question that failed means not tracked";
         EXPECT_EQ(driver.m_errorText, isQuery ? "journal is down" : "");
         EXPECT_EQ(driver.m_errorCode, isQuery ? -1 : 0);
     }
     throwing = "statFS";
     QZHSMLowLevelQZFS driver;
-    EXPECT_EQ(driver.isJRNFS(1UL), -1);
+    EXPECT_EQ(driver.isJRNFS(TestJournal::m_device), -1);
     EXPECT_EQ(driver.m_errorText, "journal is down");
     TestJournal::m_tracks = false;
     throwing.clear();
@@ -331,6 +353,7 @@ TEST_F(Journal, IsThereWhereItIsInstalled) {
     };
     for (const auto& row : rows) {
         const TestConfig config(row.config);
+        TestJournal::m_device = 0;
         EXPECT_EQ(QZHSMLowLevelQZFS().isJRNFS("/", nullptr, nullptr), row.answer) << row.config;
         g_flrDriverFactory = m_factory;
         EXPECT_EQ(QZHSMLowLevelQZFS().isJRNFS("/", nullptr, nullptr), 0) << "the client of no journal";
@@ -393,6 +416,7 @@ TEST_F(ExtentSession, CountsOpensAndCloses) {
                               "openFileTrans(const char*, int, int) 31 openFileTrans success. FD [" + fd +
                               "]\n" + closing + notSet);
     log.setLevel(4);
+    EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
     m_driver.closeFileTrans();
     EXPECT_EQ(log.take(), "");
     g_ptrLogWriter = nullptr;

@@ -14,7 +14,7 @@ namespace {
 constexpr unsigned long kDevice = 0x803;
 constexpr fsf_fid kFid{{0x1111, 0x2222, 0x3333}};
 
-/// A record as the driver's documentation draws it: zeros, and what is put at byte offsets.
+/// A record as the driver's binary interface has it: zeros, and what is put at byte offsets.
 class Bytes {
 public:
     explicit Bytes(size_t size) : m_bytes(size) {}
@@ -164,6 +164,13 @@ TEST_F(Driver, CutsLongTextsAt2047Bytes) {
     EXPECT_TRUE(saved == stubDataOf(meta.substr(0, 2047), 100)) << "decoded whole, then cut";
 }
 
+TEST_F(Driver, GetsPathsInTheLocalesEncodingAndMetadataAsItIs) {
+    const Latin1Locale locale;
+    EXPECT_EQ(m_driver.stubFile("/\xc3\xbc", "\xc3\xbc", 0, 0), -1);
+    EXPECT_EQ(m_driver.m_errorText.find("QZHSM_CREATE_STUB(/\xc3\xbc) failed: "), 0U);
+    EXPECT_TRUE(emulator::seen().back().record == Bytes(4112).text(16, "/\xfc").text(2064, "\xc3\xbc").get());
+}
+
 TEST_F(Driver, TellsWhatTheDriverRefused) {
     const std::string p = m_fs.path("file");
     writeFile(p, noise(100));
@@ -257,6 +264,8 @@ TEST_F(Driver, WatchesAndSaysSo) {
     emulator::setWatchAnswer(2);
     EXPECT_EQ(m_driver.isDMRFS(dir.c_str()), 2);
     EXPECT_EQ(m_driver.isDMRFS(statOf(dir).st_dev), 2);
+    EXPECT_EQ(m_driver.resubmitPendingRecalls(), 0);
+    EXPECT_EQ(emulator::resubmissions(), 1);
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(m_driver.stopWatchingDevice(statOf(dir).st_dev), 0);
     EXPECT_EQ(m_driver.isDirBeingWatched(dir.c_str()), 0);

@@ -152,6 +152,7 @@ TEST(Extents, WrittenFromTwoThreadsLandWhereTheyShould) {
         for (int i = 2 * kPieces - 2 + first; i >= 0; i -= 2) {
             const std::string piece(kPiece, static_cast<char>(i));
             EXPECT_EQ(driver.writeFileTrans(piece.data(), kPiece, off_t{i} * kPiece), kPiece);
+            EXPECT_EQ(driver.writeFileTrans("", 1, -1), -1) << "beside the other's successes";
         }
         EXPECT_EQ(driver.closeFileTrans(), 0);
     };

@@ -35,7 +35,10 @@ QZHSMLowLevelQZFS::QZHSMLowLevelQZFS() {
     }
 }
 
-QZHSMLowLevelQZFS::~QZHSMLowLevelQZFS() = default;
+QZHSMLowLevelQZFS::~QZHSMLowLevelQZFS() {
+    trans_fd = UniqueFd(); // the session ends while the device and the journal's client are there
+    admin_fd = UniqueFd();
+}
 
 int QZHSMLowLevelQZFS::openAdminNode() {
     if (admin_fd.isOpen())

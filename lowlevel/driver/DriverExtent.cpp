@@ -35,13 +35,13 @@ int QZHSMLowLevelQZFSExtent::closeFileTrans() {
 }
 
 int QZHSMLowLevelQZFSExtent::failWrite(std::string text) {
-    const auto_lock lock(&trans_lock);
+    const auto_lock lock(&error_lock);
     return fail(QZHSM_FAILURE, std::move(text));
 }
 
 int QZHSMLowLevelQZFSExtent::writeFileTrans(const void* buf, int len, long long offset) {
-    if (m_errorCode != QZHSM_SUCCESS || !m_errorText.empty()) {
-        const auto_lock lock(&trans_lock); // two writers must not tear the text between them
+    {
+        const auto_lock lock(&error_lock);
         clearError();
     }
     if (!trans_fd.isOpen()) {

@@ -48,8 +48,9 @@ int QZHSMLowLevelQZFS::stopWatchingDevice(unsigned long dev) {
     DelWatchRecord record{};
     record.dev = dev;
     if (const int err = QZHSM_DEL_WATCH_FS.send(admin_fd.get(), record)) {
-        failRequest(QZHSM_DEL_WATCH_FS, FXString::Format("%llx", number), err);
-        m_errorCode = QZHSM_FAILURE; // a device that is not there is no missing file
+        // A device that is not there is no missing file, and has no code of its own.
+        failRequest({QZHSM_DEL_WATCH_FS.command, QZHSM_DEL_WATCH_FS.name, {}},
+                    FXString::Format("%llx", number), err);
         return logged(kTag);
     }
     return 0;

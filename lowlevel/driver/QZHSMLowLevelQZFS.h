@@ -20,8 +20,10 @@ struct DriverOperation;
 ///
 /// Where the configuration says that the journal driver or the Sortwell component is installed
 /// ("nINSTALL" in section "Tessly/<instance>/JRN" or "Tessly/<instance>/Sortwell", read once), the journal is
-/// told of stubbing, un-stubbing and transparent writes. Its failures are log lines and change no result; but
-/// a failed look-up of the file leaves code -1 and its text behind although the operation returns 0.
+/// told of stubbing, un-stubbing and transparent writes. That changes no result: a notice that fails is a
+/// line in the log; a question that fails (where the file lies, whether its file system is tracked, which
+/// file it is) counts as "not tracked" and leaves code -1 and its text behind although the operation returns
+/// 0.
 class QZHSM_API QZHSMLowLevelQZFS : public QZHSMLowLevel {
 public:
     QZHSMLowLevelQZFS();
@@ -42,6 +44,7 @@ public:
     int isDirBeingWatched(const char* path) override;
     /// The driver's answer as it comes, not 0 where the file system is watched; or -1.
     int isDMRFS(const char* path) override;
+    /// The same by device number.
     int isDMRFS(unsigned long dev);
     /// Every failure is code -1.
     int resubmitPendingRecalls() override;
@@ -56,7 +59,7 @@ public:
     int getFileInfo(const char* path, bool* isStub, int* state) override;
 
     /// Stores whether the file is a stub, and if so its stub data, which records `size` as the file's.
-    /// 0, or -1 with both outputs untouched.
+    /// REQUIRES: `size` is not negative. 0, or -1 with both outputs untouched.
     int getStubData(const char* path, bool& isStub, std::vector<char>& stubData, const long& size);
     /// The same by identifier; `fd` is not used.
     int getStubData(int fd, unsigned long dev, const fsf_fid& fid, bool& isStub, std::vector<char>& stubData,
@@ -109,6 +112,7 @@ public:
     /// 1 where the journal tracks the file's file system, with the device and, there, the identifier stored
     /// through what is not null; 0 where not or where no journal is installed; -1 with code -1.
     int isJRNFS(const char* path, unsigned long* dev, fsf_fid* fid);
+    /// The same for a device: 1, 0 or -1.
     int isJRNFS(unsigned long dev);
 
 protected:

@@ -8,17 +8,20 @@
 /// offset. All else is as in the base.
 ///
 /// Threads. Opens, closes and writes of one session may come from several threads; every other operation is
-/// the caller's to serialise. Writes take no lock, so each thread's writes must lie between an open and a
+/// the caller's to serialise. Writing holds no lock, so each thread's writes must lie between an open and a
 /// close of its own. Where they do not, and the session's last close comes first, a write fails; if the
-/// process has opened another file in the meantime, the write can even land in that file. Of writes that
-/// fail at the same time the last error tells of one.
+/// process has opened another file in the meantime, the write can even land in that file.
+///
+/// While several threads write, go by the results alone: the last error is the last writer's to set or clear,
+/// and not to be read.
 class QZHSM_API QZHSMLowLevelQZFSExtent : public QZHSMLowLevelQZFS {
 public:
     QZHSMLowLevelQZFSExtent();
     ~QZHSMLowLevelQZFSExtent() override;
 
     using QZHSMLowLevelQZFS::openFileTrans;
-    /// Joins the session that is open, whatever `path` it is for, or opens one. 0, or as in the base.
+    /// Joins the session that is open, whatever `path` it is for, with the last error untouched, or opens
+    /// one. 0, or as in the base.
     int openFileTrans(const char* path, int flags, int mode) override;
     /// Writes at `offset` and moves no position: the number of bytes, or -1. The journal is not told.
     int writeFileTrans(const void* buf, int len, long long offset) override;
@@ -32,4 +35,5 @@ private:
 
     int64_t open_count = 0;
     FXMutex trans_lock;
+    FXMutex error_lock; ///< of the last error, between writers
 };

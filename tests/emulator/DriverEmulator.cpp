@@ -18,6 +18,7 @@
 #include <set>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
+#include <time.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -39,6 +40,8 @@ struct Driver {
     std::vector<emulator::Seen> seen;
     int deviceOpens = 0;
     int resubmissions = 0;
+    bool ticks = false;
+    time_t ahead = 0; ///< of the real clock
 };
 std::atomic<bool> answeringAtOnce{false};
 
@@ -352,6 +355,8 @@ bool handle(const DriverRequest<Record>& request, unsigned long command, void* a
     err = injectedFailure(_IOC_NR(command));
     if (err == 0)
         err = answer(*static_cast<Record*>(argument), said);
+    if (err == EAGAIN && driver().ticks)
+        ++driver().ahead;
     trace(request.name, said, err);
     return true;
 }
@@ -402,6 +407,15 @@ QZHSM_API int open(const char* path, int flags, ...) {
     return errno == 0 ? open("/dev/null", flags) : -1;
 }
 
+QZHSM_API time_t time(time_t* at) noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    const time_t seconds = now.tv_sec + driver().ahead;
+    if (at)
+        *at = seconds;
+    return seconds;
+}
+
 QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
     static auto* ioctl = real<int(int, unsigned long, ...)>("ioctl");
     va_list args;
@@ -432,6 +446,7 @@ void reset() {
     d.seen.clear();
     d.deviceOpens = 0;
     d.resubmissions = 0;
+    d.ticks = false;
 }
 
 void setLoaded(bool loaded) {
@@ -441,6 +456,10 @@ void setLoaded(bool loaded) {
 void fail(unsigned nr, int err, int times) {
     const std::lock_guard lock(driver().lock);
     driver().failures[nr] = {err, times};
+}
+
+void tickWhenBusy(bool ticks) {
+    driver().ticks = ticks;
 }
 
 void setFileInfo(int value) {

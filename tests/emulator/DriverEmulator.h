@@ -22,6 +22,8 @@ QZHSM_API void setLoaded(bool loaded);
 /// The next `times` requests of this number fail with `err`, all of them where `times` is negative. Number 0
 /// is the opening of the device.
 QZHSM_API void fail(unsigned nr, int err, int times = 1);
+/// Whether the clock of time(2) goes on by a second with each request that the driver is too busy for.
+QZHSM_API void tickWhenBusy(bool ticks);
 QZHSM_API void setFileInfo(int value);
 QZHSM_API void setWatchAnswer(int value);
 /// The identifier by which the driver knows a file from now on.

@@ -1,10 +1,13 @@
 #include "tests/support/TestFs.h"
 
+#include <clocale>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sched.h>
 #include <sstream>
+#include <stdexcept>
 #include <sys/mount.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -88,6 +91,21 @@ std::string attribute(const std::string& path, const char* name) {
 
 void setAttribute(const std::string& path, const char* name, const std::string& value) {
     ASSERT_EQ(::setxattr(path.c_str(), name, value.data(), value.size(), 0), 0) << path;
+}
+
+Latin1Locale::Latin1Locale() : m_dir(temporary("qzhsm-locale-XXXXXX")) {
+    if (!::mkdtemp(m_dir.data()) ||
+        std::system(("localedef -f ISO-8859-1 -i de_DE " + m_dir + "/latin1").c_str()) != 0)
+        throw std::runtime_error("needs package locales");
+    ::setenv("LOCPATH", m_dir.c_str(), 1);
+    if (!std::setlocale(LC_ALL, "latin1"))
+        throw std::runtime_error("cannot set the locale");
+}
+
+Latin1Locale::~Latin1Locale() {
+    std::setlocale(LC_ALL, "C");
+    ::unsetenv("LOCPATH");
+    std::filesystem::remove_all(m_dir);
 }
 
 TestConfig::TestConfig(const std::string& content) : m_file(temporary("qzhsm-conf-XXXXXX")) {

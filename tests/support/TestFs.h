@@ -41,6 +41,18 @@ void setTimes(const std::string& path, time_t access, time_t modification);
 std::string attribute(const std::string& path, const char* name);
 void setAttribute(const std::string& path, const char* name, const std::string& value);
 
+/// A locale whose encoding is ISO 8859-1 while it lives.
+class Latin1Locale {
+public:
+    Latin1Locale();
+    Latin1Locale(const Latin1Locale&) = delete;
+    Latin1Locale& operator=(const Latin1Locale&) = delete;
+    ~Latin1Locale();
+
+private:
+    std::string m_dir;
+};
+
 /// Makes `content` the library's configuration while it lives.
 class TestConfig {
 public:
