@@ -5,6 +5,7 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
+#include "lowlevel/lustre/QZHSMLowLevelLustre.h"
 
 #include <memory>
 
@@ -31,7 +32,7 @@ QZHSMLowLevel* createQZHSMLowLevelHadoop() {
 }
 
 QZHSMLowLevel* createQZHSMLowLevelLustre() {
-    return nullptr;
+    return std::make_unique<QZHSMLowLevelLustre>().release();
 }
 
 QZHSMLowLevel* createQZHSMLowLevelGlusterFs() {

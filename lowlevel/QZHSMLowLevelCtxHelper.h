@@ -2,8 +2,8 @@
 
 #include "lowlevel/QZHSMLowLevel.h"
 
-/// The factories: each makes one new object, owned by the caller, or answers null where this build has no
-/// such back-end. What a back-end's constructor throws passes through.
+/// The factories: each makes one new object, owned by the caller. What a back-end's constructor throws passes
+/// through.
 QZHSM_API QZHSMLowLevel* createQZHSMLowLevelQZFS();
 QZHSM_API QZHSMLowLevel* createQZHSMLowLevelQZFSExtent();
 QZHSM_API QZHSMLowLevel* createQZHSMLowLevelDriverless();

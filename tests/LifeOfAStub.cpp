@@ -4,6 +4,7 @@
 #include "platform/files/UniqueFd.h"
 #include "platform/stub/StubText.h"
 #include "tests/emulator/DriverEmulator.h"
+#include "tests/support/LustreSite.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -228,13 +229,22 @@ constexpr StubWorld glusterFs(const char* name, FsKind fs) {
             .settle = [](const std::string& path) { setAttribute(path, "trusted.glusterfs.cs.remote", ""); }};
 }
 
+constexpr StubWorld kLustre{.name = "Lustre",
+                            .fs = FsKind::Ext4,
+                            .create = createQZHSMLowLevelLustre,
+                            .mark = "user.TSTUB",
+                            .transparent = false,
+                            .anyName = false,
+                            .endsItself = false,
+                            .done = 1};
+
 const auto kName = [](const auto& tested) { return tested.param.name; };
 
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Worlds, LifeOfAStub,
                          ::testing::Values(kDriverlessExt4, kDriverlessTmpfs, kDriverlessRamfs, kDriver,
-                                           kDriverExtent, glusterFs("GlusterFsExt4", FsKind::Ext4),
+                                           kDriverExtent, kLustre, glusterFs("GlusterFsExt4", FsKind::Ext4),
                                            glusterFs("GlusterFsTmpfs", FsKind::Tmpfs)),
                          kName);
 INSTANTIATE_TEST_SUITE_P(Worlds, OneSession,

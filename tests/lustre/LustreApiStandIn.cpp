@@ -1,0 +1,108 @@
+#include "platform/Export.h"
+#include "platform/drivers/LustreRecords.h"
+#include "platform/stub/StubText.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <vector>
+
+// Stands in for Lustre's user library and for a site's copy agent, beside the command "lfs", which says where
+// a file's state is kept. The copy is whole after LUSTRE_DELAY_MS. LUSTRE_FAIL="FUNCTION:ERRNO" makes a
+// function fail. A malformed request ends the process.
+
+namespace {
+
+constexpr const char* kState = "user.lustre.hsm";
+constexpr uint32_t kHsmExists = 1;
+
+int injected(const char* function) {
+    const char* wish = std::getenv("LUSTRE_FAIL");
+    const size_t length = std::strlen(function);
+    return wish && std::strncmp(wish, function, length) == 0 && wish[length] == ':'
+               ? -std::atoi(wish + length + 1)
+               : 0;
+}
+
+void require(bool holds, const char* what) {
+    if (holds)
+        return;
+    std::fprintf(stderr, "Lustre stand-in: malformed request: %s\n", what);
+    std::abort();
+}
+
+long long nanoseconds() {
+    return std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+int setAttribute(const char* path, const char* name, const std::string& value) {
+    return ::setxattr(path, name, value.data(), value.size(), 0) < 0 ? -errno : 0;
+}
+
+} // namespace
+
+extern "C" {
+
+QZHSM_API void* llapi_hsm_user_request_alloc(int itemCount, int dataLength) {
+    const size_t size = sizeof(HsmRequest) + static_cast<size_t>(itemCount) * sizeof(HsmItem) +
+                        static_cast<size_t>(dataLength);
+    return injected("alloc") ? nullptr : std::calloc(1, size);
+}
+
+QZHSM_API int llapi_path2fid(const char* path, lu_fid* fid) {
+    struct stat st {};
+    if (::stat(path, &st) < 0)
+        return -errno;
+    *fid = {0x200000401, static_cast<uint32_t>(st.st_ino), 0};
+    return injected("path2fid");
+}
+
+QZHSM_API int llapi_hsm_request(const char* path, const void* record) {
+    HsmRequest request{};
+    HsmItem item{};
+    const char* at = static_cast<const char*>(record);
+    std::memcpy(&request, at, sizeof request);
+    std::memcpy(&item, at + sizeof request, sizeof item);
+    require(request.action == kHsmArchive && request.archiveId == 0 && request.flags == 0,
+            "no archive request");
+    require(request.itemCount == 1, "not one item");
+    require(item.offset == 0 && item.length == kWholeFile, "not the whole file");
+    lu_fid fid{};
+    require(llapi_path2fid(path, &fid) == 0 && std::memcmp(&fid, &item.fid, sizeof fid) == 0, "another FID");
+    if (const int failure = injected("request"))
+        return failure;
+
+    // The copy agent's part: "META|REFTIME".
+    const std::string data(at + sizeof request + sizeof item, request.dataLength);
+    const size_t bar = data.rfind('|');
+    require(bar != std::string::npos, "no reference time");
+    struct stat st {};
+    ::stat(path, &st);
+    if (st.st_mtime > std::atol(data.c_str() + bar + 1))
+        return -EBUSY;
+    const std::string meta = data.substr(0, bar);
+    std::vector<char> text(static_cast<size_t>(qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0)));
+    qzhsm_meta2stub(meta.c_str(), st.st_size, text.data(), static_cast<int>(text.size()));
+    if (const int failure = setAttribute(path, "user.TSTUB", {text.begin(), text.end()}))
+        return failure;
+    const char* delay = std::getenv("LUSTRE_DELAY_MS");
+    return setAttribute(path, kState,
+                        std::to_string(nanoseconds() + std::atoll(delay ? delay : "3") * 1'000'000) + " 0");
+}
+
+QZHSM_API int llapi_hsm_state_get(const char* path, void* record) {
+    char state[64] = "";
+    HsmState answer{};
+    if (::getxattr(path, kState, state, sizeof state - 1) > 0) {
+        const bool isArchived = nanoseconds() >= std::atoll(state);
+        answer.states = kHsmExists | (isArchived ? kHsmArchived : kHsmDirty);
+    }
+    std::memcpy(record, &answer, sizeof answer);
+    return injected("state_get");
+}
+}
