@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# tool_test.sh PATH-OF-QZHSM PATH-OF-DRIVER-EMULATOR: the tool on a file system with attributes and on one without and
-# under an emulated driver, good input and bad.
+# tool_test.sh PATH-OF-QZHSM PATH-OF-DRIVER-EMULATOR DIRECTORY-OF-LUSTRE-LIBRARY: the tool on a file system with
+# attributes and on one without, and on each other back-end, good input and bad.
 set -uo pipefail
 if [ "$(id -u)" -ne 0 ]; then
     echo "skipped: mounting file systems for the test needs root"
@@ -11,6 +11,8 @@ if [ -z "${QZHSM_TEST_NAMESPACE:-}" ]; then
 fi
 qzhsm=$1
 emulator=$2
+lustre_library=$(readlink -f "$3")
+lustre_commands=$(dirname "$(readlink -f "$0")")/lustre
 work=$(mktemp -d)
 trap 'umount "$work"/* 2>/dev/null; rm -rf "$work"' EXIT
 failures=0
@@ -191,6 +193,75 @@ done
 qzhsm=$plain
 umount "$work/driver"
 
+echo '-- Lustre'
+mkdir "$work/lustre"
+mount -t tmpfs none "$work/lustre"
+f=$work/lustre/file
+cp "$work.data" "$f"
+touch -d @1000000000 "$f"
+qzhsm=$work/qzhsm.lustre
+printf '#!/bin/sh\nPATH="%s:$PATH" exec "%s" --fs LUSTRE_FS "$@"\n' "$lustre_commands" "$plain" >"$qzhsm"
+chmod +x "$qzhsm"
+unchanged "$f" expect 1 'The Lustre library is not loaded: .*Function not implemented \(code -1\)' stub "$f" --meta m
+expect 0 'LoadFunctions failed, error=liblustreapi.so.1: cannot open' info "$f"
+export LD_LIBRARY_PATH=$lustre_library
+expect 0 '^no ' info "$f"
+unchanged "$f" expect 1 'Lustre did not release .*0x00000000' release "$f"
+LUSTRE_FAIL=request:5 unchanged "$f" expect 1 'Input/output error \(code -1\)' stub "$f" --meta m
+LFS_FAIL=3 expect 1 'Lustre did not release' stub "$f" --meta m
+cmp -s "$f" "$work.data" || fail "the data of a refused release differs"
+setfattr -x user.TSTUB "$f"
+expect 0 '^$' stub "$f" --meta 'tape=1'
+expect 0 '^yes +yes +3000000' info "$f"
+expect 0 'released exists archived' hsm-state "$f"
+expect 0 '^{"path":.*,"state":".*released' hsm-state --json "$f"
+expect 0 '^$' release "$f"
+expect 0 '^$' backup "$f" -o "$work/saved"
+expect 0 '^$' restore-stub "$work/lustre/again" "$work/saved"
+expect 0 '^stubs +2$' scan "$work/lustre"
+unchanged "$f" expect 1 'File exists' stub "$f" --meta again
+unchanged "$f" expect 1 'openFileTrans not implemented \(code 38\)' recall "$f" --from "$work.data"
+touch "$work/lustre/a b" "$work/lustre/\$(touch pwned)"
+expect 1 'would not take this path' stub "$work/lustre/a b" "$work/lustre/\$(touch pwned)" --meta m
+unset LD_LIBRARY_PATH
+umount "$work/lustre"
+
+echo '-- GlusterFS'
+mkdir "$work/gluster"
+mount -t tmpfs none "$work/gluster"
+f=$work/gluster/file
+cp "$work.data" "$f"
+touch -d @1000000000 "$f"
+qzhsm=$work/qzhsm.gluster
+printf '#!/bin/sh\nexec "%s" --fs GLUSTER_FS "$@"\n' "$plain" >"$qzhsm"
+chmod +x "$qzhsm"
+guid=versionGuid=0123456789abcdef0123456789abcdef
+expect 0 '^no ' info "$f"
+unchanged "$f" expect 1 'versionGuid is too short' stub "$f" --meta versionGuid=0123
+expect 0 '^$' stub "$f" --meta "$guid"
+unchanged "$f" expect 1 'File exists' stub "$f" --meta "$guid"
+expect 0 '^no ' info "$f" # the volume has not done its part
+setfattr -n trusted.glusterfs.cs.remote "$f"
+expect 0 '^yes +yes +3000000' info "$f"
+expect 0 '^$' backup "$f" -o "$work/saved"
+unchanged "$f" expect 1 'is marked complete already' restore-stub "$f" "$work/saved"
+expect 0 '^stubs +1$' scan "$work/gluster"
+setfattr -x trusted.glusterfs.csou.complete "$f"
+expect 0 '^$' restore-stub "$f" "$work/saved"
+expect 1 'not found, error=' restore-stub "$work/gluster/missing" "$work/saved"
+[ ! -e "$work/gluster/missing" ] || fail "a file was made"
+truncate -s 0 "$f"
+truncate -s 3000000 "$f"
+touch -d @1000000000 "$f"
+unchanged "$f" expect 1 'five has 5 bytes, but the stub .* records 3000000' recall "$f" --from "$work/five"
+expect 0 '^$' recall "$f" --from "$work.data"
+cmp "$f" "$work.data" || fail "the data differs"
+[ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
+setfattr -n user.TSTUB -v corrupt "$f"
+expect 1 'is not a stub, corrupt meta-data \(code 8\)' info "$f"
+qzhsm=$plain
+umount "$work/gluster"
+
 echo '-- a user who may not read'
 cp "$work.data" "$work/private"
 chmod 000 "$work/private"
@@ -204,9 +275,10 @@ expect 2 'meta' stub /tmp
 expect 2 'excludes' --fs qzfs --kind 2 info /
 expect 2 'PATH' info
 expect 2 'kind' --kind x info /
-expect 1 'no back-end for LUSTRE_FS' --fs LUSTRE_FS info /
+expect 1 'for Lustre only.*code 38' release /
+expect 1 'for Lustre only.*code 38' hsm-state /
 expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work.data" --meta m
-for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit scan; do
+for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit release hsm-state scan; do
     expect 0 'Usage: qzhsm' "$verb" --help
     expect 0 "$verb" --help
 done

@@ -3,13 +3,29 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
+#include "lowlevel/lustre/QZHSMLowLevelLustre.h"
 #include "platform/stub/StubText.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Report.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <string_view>
 #include <unistd.h>
+
+namespace {
+
+constexpr size_t kDriverTextLimit = 2047;
+
+void requireFitting(const QZHSMLowLevel& backEnd, const char* what, const std::string& text) {
+    if (asksDriver(backEnd) && text.size() > kDriverTextLimit)
+        throw Failure(QZHSM_FAILURE, what + (" of " + std::to_string(text.size())) +
+                                         " bytes: the driver takes at most " +
+                                         std::to_string(kDriverTextLimit));
+}
+
+} // namespace
 
 bool keepsTextInFile(const QZHSMLowLevel& backEnd) {
     return dynamic_cast<const QZHSMLowLevelDriverless*>(&backEnd) != nullptr;
@@ -23,12 +39,24 @@ bool asksDriver(const QZHSMLowLevel& backEnd) {
     return dynamic_cast<const QZHSMLowLevelQZFS*>(&backEnd) != nullptr;
 }
 
-void requireFitting(const QZHSMLowLevel& backEnd, const std::string& what, const std::string& text) {
-    constexpr size_t kDriverTextLimit = 2047;
-    if (asksDriver(backEnd) && text.size() > kDriverTextLimit)
-        throw Failure(QZHSM_FAILURE, what + " of " + std::to_string(text.size()) +
-                                         " bytes: the driver takes at most " +
-                                         std::to_string(kDriverTextLimit));
+bool asksLustre(const QZHSMLowLevel& backEnd) {
+    return dynamic_cast<const QZHSMLowLevelLustre*>(&backEnd) != nullptr;
+}
+
+void requirePath(const QZHSMLowLevel& backEnd, const std::string& path) {
+    requireFitting(backEnd, "Path", path);
+    const auto isPlain = [](unsigned char c) {
+        return std::isalnum(c) || c >= 0x80 ||
+               std::string_view("/._-+,:@%=").find(static_cast<char>(c)) != std::string_view::npos;
+    };
+    if (asksLustre(backEnd) && (path.starts_with('-') || !std::ranges::all_of(path, isPlain)))
+        throw Failure(
+            QZHSM_FAILURE,
+            path + ": Lustre's command is run by a shell, which would not take this path as it stands");
+}
+
+void requireMetadata(const QZHSMLowLevel& backEnd, const std::string& meta) {
+    requireFitting(backEnd, "Metadata", meta);
 }
 
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st) {

@@ -12,8 +12,14 @@ bool keepsTextInFile(const QZHSMLowLevel& backEnd);
 bool marksOnly(const QZHSMLowLevel& backEnd);
 /// Whether the kernel's filter driver keeps the stubs. It takes a look into a stub for a wish to recall it.
 bool asksDriver(const QZHSMLowLevel& backEnd);
-/// Throws where the driver would get the path, or metadata, cut: it would act on another file, or lose some.
-void requireFitting(const QZHSMLowLevel& backEnd, const std::string& what, const std::string& text);
+/// Whether Lustre's own HSM keeps the stubs.
+bool asksLustre(const QZHSMLowLevel& backEnd);
+
+/// Throws where the back-end would not act on this file: where the driver would get the path cut, or where
+/// the shell that runs Lustre's command would make something else of it.
+void requirePath(const QZHSMLowLevel& backEnd, const std::string& path);
+/// Throws where the driver would get the metadata cut.
+void requireMetadata(const QZHSMLowLevel& backEnd, const std::string& meta);
 
 /// Whether the file is a stub, asked so that a stub which may not be looked at is a failure and no "no".
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st);

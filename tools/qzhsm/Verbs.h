@@ -26,6 +26,10 @@ void recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
             bool force);
 void setTimes(QZHSMLowLevel& backEnd, const std::string& path, long atime, long mtime);
 
+/// For Lustre only.
+void release(QZHSMLowLevel& backEnd, const std::string& path);
+void hsmState(QZHSMLowLevel& backEnd, Report& report, const std::string& path);
+
 void watch(QZHSMLowLevel& backEnd, const std::string& path);
 void unwatch(QZHSMLowLevel& backEnd, const std::string& path);
 void watched(QZHSMLowLevel& backEnd, Report& report, const std::string& path);

@@ -31,6 +31,13 @@ void refuseStub(QZHSMLowLevel& backEnd, const std::string& path, const struct st
     throw keepsTextInFile(backEnd) ? markedAlready(path, text) : Failure(EEXIST, text);
 }
 
+/// A release that Lustre refused shows in the state alone.
+void requireReleased(QZHSMLowLevel& backEnd, const std::string& path) {
+    if (asksLustre(backEnd) && !isStubFile(backEnd, path, statFollowing(path)))
+        throw Failure(QZHSM_FAILURE, "Lustre did not release " + path,
+                      "\"qzhsm --fs LUSTRE_FS hsm-state\" shows its state.");
+}
+
 /// Throws the back-end's last error, explained.
 [[noreturn]] void throwExplained(const QZHSMLowLevel& backEnd, const std::string& path) {
     if (backEnd.m_errorCode == EEXIST)
@@ -89,7 +96,7 @@ private:
 
 void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& meta,
           std::optional<long> refTime) {
-    requireFitting(backEnd, "Metadata", meta);
+    requireMetadata(backEnd, meta);
     struct stat st {};
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
@@ -109,6 +116,7 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
     } catch (const std::out_of_range&) {
         throw Failure(QZHSM_FAILURE, "Not stubbing " + path + ": the metadata's versionGuid is too short");
     }
+    requireReleased(backEnd, path);
 }
 
 void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, const std::string& output,
@@ -152,6 +160,7 @@ void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::str
         target.keep();
     if (result < 0)
         throwExplained(backEnd, path);
+    requireReleased(backEnd, path);
 }
 
 void setTimes(QZHSMLowLevel& backEnd, const std::string& path, long atime, long mtime) {

@@ -25,7 +25,7 @@ template <class Paths>
 void forEach(Paths nextPath, QZHSMLowLevel& backEnd, Report& report, const PathAction& action) {
     for (std::string path; nextPath(path);) {
         try {
-            requireFitting(backEnd, "Path", path);
+            requirePath(backEnd, path);
             action(backEnd, report, path);
         } catch (const OutputFailure&) {
             throw;
@@ -87,7 +87,7 @@ CLI::App* CommandLine::addVerb(const std::string& name, const std::string& help,
     CLI::App* verb = m_app.add_subcommand(name, help);
     verb->callback([this, action] {
         m_action = [this, action](QZHSMLowLevel& backEnd, Report& report) {
-            requireFitting(backEnd, "Path", m_path);
+            requirePath(backEnd, m_path);
             action(backEnd, report);
         };
     });
@@ -200,6 +200,9 @@ CommandLine::CommandLine() {
     addJson(addPathVerb("watched", "Tell whether directories are watched", watched));
     addVerb("resubmit", "Hand out again the recalls that nobody has served yet",
             [](QZHSMLowLevel& backEnd, Report&) { resubmit(backEnd); });
+
+    addPathVerb("release", "Have Lustre give the data of archived files up (Lustre only)", silent(release));
+    addJson(addPathVerb("hsm-state", "Show Lustre's state of files (Lustre only)", hsmState));
 
     verb = addVerb("scan", "Walk a directory tree: count its files and stubs, list the stubs that do not fit",
                    [this](QZHSMLowLevel& backEnd, Report& report) { scan(backEnd, report, m_path); });
