@@ -179,6 +179,26 @@ QZHSM_EMULATOR_FAIL=6:200:1 unchanged "$f" expect 1 'in transparent mode: .*\(co
 expect 0 '^$' recall "$f" --from "$work/five"
 [ "$(cat "$f")" = 12345 ] || fail "the data differs"
 [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
+unchanged "$f" expect 1 'a name of 248 bytes cannot be recalled' stub "$work/driver/$(printf %248s x | tr ' ' n)" --meta m
+cp "$work.data" "$f"
+expect 0 '^$' stub "$f" --meta "$(printf %2047s m)"
+cat "$work.data" "$work.data" >"$work/long"
+unchanged "$f" expect 1 'has 6000000 bytes, but the stub .* records 3000000' recall "$f" --from "$work/long"
+expect 1 'has more than the 3000000 bytes' recall "$f" --from - <"$work/long"
+QZHSM_EMULATOR_FAIL=4:5:-1 expect 1 'still a stub' recall "$f" --from "$work.data"
+[ -z "$(find "$work/driver" -name '*.stubdata.*')" ] || fail "stub data was saved where nothing needs it"
+QZHSM_EMULATOR_FAIL=1:5:-1 expect 1 'QZHSM_STAT.* failed: Input/output error' backup "$f"
+cp "$work.data" "$work/driver/other"
+expect 0 '^$' stub "$work/driver/other" --meta m
+unchanged "$f" expect 1 'other is a stub or' recall "$f" --from "$work/driver/other"
+rm "$work/driver/other"
+ln -s "$f" "$work/link"
+{ head -c 2500000 "$work.data"; sleep 2; tail -c +2500001 "$work.data"; } | "$qzhsm" recall "$f" --from - 2>"$work/said" &
+sleep 1
+expect 0 '^$' recall "$work/link" --from "$work.data"
+printf user | dd of="$f" bs=1 seek=5 conv=notrunc status=none
+unchanged "$f" wait
+grep -q 'has ceased to be a stub' "$work/said" || fail "a late recall wrote on: $(cat "$work/said")"
 for fs in qzfs qzfs_extent; do
     export fs
     cp "$work.data" "$f"

@@ -87,13 +87,15 @@ public:
 
     /// Makes a file in the stub's directory, with `flags` and `mode`, takes its name away at once, and has
     /// the driver grant its descriptor access. While the driver is busy it is asked again, without a pause,
-    /// for at most five seconds. `flags` concern the new file: O_TRUNC does not empty the stub.
+    /// for at most five seconds. `flags` concern the new file: O_TRUNC does not empty the stub. A `path` that
+    /// is a symbolic link must lead to a stub on the link's file system.
     ///
     /// 0, or -1: 8 for what is not a stub, 7 where the driver stayed busy, in which case the descriptor is
     /// never closed; 4 or -1 otherwise. A process that is killed between making the file and removing its
     /// name leaves an empty file, named like the stub with ".nktmp." and a number behind.
     int openFileTrans(const char* path, int flags, int mode) override;
-    /// The same on the caller's descriptor of the stub, which is duplicated and stays the caller's.
+    /// The same on the caller's descriptor of the stub, which is duplicated and stays the caller's; the two
+    /// share one position, which REQUIRES to be 0 for the journal to be told the right offsets.
     int openFileTrans(int fd, unsigned long dev, const fsf_fid& fid);
     int readFileTrans(void* buf, int len) override;
     /// `offset` has no effect.

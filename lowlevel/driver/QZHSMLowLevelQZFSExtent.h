@@ -19,6 +19,7 @@ public:
     QZHSMLowLevelQZFSExtent();
     ~QZHSMLowLevelQZFSExtent() override;
 
+    /// The base's form by identifier is not counted: use one form or the other.
     using QZHSMLowLevelQZFS::openFileTrans;
     /// Joins the session that is open, whatever `path` it is for, with the last error untouched, or opens
     /// one. 0, or as in the base.

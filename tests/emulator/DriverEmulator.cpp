@@ -228,7 +228,8 @@ int answer(PassThroughRecord& r, std::string& said) {
     const File file = look(r.path);
     if (file.err != 0)
         return file.err;
-    require(carrier.st_dev == file.st.st_dev, "a carrier on another file system");
+    if (carrier.st_dev != file.st.st_dev)
+        return EXDEV;
     if (!file.isStub())
         return kDriverNotAStub;
     const UniqueFd stub(realOpen(r.path, ::fcntl(r.fd, F_GETFL) & O_ACCMODE));
@@ -353,8 +354,10 @@ bool handle(const DriverRequest<Record>& request, unsigned long command, void* a
         driver().seen.push_back({command, {bytes, bytes + sizeof(Record)}});
     std::string said = "(to fail)";
     err = injectedFailure(_IOC_NR(command));
-    if (err == 0)
+    if (err == 0) {
+        said.clear();
         err = answer(*static_cast<Record*>(argument), said);
+    }
     if (err == EAGAIN && driver().ticks)
         ++driver().ahead;
     trace(request.name, said, err);

@@ -1,17 +1,22 @@
+#include "platform/stub/StubText.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Progress.h"
 #include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
+#include <optional>
 #include <unistd.h>
 #include <utility>
 
 namespace {
 
 constexpr size_t kPiece = size_t{1} << 20;
+constexpr const char* kHoldsNoData = " is a stub or the copy of one: it holds no data";
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -46,9 +51,9 @@ void stopWhereInterrupted() {
 /// A file open for transparent writing.
 class TransparentFile {
 public:
-    TransparentFile(QZHSMLowLevel& backEnd, const std::string& path, int flags)
-        : m_backEnd(backEnd), m_path(path) {
-        checked(backEnd, backEnd.openFileTrans(path.c_str(), flags, 0));
+    TransparentFile(QZHSMLowLevel& backEnd, std::string path, int flags)
+        : m_backEnd(backEnd), m_path(std::move(path)) {
+        checked(backEnd, backEnd.openFileTrans(m_path.c_str(), flags, 0));
     }
     TransparentFile(const TransparentFile&) = delete;
     TransparentFile& operator=(const TransparentFile&) = delete;
@@ -79,7 +84,7 @@ public:
 
 private:
     QZHSMLowLevel& m_backEnd;
-    const std::string& m_path;
+    std::string m_path;
     bool m_open = true;
 };
 
@@ -87,22 +92,32 @@ private:
 struct Source {
     std::string name;
     UniqueFd file;
-    long long size; ///< 0 where it is not known
+    std::optional<long long> size; ///< where it is known
+    bool isStub = false;
 };
+
+/// The driver makes a file beside the stub, on the same file system: not beside a link to it.
+std::string pathToOpen(const QZHSMLowLevel& backEnd, const std::string& path) {
+    if (!asksDriver(backEnd))
+        return path;
+    const std::string real = std::filesystem::canonical(path);
+    requirePath(backEnd, real);
+    return real;
+}
 
 class Recall {
 public:
     Recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, bool force)
         : m_backEnd(backEnd), m_report(report), m_path(path), m_force(force), m_before(statFollowing(path)) {
         if (!isStubFile(backEnd, path, m_before))
-            throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub");
+            throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub", adviceToWatch(backEnd, path));
     }
 
     Source open(const std::string& from) {
         const bool isInput = from == "-";
         Source source{isInput ? "standard input" : from,
                       isInput ? UniqueFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)) : openForReading(from),
-                      0};
+                      {}};
         struct stat st {};
         if (::fstat(source.file.get(), &st) < 0)
             throw systemFailure("Failed to stat ", source.name, errno);
@@ -110,8 +125,14 @@ public:
             throw systemFailure("Failed to read from ", source.name, EISDIR);
         if (isSameFile(st, m_before))
             throw Failure(QZHSM_FAILURE, source.name + " is the stub itself");
-        if (S_ISREG(st.st_mode))
+        if (S_ISREG(st.st_mode) && !isInput) {
             source.size = st.st_size;
+            std::vector<char> head(kStubTextPrefix);
+            const ssize_t got = ::pread(source.file.get(), head.data(), head.size(), 0);
+            head.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+            source.isStub =
+                beginsWithStubText(head) || (asksDriver(m_backEnd) && isStubFile(m_backEnd, from, st));
+        }
         return source;
     }
 
@@ -122,6 +143,10 @@ public:
         if (!problem.empty())
             suspect(m_path + " was changed since it was stubbed: " + problem);
         m_recorded = facts ? facts->fileSize : 0;
+        if (source.isStub)
+            suspect(source.name + kHoldsNoData);
+        if (source.size)
+            examineLength(*source.size, source.name);
         // To shorten a stub would be to recall it where the driver watches.
         const bool shortenLast = asksDriver(m_backEnd);
         long long written = 0;
@@ -149,20 +174,28 @@ private:
             return piece;
         };
         Progress progress;
-        TransparentFile file(m_backEnd, m_path, O_WRONLY);
+        TransparentFile file(m_backEnd, pathToOpen(m_backEnd, m_path), O_WRONLY);
         const std::vector<char> first = next();
         auto total = static_cast<long long>(first.size());
         if (first.size() == kPiece) {
             for (std::vector<char> piece = next(); !piece.empty(); piece = next()) {
-                m_written = true;
-                file.write(piece, total);
+                const long long offset = total;
                 total += static_cast<long long>(piece.size());
-                progress.bytes(total, source.size);
+                if (total > m_recorded)
+                    tellLength(source.name + " has more than the " + std::to_string(m_recorded) +
+                               " bytes that the stub " + m_path + " records");
+                requireStub();
+                m_written = true;
+                file.write(piece, offset);
+                progress.bytes(total, source.size.value_or(0));
             }
         }
         progress.clear();
-        examine(first, total, source.name);
-        m_written = true;
+        if (!source.size && beginsWithStubText(first))
+            suspect(source.name + kHoldsNoData);
+        examineLength(total, source.name);
+        requireStub();
+        m_written = m_headWritten = true;
         file.write(first, 0);
         file.close();
         return total;
@@ -174,14 +207,20 @@ private:
             throw Failure(QZHSM_FAILURE, text, "With --force it is recalled all the same.");
         m_report.note("warning: " + text);
     }
-
-    /// All that can be told of the data before the stub's header is overwritten.
-    void examine(const std::vector<char>& first, long long total, const std::string& source) {
-        if (beginsWithStubText(first))
-            suspect(source + " is a stub or the copy of one: it holds no data");
+    void tellLength(const std::string& text) {
+        if (!std::exchange(m_lengthTold, true))
+            suspect(text);
+    }
+    void examineLength(long long total, const std::string& source) {
         if (m_recorded != total)
-            suspect(source + " has " + std::to_string(total) + " bytes, but the stub " + m_path +
-                    " records " + std::to_string(m_recorded));
+            tellLength(source + " has " + std::to_string(total) + " bytes, but the stub " + m_path +
+                       " records " + std::to_string(m_recorded));
+    }
+
+    /// Another recall may have ended in the meantime, and the file be in use again.
+    void requireStub() {
+        if (!isStubFile(m_backEnd, m_path, m_before))
+            throw Failure(QZHSM_NOT_A_STUB, m_path + " has ceased to be a stub");
     }
 
     /// A recall that was cut short by a crash may have left more than the data behind.
@@ -189,7 +228,8 @@ private:
         if (size >= m_before.st_size)
             return false;
         if (::truncate(m_path.c_str(), size) < 0)
-            throw systemFailure("Failed to truncate ", m_path, errno);
+            throw Failure(QZHSM_FAILURE, systemFailure("Failed to truncate ", m_path, errno).what(),
+                          "Its data are its first " + std::to_string(size) + " bytes.");
         return true;
     }
 
@@ -209,20 +249,37 @@ private:
     }
 
     void putBack() {
+        if (!m_headWritten && m_backEnd.isStub(m_path.c_str()) != 1)
+            return m_report.note(m_path + ": no stub any more, left as it is");
+        if (!keepsTextInFile(m_backEnd))
+            return keepStub();
         try {
             checked(m_backEnd, m_backEnd.restoreDone(m_path.c_str(), false, {}));
             if (!m_written)
                 return m_report.note(m_path + ": the stub was not touched");
-            if (keepsTextInFile(m_backEnd))
-                writeStub();
+            writeStub();
             putTimesBack();
-            m_report.note(m_path + (keepsTextInFile(m_backEnd) ? ": the stub was put back as it was"
-                                                               : ": still a stub, to be recalled again"));
+            m_report.note(m_path + ": the stub was put back as it was");
         } catch (const Failure& failure) {
             m_report.failure(failure);
             m_report.note(m_path + ": the stub could not be put back");
             saveStubData();
         }
+    }
+
+    /// What makes the file a stub lies outside its data.
+    void keepStub() {
+        try {
+            const bool told = m_backEnd.restoreDone(m_path.c_str(), false, {}) >= 0;
+            if (!told)
+                m_report.failure(Failure(m_backEnd));
+            if (m_written)
+                putTimesBack();
+        } catch (const Failure& failure) {
+            m_report.failure(failure);
+        }
+        m_report.note(m_path +
+                      (m_written ? ": still a stub, to be recalled again" : ": the stub was not touched"));
     }
 
     void writeStub() {
@@ -250,6 +307,8 @@ private:
     std::vector<char> m_stubData;
     long long m_recorded = 0; ///< the size of the data that the stub stands for
     bool m_written = false;
+    bool m_headWritten = false; ///< the piece that covers a stub's header
+    bool m_lengthTold = false;
 };
 
 } // namespace

@@ -59,6 +59,7 @@ private:
         m_logical += st.st_size;
         m_allocated += allocatedBytes(st);
         m_progress.files(m_files);
+        requirePath(m_backEnd, path);
         if (!isStubFile(m_backEnd, path, st))
             return;
         ++m_stubs;

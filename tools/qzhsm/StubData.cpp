@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <climits>
+#include <filesystem>
 #include <string_view>
 #include <unistd.h>
 
@@ -59,6 +61,21 @@ void requireMetadata(const QZHSMLowLevel& backEnd, const std::string& meta) {
     requireFitting(backEnd, "Metadata", meta);
 }
 
+void requireName(const QZHSMLowLevel& backEnd, const std::string& path) {
+    constexpr size_t kLongest = NAME_MAX - std::string_view(".nktmp.0").size();
+    const size_t length = std::filesystem::path(path).filename().native().size();
+    if (asksDriver(backEnd) && length > kLongest)
+        throw Failure(QZHSM_FAILURE, path + ": a name of " + std::to_string(length) +
+                                         " bytes cannot be recalled; the longest that can has " +
+                                         std::to_string(kLongest));
+}
+
+std::string adviceToWatch(QZHSMLowLevel& backEnd, const std::string& path) {
+    return asksDriver(backEnd) && backEnd.isDMRFS(path.c_str()) == 0
+               ? "Its file system is not watched: see \"qzhsm watch\"."
+               : "";
+}
+
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st) {
     // Nothing else is ever a stub, and to look into a pipe would be to wait for its writer.
     if (!S_ISREG(st.st_mode))
@@ -103,5 +120,6 @@ std::vector<char> readStubData(const QZHSMLowLevel& backEnd, const std::string& 
     // There was nothing to archive of an empty file, and only the driver can make it a stub again.
     if (!whole || (facts->fileSize == 0 && !asksDriver(backEnd)))
         throw Failure(QZHSM_FAILURE, "Stub " + path + " has corrupt metadata.");
+    requireMetadata(backEnd, {data.begin() + kStubTextPrefix, data.end()});
     return data;
 }

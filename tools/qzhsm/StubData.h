@@ -20,6 +20,10 @@ bool asksLustre(const QZHSMLowLevel& backEnd);
 void requirePath(const QZHSMLowLevel& backEnd, const std::string& path);
 /// Throws where the driver would get the metadata cut.
 void requireMetadata(const QZHSMLowLevel& backEnd, const std::string& meta);
+/// Throws where a recall could not make its file beside the stub: the name would be too long.
+void requireName(const QZHSMLowLevel& backEnd, const std::string& path);
+/// What to do about a file that is not the driver's, where its file system is not watched; else nothing.
+std::string adviceToWatch(QZHSMLowLevel& backEnd, const std::string& path);
 
 /// Whether the file is a stub, asked so that a stub which may not be looked at is a failure and no "no".
 bool isStubFile(QZHSMLowLevel& backEnd, const std::string& path, const struct stat& st);

@@ -39,10 +39,11 @@ void requireReleased(QZHSMLowLevel& backEnd, const std::string& path) {
 }
 
 /// Throws the back-end's last error, explained.
-[[noreturn]] void throwExplained(const QZHSMLowLevel& backEnd, const std::string& path) {
+[[noreturn]] void throwExplained(QZHSMLowLevel& backEnd, const std::string& path) {
     if (backEnd.m_errorCode == EEXIST)
         throw markedAlready(path, backEnd.m_errorText);
-    throw Failure(backEnd);
+    const Failure failure(backEnd);
+    throw Failure(failure.code(), failure.what(), adviceToWatch(backEnd, path));
 }
 
 /// The file that is about to become a stub again: made where it is missing, since the mark needs a file to
@@ -97,6 +98,7 @@ private:
 void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& meta,
           std::optional<long> refTime) {
     requireMetadata(backEnd, meta);
+    requireName(backEnd, path);
     struct stat st {};
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
@@ -123,6 +125,9 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
             bool fromSnapshot) {
     if (!S_ISREG(statFollowing(path).st_mode))
         throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub.");
+    // A back-end may say no more than "is not a stub", whatever went wrong.
+    if (!fromSnapshot && !keepsTextInFile(backEnd) && !isStubFile(backEnd, path, statFollowing(path)))
+        throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub", adviceToWatch(backEnd, path));
     std::vector<char> data;
     checked(backEnd, fromSnapshot ? backEnd.backupStubFromSnap(path.c_str(), data)
                                   : backEnd.backupStub(path.c_str(), data));
@@ -147,6 +152,7 @@ void backup(QZHSMLowLevel& backEnd, Report& report, const std::string& path, con
 
 void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& stubFile, bool force) {
     const std::vector<char> data = readStubData(backEnd, stubFile);
+    requireName(backEnd, path);
     if (marksOnly(backEnd)) {
         // The back-end would take a stub's marks away rather than mark it twice.
         if (::getxattr(path.c_str(), kCloudsyncAttributes[Complete], nullptr, 0) >= 0)

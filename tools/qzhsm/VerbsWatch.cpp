@@ -1,4 +1,5 @@
 #include "tools/qzhsm/FileIo.h"
+#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <filesystem>
@@ -15,6 +16,7 @@ void unwatch(QZHSMLowLevel& backEnd, const std::string& path) {
 void watched(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
     statFollowing(path);
     const std::string whole = std::filesystem::absolute(path).lexically_normal();
+    requirePath(backEnd, whole);
     const bool isWatched = answered(backEnd, backEnd.isDirBeingWatched(whole.c_str()));
     if (report.isJson())
         report.json({{"path", path}, {"watched", isWatched}});

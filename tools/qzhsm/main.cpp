@@ -150,7 +150,8 @@ CommandLine::CommandLine() {
                     [this](QZHSMLowLevel& backEnd, Report&, const std::string& path) {
                         stub(backEnd, path, m_meta, m_refTime);
                     });
-    addText(verb, "--meta", m_meta, "What the stub says about the archived data; at most 4030 bytes")
+    addText(verb, "--meta", m_meta,
+            "What the stub says about the archived data; at most 4030 bytes, 2047 for the filter driver")
         ->option_text("TEXT (required)")
         ->required();
     verb->add_option(
