@@ -20,7 +20,6 @@
 #include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
-#include <utime.h>
 
 namespace {
 
@@ -29,7 +28,6 @@ constexpr const char* kRecord = "user.nkfsdm.stub"; // the file's size, a line b
 using Inode = std::pair<dev_t, ino_t>;
 
 struct Driver {
-    std::mutex lock;
     bool loaded = true;
     std::map<unsigned, std::pair<int, int>> failures; ///< by request number: errno, how often
     int fileInfo = 0;
@@ -41,8 +39,9 @@ struct Driver {
     int deviceOpens = 0;
     int resubmissions = 0;
     bool ticks = false;
-    time_t ahead = 0; ///< of the real clock
 };
+std::mutex driverLock;
+std::atomic<time_t> clockAhead{0}; ///< of the real one, and it never goes back
 std::atomic<bool> answeringAtOnce{false};
 
 Driver& driver() {
@@ -140,10 +139,10 @@ int lookBadly(const File& file) {
 /// The record first, then the data goes; times stay.
 int makeStub(const File& file, int64_t size, const char* meta) {
     const std::string record = std::to_string(size) + "\n" + meta;
-    const utimbuf times{file.st.st_atime, file.st.st_mtime};
+    const timespec times[] = {file.st.st_atim, file.st.st_mtim};
     if (::setxattr(file.path.c_str(), kRecord, record.data(), record.size(), 0) < 0 ||
         ::truncate(file.path.c_str(), 0) < 0 || ::truncate(file.path.c_str(), size) < 0 ||
-        ::utime(file.path.c_str(), &times) < 0)
+        ::utimensat(AT_FDCWD, file.path.c_str(), times, 0) < 0)
         return errno;
     return 0;
 }
@@ -169,37 +168,52 @@ bool isGranted(int fd) {
     });
 }
 
-// --- One function for each request: 0, or errno. `said` is what the trace shows of it ---
+/// A request on its way through the driver.
+struct Call {
+    /// Follows the checks of the record: even a request that is to fail has to be well made.
+    void proceed(const std::string& what) {
+        said = what;
+        if (injected != 0)
+            throw injected;
+    }
 
-int answer(StatRecord& r, std::string& said) {
+    int injected;     ///< the errno that it is to fail with, or 0
+    std::string said; ///< what the trace shows of it
+};
+
+// --- One function for each request: 0, or errno ---
+
+int answer(StatRecord& r, Call& call) {
     require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
-    said = text(r.path);
+    call.proceed(text(r.path));
     const File file = look(r.path);
     if (const int err = lookBadly(file))
         return err;
     r.isStub = file.isStub() ? 1 : 0;
     r.fileInfo = driver().fileInfo;
     std::strcpy(r.meta, file.meta().c_str());
-    said += r.isStub ? std::string(" -> a stub, \"") + r.meta + "\"" : " -> no stub";
+    call.said += r.isStub ? std::string(" -> a stub, \"") + r.meta + "\"" : " -> no stub";
     return 0;
 }
 
-int answer(StatByFidRecord& r, std::string& said) {
+int answer(StatByFidRecord& r, Call& call) {
     require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
     const File file = lookByFid(r.fid);
-    said = "device " + std::to_string(r.dev) + ", file " + std::to_string(r.fid.words[0]);
+    call.proceed("device " + std::to_string(r.dev) + ", file " + std::to_string(r.fid.words[0]));
     if (file.err != 0 || file.st.st_dev != r.dev)
         return ENOENT;
     if (const int err = lookBadly(file))
         return err;
     r.isStub = file.isStub() ? 1 : 0;
+    r.fileInfo = driver().fileInfo;
     std::strcpy(r.meta, file.meta().c_str());
-    said += r.isStub ? " -> a stub" : " -> no stub";
+    call.said += r.isStub ? " -> a stub" : " -> no stub";
     return 0;
 }
 
-int answer(CreateStubRecord& r, std::string& said) {
-    said = std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) + " bytes";
+int answer(CreateStubRecord& r, Call& call) {
+    call.proceed(std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) +
+                 " bytes");
     const File file = look(r.path);
     if (const int err = lookBadly(file))
         return err;
@@ -210,9 +224,9 @@ int answer(CreateStubRecord& r, std::string& said) {
     return file.st.st_size == r.size ? makeStub(file, r.size, r.meta) : EINVAL;
 }
 
-int answer(DeleteStubRecord& r, std::string& said) {
+int answer(DeleteStubRecord& r, Call& call) {
     require(r.failed <= 1, "a flag that is neither 0 nor 1");
-    said = std::string(text(r.path)) + (r.failed ? ", recall failed" : ", recalled");
+    call.proceed(std::string(text(r.path)) + (r.failed ? ", recall failed" : ", recalled"));
     const File file = look(r.path);
     if (file.err != 0 || r.failed)
         return file.err;
@@ -220,11 +234,11 @@ int answer(DeleteStubRecord& r, std::string& said) {
 }
 
 /// From now on the carrier's descriptor is one of the stub's own data, with the access mode it had.
-int answer(PassThroughRecord& r, std::string& said) {
-    said = std::string(text(r.path)) + " on descriptor " + std::to_string(r.fd);
+int answer(PassThroughRecord& r, Call& call) {
     struct stat carrier {};
     require(::fstat(r.fd, &carrier) == 0 && S_ISREG(carrier.st_mode), "a carrier that is no open file");
     require(carrier.st_nlink == 0, "a carrier that still has a name");
+    call.proceed(std::string(text(r.path)) + " on descriptor " + std::to_string(r.fd));
     const File file = look(r.path);
     if (file.err != 0)
         return file.err;
@@ -233,15 +247,15 @@ int answer(PassThroughRecord& r, std::string& said) {
     if (!file.isStub())
         return kDriverNotAStub;
     const UniqueFd stub(realOpen(r.path, ::fcntl(r.fd, F_GETFL) & O_ACCMODE));
-    if (!stub.isOpen() || ::dup2(stub.get(), r.fd) < 0)
+    if (!stub.isOpen() || ::dup3(stub.get(), r.fd, ::fcntl(r.fd, F_GETFD) != 0 ? O_CLOEXEC : 0) < 0)
         return errno;
     grant(r.fd);
     return 0;
 }
 
-int answer(PassThroughByFidRecord& r, std::string& said) {
+int answer(PassThroughByFidRecord& r, Call& call) {
     require(r.zero == 0, "a filler that is not zero");
-    said = "file " + std::to_string(r.fid.words[0]) + " on descriptor " + std::to_string(r.fd);
+    call.proceed("file " + std::to_string(r.fid.words[0]) + " on descriptor " + std::to_string(r.fd));
     const File file = lookByFid(r.fid);
     struct stat st {};
     if (file.err != 0 || ::fstat(r.fd, &st) < 0 || st.st_ino != file.st.st_ino)
@@ -252,8 +266,8 @@ int answer(PassThroughByFidRecord& r, std::string& said) {
     return 0;
 }
 
-int answer(TranWriteRecord& r, std::string& said) {
-    said = std::to_string(r.length) + " bytes at " + std::to_string(::lseek(r.fd, 0, SEEK_CUR));
+int answer(TranWriteRecord& r, Call& call) {
+    call.proceed(std::to_string(r.length) + " bytes at " + std::to_string(::lseek(r.fd, 0, SEEK_CUR)));
     if (!isGranted(r.fd))
         return EBADF;
     const ssize_t written = ::write(r.fd, r.data, static_cast<size_t>(r.length));
@@ -263,18 +277,18 @@ int answer(TranWriteRecord& r, std::string& said) {
     return 0;
 }
 
-int answer(AddWatchRecord& r, std::string& said) {
+int answer(AddWatchRecord& r, Call& call) {
     require(r.mountFlag >= 0 && r.mountFlag <= 255, "a mount flag that is no byte");
-    said = std::string(text(r.path)) + ", mount flag " + std::to_string(r.mountFlag);
+    call.proceed(std::string(text(r.path)) + ", mount flag " + std::to_string(r.mountFlag));
     const File file = look(r.path);
     if (file.err == 0 && driver().watched.insert(file.st.st_dev).second)
         saveWatched();
     return file.err;
 }
 
-int answer(DelWatchRecord& r, std::string& said) {
+int answer(DelWatchRecord& r, Call& call) {
     require(*text(r.path) == '\0' || r.dev == 0, "a path and a device");
-    said = *r.path ? r.path : "device " + std::to_string(r.dev);
+    call.proceed(*r.path ? r.path : "device " + std::to_string(r.dev));
     const File file = look(r.path);
     loadWatched();
     if (driver().watched.erase(*r.path ? file.st.st_dev : r.dev) == 0)
@@ -283,40 +297,47 @@ int answer(DelWatchRecord& r, std::string& said) {
     return 0;
 }
 
-int answer(IsWatchRecord& r, std::string& said) {
+int answer(IsWatchRecord& r, Call& call) {
     require(r.answer == 0 && r.zero == 0, "an answer or filler that is set");
     require(*text(r.path) == '\0' || r.dev == 0, "a path and a device");
-    said = *r.path ? r.path : "device " + std::to_string(r.dev);
+    call.proceed(*r.path ? r.path : "device " + std::to_string(r.dev));
     const File file = look(r.path);
     if (*r.path && file.err != 0)
         return file.err;
     loadWatched();
     r.answer = driver().watched.count(*r.path ? file.st.st_dev : r.dev) ? driver().watchAnswer : 0;
-    said += r.answer ? " -> watched" : " -> not watched";
+    call.said += r.answer ? " -> watched" : " -> not watched";
     return 0;
 }
 
-int answer(RestoreStubRecord& r, std::string& said) {
-    said = std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) + " bytes";
+int answer(RestoreStubRecord& r, Call& call) {
+    call.proceed(std::string(text(r.path)) + ", \"" + text(r.meta) + "\", " + std::to_string(r.size) +
+                 " bytes");
     const File file = look(r.path);
     if (const int err = lookBadly(file))
         return err;
     return makeStub(file, r.size, r.meta);
 }
 
-int answer(ResubmitRecord& r, std::string&) {
+int answer(ResubmitRecord& r, Call& call) {
     require(r.zero == 0, "a filler that is not zero");
+    call.proceed("");
     ++driver().resubmissions;
     return 0;
 }
 
 // --- The device ---
 
+std::string errnoName(int err) {
+    const char* name = ::strerrorname_np(err);
+    return (name ? name : "errno " + std::to_string(err)) + " (" + ::strerror(err) + ")";
+}
+
 void trace(const char* name, const std::string& said, int err) {
     if (!std::getenv("QZHSM_EMULATOR_TRACE"))
         return;
-    const std::string line = std::string("    driver: ") + name + " " + said +
-                             (err ? std::string(" -> ") + ::strerror(err) : "") + "\n";
+    const std::string line =
+        std::string("    driver: ") + name + " " + said + (err ? " -> " + errnoName(err) : "") + "\n";
     static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
 }
 
@@ -352,20 +373,28 @@ bool handle(const DriverRequest<Record>& request, unsigned long command, void* a
     constexpr size_t kKept = 4096; // nobody looks at more of them
     if (driver().seen.size() < kKept)
         driver().seen.push_back({command, {bytes, bytes + sizeof(Record)}});
-    std::string said = "(to fail)";
-    err = injectedFailure(_IOC_NR(command));
-    if (err == 0) {
-        said.clear();
-        err = answer(*static_cast<Record*>(argument), said);
+    Call call{injectedFailure(_IOC_NR(command)), {}};
+    try {
+        err = answer(*static_cast<Record*>(argument), call);
+    } catch (int injected) {
+        err = injected;
     }
     if (err == EAGAIN && driver().ticks)
-        ++driver().ahead;
-    trace(request.name, said, err);
+        ++clockAhead;
+    trace(request.name, call.said, err);
     return true;
 }
 
+/// As a system call answers: a success leaves errno alone.
+int answerWith(int err) {
+    if (err == 0)
+        return 0;
+    errno = err;
+    return -1;
+}
+
 int request(unsigned long command, void* record) {
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     int err = 0;
     const bool known = std::apply(
         [&](const auto&... requests) { return (handle(requests, command, record, err) || ...); },
@@ -373,8 +402,7 @@ int request(unsigned long command, void* record) {
                  QZHSM_PASS_THROUGH_BY_FID, QZHSM_TRAN_WRITE, QZHSM_ADD_WATCH_FS, QZHSM_DEL_WATCH_FS,
                  QZHSM_IS_WATCH_FS, QZHSM_RESTORE_STUB, QZHSM_RESUBMIT_PENDING_RECALLS));
     require(known, "an unknown command, or a record of another size");
-    errno = err;
-    return err == 0 ? 0 : -1;
+    return answerWith(err);
 }
 
 /// The device is "/dev/null" behind the curtain.
@@ -404,16 +432,16 @@ QZHSM_API int open(const char* path, int flags, ...) {
     if (!isDevicePath(path))
         return open(path, flags, mode);
     require(flags == O_RDWR, "the device opened with other flags");
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     ++driver().deviceOpens;
-    errno = injectedFailure(0);
-    return errno == 0 ? open("/dev/null", flags) : -1;
+    const int err = injectedFailure(0);
+    return err == 0 ? open("/dev/null", flags) : answerWith(err);
 }
 
 QZHSM_API time_t time(time_t* at) noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    const time_t seconds = now.tv_sec + driver().ahead;
+    const time_t seconds = now.tv_sec + clockAhead;
     if (at)
         *at = seconds;
     return seconds;
@@ -427,10 +455,8 @@ QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
     va_end(args);
     if (_IOC_TYPE(command) != 'C')
         return ioctl(fd, command, argument);
-    if (answeringAtOnce) {
-        ioctl(fd, command, argument); // which "/dev/null" refuses
-        return 0;
-    }
+    if (answeringAtOnce) // which "/dev/null" refuses
+        return ioctl(fd, command, argument) < 0 && errno == ENOTTY ? 0 : -1;
     return isDevice(fd) ? request(command, argument) : ioctl(fd, command, argument);
 }
 }
@@ -438,18 +464,8 @@ QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
 namespace emulator {
 
 void reset() {
-    const std::lock_guard lock(driver().lock);
-    Driver& d = driver();
-    d.loaded = true;
-    d.failures.clear();
-    d.fileInfo = 0;
-    d.watchAnswer = 1;
-    d.watched.clear();
-    d.granted.clear();
-    d.seen.clear();
-    d.deviceOpens = 0;
-    d.resubmissions = 0;
-    d.ticks = false;
+    const std::lock_guard lock(driverLock);
+    driver() = {};
 }
 
 void setLoaded(bool loaded) {
@@ -457,7 +473,7 @@ void setLoaded(bool loaded) {
 }
 
 void fail(unsigned nr, int err, int times) {
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     driver().failures[nr] = {err, times};
 }
 
@@ -476,18 +492,18 @@ void setWatchAnswer(int value) {
 fsf_fid fidOf(const std::string& path) {
     struct stat st {};
     require(realStat(path.c_str(), &st) == 0, "no file to identify");
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     driver().pathsByFid[{st.st_ino, st.st_dev}] = path;
     return {{st.st_ino, ~st.st_ino, st.st_dev}};
 }
 
 std::vector<Seen> seen() {
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     return driver().seen;
 }
 
 void forget() {
-    const std::lock_guard lock(driver().lock);
+    const std::lock_guard lock(driverLock);
     driver().seen.clear();
 }
 
