@@ -76,6 +76,8 @@ void measure(benchmark::State& state, const Case& c, Prepare prepare, Ours ours,
     state.counters["ratio"] = median(ratios);
     const double overhead = state.counters["ours_ns"] - state.counters["bare_ns"];
     constexpr size_t kEnough = 100; // pairs, which the short runs for warming up do not reach
+    if (c.overheadNs)
+        state.counters["overhead_ns"] = overhead;
     if (c.overheadNs && ratios.size() >= kEnough && overhead > *c.overheadNs)
         breakPromise(c.name + ": overhead of " + std::to_string(overhead) + " ns");
 

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
@@ -18,7 +19,6 @@
 #include <set>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace {
@@ -116,7 +116,7 @@ File look(const std::string& path) {
         return file;
     }
     loadWatched();
-    file.watched = driver().watched.count(file.st.st_dev) > 0;
+    file.watched = driver().watched.contains(file.st.st_dev);
     char record[4096];
     const ssize_t length = ::getxattr(path.c_str(), kRecord, record, sizeof record);
     if (length > 0)
@@ -191,7 +191,7 @@ int answer(StatRecord& r, Call& call) {
         return err;
     r.isStub = file.isStub() ? 1 : 0;
     r.fileInfo = driver().fileInfo;
-    std::strcpy(r.meta, file.meta().c_str());
+    file.meta().copy(r.meta, sizeof r.meta - 1);
     call.said += r.isStub ? std::string(" -> a stub, \"") + r.meta + "\"" : " -> no stub";
     return 0;
 }
@@ -206,7 +206,7 @@ int answer(StatByFidRecord& r, Call& call) {
         return err;
     r.isStub = file.isStub() ? 1 : 0;
     r.fileInfo = driver().fileInfo;
-    std::strcpy(r.meta, file.meta().c_str());
+    file.meta().copy(r.meta, sizeof r.meta - 1);
     call.said += r.isStub ? " -> a stub" : " -> no stub";
     return 0;
 }
@@ -305,7 +305,7 @@ int answer(IsWatchRecord& r, Call& call) {
     if (*r.path && file.err != 0)
         return file.err;
     loadWatched();
-    r.answer = driver().watched.count(*r.path ? file.st.st_dev : r.dev) ? driver().watchAnswer : 0;
+    r.answer = driver().watched.contains(*r.path ? file.st.st_dev : r.dev) ? driver().watchAnswer : 0;
     call.said += r.answer ? " -> watched" : " -> not watched";
     return 0;
 }
@@ -417,6 +417,8 @@ bool isDevicePath(const char* path) {
 
 } // namespace
 
+// The C library names its parameters otherwise.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 QZHSM_API int stat(const char* path, struct stat* st) {
@@ -460,6 +462,7 @@ QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
     return isDevice(fd) ? request(command, argument) : ioctl(fd, command, argument);
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace emulator {
 
