@@ -78,7 +78,7 @@ private:
     std::string examineHeader(const std::string& path, long long size) {
         std::vector<char> data;
         if (m_backEnd.backupStub(path.c_str(), data) < 0) {
-            if (m_backEnd.m_errorCode == QZHSM_NOT_A_STUB)
+            if (m_backEnd.m_errorCode == QZHSM_NOT_A_STUB || m_backEnd.m_errorCode == QZHSM_SUCCESS)
                 return "no valid header";
             throw Failure(m_backEnd);
         }

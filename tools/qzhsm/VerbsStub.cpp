@@ -31,6 +31,16 @@ void refuseStub(QZHSMLowLevel& backEnd, const std::string& path, const struct st
     throw keepsTextInFile(backEnd) ? markedAlready(path, text) : Failure(EEXIST, text);
 }
 
+/// Refuses what would lose by carrying its stub text at its beginning.
+void requireGain(const std::string& path, const std::string& meta, long long size) {
+    if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextPrefix, path)))
+        throw Failure(QZHSM_FAILURE, "Not stubbing " + path + ": it is a copy of a stub and holds no data");
+    const int length = qzhsm_meta2stub(meta.c_str(), size, nullptr, 0);
+    if (size <= length)
+        throw Failure(QZHSM_FAILURE, "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
+                                         " bytes would not be shorter than its " + std::to_string(size));
+}
+
 /// A release that Lustre refused shows in the state alone.
 void requireReleased(QZHSMLowLevel& backEnd, const std::string& path) {
     if (asksLustre(backEnd) && !isStubFile(backEnd, path, statFollowing(path)))
@@ -103,14 +113,8 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
     // What is missing or no regular file is the back-end's to refuse, in its own words.
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
         refuseStub(backEnd, path, st);
-        if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextPrefix, path)))
-            throw Failure(QZHSM_FAILURE,
-                          "Not stubbing " + path + ": it is a copy of a stub and holds no data");
-        const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
-        if (keepsTextInFile(backEnd) && st.st_size <= length)
-            throw Failure(QZHSM_FAILURE,
-                          "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
-                              " bytes would not be shorter than its " + std::to_string(st.st_size));
+        if (keepsTextInFile(backEnd))
+            requireGain(path, meta, st.st_size);
     }
     try {
         if (backEnd.stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
