@@ -18,7 +18,7 @@ constexpr const char* kMeta = "versionGuid=2f1c8a4e-6f0b-4d0e-9d0a-3b8f5f7f9b11;
 template <class Record, class Ours>
 void measureRequest(benchmark::State& state, const char* name, const DriverRequest<Record>& request,
                     Ours ours, const char* fileName = "driver") {
-    emulator::reset();
+    emulator::driver() = {};
     QZHSMLowLevelQZFS driver;
     const std::string path = scratchPath(fileName);
     const UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT, 0600));

@@ -89,20 +89,20 @@ TEST_F(Session, LeavesNoCarrierBehind) {
 TEST_F(Session, GivesUpOnABusyDriver) {
     emulator::fail(6, EAGAIN, -1);
     emulator::fail(7, EAGAIN, -1);
-    emulator::tickWhenBusy(true);
+    emulator::driver().ticksWhenBusy = true;
     const UniqueFd file(::open(m_path.c_str(), O_RDWR));
     const long before = openDescriptors();
-    emulator::forget();
+    emulator::driver().seen.clear();
     EXPECT_EQ(openByIdentifier(file.get()), -1);
     EXPECT_EQ(m_driver.m_errorCode, 7);
     EXPECT_EQ(m_driver.m_errorText, "Timed out while trying to request pass-through access");
-    EXPECT_EQ(emulator::seen().size(), 5U) << "asked at second 0, 1, 2, 3 and 4";
+    EXPECT_EQ(emulator::driver().seen.size(), 5U) << "asked at second 0, 1, 2, 3 and 4";
     EXPECT_EQ(openDescriptors(), before);
-    emulator::forget();
+    emulator::driver().seen.clear();
     EXPECT_EQ(open(O_RDWR | O_APPEND, 0640), -1);
     EXPECT_EQ(m_driver.m_errorCode, 7);
     EXPECT_EQ(m_driver.m_errorText, "Timed out while trying to request pass-through access to " + m_path);
-    EXPECT_EQ(emulator::seen().size(), 5U);
+    EXPECT_EQ(emulator::driver().seen.size(), 5U);
     EXPECT_EQ(entriesOf(m_fs.dir()), 1);
 
     EXPECT_EQ(openDescriptors(), before + 1) << "the carrier, which a busy driver may still act on";
@@ -155,7 +155,7 @@ TEST_F(Session, ThousandOfThemLeakNothing) {
             unsigned nr;
             int err;
         } injected[] = {{0, EMFILE}, {6, EIO}, {6, 200}, {7, ENOENT}, {8, EIO}, {1, EIO}, {4, EIO}, {99, 0}};
-        emulator::setLoaded(i % 13 != 0);
+        emulator::driver().loaded = i % 13 != 0;
         emulator::fail(injected[i % 8].nr, injected[i % 8].err);
         int opened = i % 2 == 0
                          ? driver.openFileTrans(i % 5 == 0 ? "/no/such/file" : m_path.c_str(), O_RDWR, 0600)
@@ -302,7 +302,7 @@ TEST_F(Journal, IsToldInOrder) {
     driver.stubFile(m_path.c_str(), "m", 0, 200);
     driver.restoreStub(m_path.c_str(), stubDataOf("n", 200));
     EXPECT_EQ(journal, Told{}) << "nothing is told of what the driver refused";
-    emulator::setLoaded(false);
+    emulator::driver().loaded = false;
     QZHSMLowLevelQZFS without;
     EXPECT_EQ(without.restoreDone(m_path.c_str(), true, {}), -1);
     EXPECT_EQ(journal.back(), "UNSTUB 7.8.9") << "told first, whatever the driver then says";
@@ -385,15 +385,15 @@ TEST_F(ExtentSession, CountsOpensAndCloses) {
     failsClosed();
     EXPECT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
     int32_t carrier = -1;
-    std::memcpy(&carrier, &emulator::seen().back().record[2048], sizeof carrier);
+    std::memcpy(&carrier, &emulator::driver().seen.back().record[2048], sizeof carrier);
     const std::string fd = std::to_string(carrier);
     EXPECT_EQ(m_driver.openFileTrans("/any", O_RDWR, 0600), 0) << "joins";
     EXPECT_EQ(m_driver.seekFileTrans(5, SEEK_SET), 1);
     EXPECT_EQ(m_driver.closeFileTrans(), 0);
-    emulator::forget();
+    emulator::driver().seen.clear();
     EXPECT_EQ(m_driver.writeFileTrans("late", 4, 4096), 4);
     EXPECT_EQ(m_driver.writeFileTrans("early", 5, 0), 5);
-    EXPECT_TRUE(emulator::seen().empty()) << "written without the driver";
+    EXPECT_TRUE(emulator::driver().seen.empty()) << "written without the driver";
     EXPECT_EQ(m_driver.writeFileTrans("x", 1, -1), -1);
     EXPECT_EQ(m_driver.m_errorText, "pwrite failed: Invalid argument");
     EXPECT_EQ(m_driver.writeFileTrans("", 0, 0), 0);

@@ -118,16 +118,16 @@ TEST_F(Driver, GetsEachRequestByteForByte) {
     };
     for (const auto& row : rows) {
         emulator::fail(operation(row.operation).nr, EIO);
-        emulator::forget();
+        emulator::driver().seen.clear();
         EXPECT_EQ(operation(row.operation).call(m_driver, path.c_str()), -1) << row.operation;
-        ASSERT_EQ(emulator::seen().size(), 1U) << row.operation;
-        EXPECT_EQ(emulator::seen()[0].command, row.command) << row.operation;
-        EXPECT_TRUE(emulator::seen()[0].record == row.record.get()) << row.operation;
+        ASSERT_EQ(emulator::driver().seen.size(), 1U) << row.operation;
+        EXPECT_EQ(emulator::driver().seen[0].command, row.command) << row.operation;
+        EXPECT_TRUE(emulator::driver().seen[0].record == row.record.get()) << row.operation;
     }
     // The carrier's number is whatever comes next; a write's padding is not looked at.
     emulator::fail(6, EIO);
     m_driver.openFileTrans(path.c_str(), O_RDWR, 0600);
-    const emulator::Seen passThrough = emulator::seen().back();
+    const emulator::Seen passThrough = emulator::driver().seen.back();
     EXPECT_EQ(passThrough.command, 0x48044306U);
     int32_t carrier = -1;
     std::memcpy(&carrier, &passThrough.record[2048], sizeof carrier);
@@ -138,8 +138,8 @@ TEST_F(Driver, GetsEachRequestByteForByte) {
     ASSERT_EQ(m_driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0) << m_driver.m_errorText;
     const char* data = "0123456789";
     EXPECT_EQ(m_driver.writeFileTrans(data, 10, 4096), 10);
-    std::vector<unsigned char> write = emulator::seen().back().record;
-    EXPECT_EQ(emulator::seen().back().command, 0xC0184308U);
+    std::vector<unsigned char> write = emulator::driver().seen.back().record;
+    EXPECT_EQ(emulator::driver().seen.back().command, 0xC0184308U);
     ASSERT_EQ(write.size(), 24U);
     std::memset(&write[4], 0, 4);
     std::memcpy(&carrier, write.data(), sizeof carrier);
@@ -149,7 +149,7 @@ TEST_F(Driver, GetsEachRequestByteForByte) {
 TEST_F(Driver, CutsLongTextsAt2047Bytes) {
     const std::string longPath = m_fs.dir() + "/" + std::string(3000, 'p');
     EXPECT_EQ(m_driver.isStub(longPath.c_str()), -1) << "sent all the same";
-    EXPECT_TRUE(emulator::seen().back().record == Bytes(4104).text(0, longPath.substr(0, 2047)).get());
+    EXPECT_TRUE(emulator::driver().seen.back().record == Bytes(4104).text(0, longPath.substr(0, 2047)).get());
     EXPECT_EQ(m_driver.m_errorText, "QZHSM_STAT(" + longPath + ") failed: File name too long");
 
     const std::string path = m_fs.path("file");
@@ -168,7 +168,8 @@ TEST_F(Driver, GetsPathsInTheLocalesEncodingAndMetadataAsItIs) {
     const Latin1Locale locale;
     EXPECT_EQ(m_driver.stubFile("/\xc3\xbc", "\xc3\xbc", 0, 0), -1);
     EXPECT_EQ(m_driver.m_errorText.find("QZHSM_CREATE_STUB(/\xc3\xbc) failed: "), 0U);
-    EXPECT_TRUE(emulator::seen().back().record == Bytes(4112).text(16, "/\xfc").text(2064, "\xc3\xbc").get());
+    EXPECT_TRUE(emulator::driver().seen.back().record ==
+                Bytes(4112).text(16, "/\xfc").text(2064, "\xc3\xbc").get());
 }
 
 TEST_F(Driver, TellsWhatTheDriverRefused) {
@@ -242,30 +243,30 @@ TEST_F(Driver, IsAskedForItsDeviceFirst) {
         EXPECT_EQ(fresh.backupStub("/missing", someData), -1);
         EXPECT_EQ(fresh.m_errorText, text) << "not that the file is missing";
     };
-    emulator::setLoaded(false);
-    const int opens = emulator::deviceOpens();
+    emulator::driver().loaded = false;
+    const int opens = emulator::driver().deviceOpens;
     ::testing::internal::CaptureStderr();
     allFailWith("FSF driver is not loaded");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(emulator::deviceOpens(), opens);
-    emulator::setLoaded(true);
+    EXPECT_EQ(emulator::driver().deviceOpens, opens);
+    emulator::driver().loaded = true;
     emulator::fail(0, EACCES, -1);
     allFailWith("Failed to open /dev/nkfsdm: Permission denied");
     emulator::fail(0, 0, 0);
     EXPECT_EQ(fresh.isStub(path.c_str()), 0) << "tried again";
-    const int opened = emulator::deviceOpens();
+    const int opened = emulator::driver().deviceOpens;
     EXPECT_EQ(fresh.isStub(path.c_str()), 0);
-    EXPECT_EQ(emulator::deviceOpens(), opened) << "kept open";
-    EXPECT_EQ(emulator::seen().back().command, 0xD0084301U);
+    EXPECT_EQ(emulator::driver().deviceOpens, opened) << "kept open";
+    EXPECT_EQ(emulator::driver().seen.back().command, 0xD0084301U);
 }
 
 TEST_F(Driver, WatchesAndSaysSo) {
     const std::string dir = m_fs.dir();
-    emulator::setWatchAnswer(2);
+    emulator::driver().watchAnswer = 2;
     EXPECT_EQ(m_driver.isDMRFS(dir.c_str()), 2);
     EXPECT_EQ(m_driver.isDMRFS(statOf(dir).st_dev), 2);
     EXPECT_EQ(m_driver.resubmitPendingRecalls(), 0);
-    EXPECT_EQ(emulator::resubmissions(), 1);
+    EXPECT_EQ(emulator::driver().resubmissions, 1);
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(m_driver.stopWatchingDevice(statOf(dir).st_dev), 0);
     EXPECT_EQ(m_driver.isDirBeingWatched(dir.c_str()), 0);
@@ -274,7 +275,7 @@ TEST_F(Driver, WatchesAndSaysSo) {
     m_fs.makeReadOnly();
     emulator::fail(10, EIO);
     EXPECT_EQ(m_driver.startWatchingDirTree(dir.c_str()), -1);
-    EXPECT_EQ(emulator::seen().back().record[2048], 1U) << "the mount entry's flag";
+    EXPECT_EQ(emulator::driver().seen.back().record[2048], 1U) << "the mount entry's flag";
     EXPECT_EQ(m_driver.stopWatchingDirTree("/missing"), -1);
     EXPECT_EQ(m_driver.stopWatchingDevice(kDevice), -1);
     const std::string log = ::testing::internal::GetCapturedStderr();
@@ -311,7 +312,7 @@ TEST_F(Driver, HandsOutWhatTheDriverKnows) {
 
     ASSERT_EQ(stub(path), 0);
     int state = 0;
-    emulator::setFileInfo(-77);
+    emulator::driver().fileInfo = -77;
     EXPECT_EQ(m_driver.getFileInfo(path.c_str(), nullptr, &state), 0);
     EXPECT_EQ(state, -77);
     EXPECT_EQ(m_driver.isStub(dev, fid), 1);
@@ -341,7 +342,7 @@ TEST_F(Driver, RestoresFromGoodStubDataOnly) {
     ASSERT_EQ(m_driver.backupStub(path.c_str(), saved), 0);
     EXPECT_TRUE(saved == stubDataOf(meta, 12345));
 
-    emulator::forget();
+    emulator::driver().seen.clear();
     std::vector<char> corrupt = stubDataOf(meta, 12345);
     corrupt.back() = 'x';
     for (const std::vector<char>& data : {corrupt, std::vector<char>{}, std::vector<char>{'m'}}) {
@@ -349,5 +350,5 @@ TEST_F(Driver, RestoresFromGoodStubDataOnly) {
         EXPECT_EQ(m_driver.m_errorCode, -1);
         EXPECT_EQ(m_driver.m_errorText, "Stub " + path + " has corrupt metadata.");
     }
-    EXPECT_TRUE(emulator::seen().empty()) << "nothing is asked of the driver";
+    EXPECT_TRUE(emulator::driver().seen.empty()) << "nothing is asked of the driver";
 }

@@ -17,7 +17,7 @@ constexpr const char* kMeta = "versionGuid=0123456789abcdef0123456789abcdef;job=
 
 void LifeOfAStub::SetUp() {
     REQUIRE_FS(m_fs);
-    emulator::reset();
+    emulator::driver() = {};
     ASSERT_EQ(m_backEnd->startWatchingDirTree(m_fs.dir().c_str()), 0) << m_backEnd->m_errorText;
 }
 

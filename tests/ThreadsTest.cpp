@@ -144,7 +144,7 @@ TEST(Extents, WrittenFromTwoThreadsLandWhereTheyShould) {
     const UniqueFd file(::mkstemp(path.data()));
     ASSERT_EQ(::ftruncate(file.get(), kSize), 0);
     QZHSMLowLevelQZFSExtent driver;
-    emulator::reset();
+    emulator::driver() = {};
     ASSERT_EQ(driver.startWatchingDirTree(path.c_str()), 0);
     ASSERT_EQ(driver.stubFile(path.c_str(), "m", std::time(nullptr), kSize), 0) << driver.m_errorText;
     const auto writeExtents = [&](int first) {

@@ -14,9 +14,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
-#include <map>
 #include <mutex>
-#include <set>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -25,29 +23,11 @@ namespace {
 
 constexpr const char* kRecord = "user.nkfsdm.stub"; // the file's size, a line break, the metadata
 
-using Inode = std::pair<dev_t, ino_t>;
+using emulator::driver;
 
-struct Driver {
-    bool loaded = true;
-    std::map<unsigned, std::pair<int, int>> failures; ///< by request number: errno, how often
-    int fileInfo = 0;
-    int watchAnswer = 1;
-    std::set<uint64_t> watched;
-    std::map<std::pair<uint64_t, uint64_t>, std::string> pathsByFid; ///< by inode and registration
-    std::map<int, Inode> granted;                                    ///< by descriptor
-    std::vector<emulator::Seen> seen;
-    int deviceOpens = 0;
-    int resubmissions = 0;
-    bool ticks = false;
-};
 std::mutex driverLock;
 std::atomic<time_t> clockAhead{0}; ///< of the real one, and it never goes back
 std::atomic<bool> answeringAtOnce{false};
-
-Driver& driver() {
-    static Driver& made = *new Driver; // requests come until the very end of the process
-    return made;
-}
 
 template <class Function>
 Function* real(const char* name) {
@@ -62,13 +42,11 @@ int realStat(const char* path, struct stat* st) {
     return stat(path, st);
 }
 
-[[noreturn]] void malformed(const char* what) {
+void require(bool holds, const char* what) {
+    if (holds)
+        return;
     std::fprintf(stderr, "emulated driver: malformed request: %s\n", what);
     std::abort();
-}
-void require(bool holds, const char* what) {
-    if (!holds)
-        malformed(what);
 }
 /// A text field ends in a NUL and is zero behind it.
 const char* text(const DriverText& field) {
@@ -123,14 +101,13 @@ File look(const std::string& path) {
         file.record.assign(record, static_cast<size_t>(length));
     return file;
 }
+/// The inode, its complement, the device.
 File lookByFid(const fsf_fid& fid) {
-    const auto found = driver().pathsByFid.find({fid.words[0], fid.words[2]});
-    if (found == driver().pathsByFid.end() || fid.words[1] != ~fid.words[0]) {
-        File none;
-        none.err = ENOENT;
-        return none;
-    }
-    return look(found->second);
+    const auto found = driver().pathsByInode.find(fid.words[0]);
+    File file = look(found == driver().pathsByInode.end() ? "" : found->second);
+    if (file.err == 0 && (fid.words[1] != ~fid.words[0] || fid.words[2] != file.st.st_dev))
+        file.err = ENOENT;
+    return file;
 }
 int lookBadly(const File& file) {
     return file.err != 0 ? file.err : file.watched && S_ISREG(file.st.st_mode) ? 0 : EINVAL;
@@ -154,18 +131,10 @@ bool lockedByAnother(const File& file) {
     return ::fcntl(opened.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-void grant(int fd) {
+std::pair<dev_t, ino_t> inodeOf(int fd) {
     struct stat st {};
     ::fstat(fd, &st);
-    driver().granted[fd] = {st.st_dev, st.st_ino};
-}
-bool isGranted(int fd) {
-    struct stat st {};
-    if (::fstat(fd, &st) < 0)
-        return false;
-    return std::ranges::any_of(driver().granted, [&](const auto& each) {
-        return each.second == Inode{st.st_dev, st.st_ino};
-    });
+    return {st.st_dev, st.st_ino};
 }
 
 /// A request on its way through the driver.
@@ -183,10 +152,10 @@ struct Call {
 
 // --- One function for each request: 0, or errno ---
 
-int answer(StatRecord& r, Call& call) {
+template <class Record>
+int answerStat(Record& r, Call& call, const File& file, const std::string& what) {
     require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
-    call.proceed(text(r.path));
-    const File file = look(r.path);
+    call.proceed(what);
     if (const int err = lookBadly(file))
         return err;
     r.isStub = file.isStub() ? 1 : 0;
@@ -196,19 +165,15 @@ int answer(StatRecord& r, Call& call) {
     return 0;
 }
 
+int answer(StatRecord& r, Call& call) {
+    return answerStat(r, call, look(text(r.path)), r.path);
+}
+
 int answer(StatByFidRecord& r, Call& call) {
-    require(r.isStub == 0 && r.fileInfo == 0 && *text(r.meta) == '\0', "answers that are set");
-    const File file = lookByFid(r.fid);
-    call.proceed("device " + std::to_string(r.dev) + ", file " + std::to_string(r.fid.words[0]));
-    if (file.err != 0 || file.st.st_dev != r.dev)
-        return ENOENT;
-    if (const int err = lookBadly(file))
-        return err;
-    r.isStub = file.isStub() ? 1 : 0;
-    r.fileInfo = driver().fileInfo;
-    file.meta().copy(r.meta, sizeof r.meta - 1);
-    call.said += r.isStub ? " -> a stub" : " -> no stub";
-    return 0;
+    File file = lookByFid(r.fid);
+    if (file.err == 0 && file.st.st_dev != r.dev)
+        file.err = ENOENT;
+    return answerStat(r, call, file, "file " + std::to_string(r.fid.words[0]));
 }
 
 int answer(CreateStubRecord& r, Call& call) {
@@ -249,7 +214,7 @@ int answer(PassThroughRecord& r, Call& call) {
     const UniqueFd stub(realOpen(r.path, ::fcntl(r.fd, F_GETFL) & O_ACCMODE));
     if (!stub.isOpen() || ::dup3(stub.get(), r.fd, ::fcntl(r.fd, F_GETFD) != 0 ? O_CLOEXEC : 0) < 0)
         return errno;
-    grant(r.fd);
+    driver().granted.insert(inodeOf(r.fd));
     return 0;
 }
 
@@ -257,18 +222,17 @@ int answer(PassThroughByFidRecord& r, Call& call) {
     require(r.zero == 0, "a filler that is not zero");
     call.proceed("file " + std::to_string(r.fid.words[0]) + " on descriptor " + std::to_string(r.fd));
     const File file = lookByFid(r.fid);
-    struct stat st {};
-    if (file.err != 0 || ::fstat(r.fd, &st) < 0 || st.st_ino != file.st.st_ino)
+    if (file.err != 0 || inodeOf(r.fd).second != file.st.st_ino)
         return ENOENT;
     if (!file.isStub())
         return kDriverNotAStub;
-    grant(r.fd);
+    driver().granted.insert(inodeOf(r.fd));
     return 0;
 }
 
 int answer(TranWriteRecord& r, Call& call) {
     call.proceed(std::to_string(r.length) + " bytes at " + std::to_string(::lseek(r.fd, 0, SEEK_CUR)));
-    if (!isGranted(r.fd))
+    if (!driver().granted.contains(inodeOf(r.fd)))
         return EBADF;
     const ssize_t written = ::write(r.fd, r.data, static_cast<size_t>(r.length));
     if (written < 0)
@@ -379,7 +343,7 @@ bool handle(const DriverRequest<Record>& request, unsigned long command, void* a
     } catch (int injected) {
         err = injected;
     }
-    if (err == EAGAIN && driver().ticks)
+    if (err == EAGAIN && driver().ticksWhenBusy)
         ++clockAhead;
     trace(request.name, call.said, err);
     return true;
@@ -466,13 +430,9 @@ QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
 
 namespace emulator {
 
-void reset() {
-    const std::lock_guard lock(driverLock);
-    driver() = {};
-}
-
-void setLoaded(bool loaded) {
-    driver().loaded = loaded;
+Driver& driver() {
+    static Driver& made = *new Driver; // requests come until the very end of the process
+    return made;
 }
 
 void fail(unsigned nr, int err, int times) {
@@ -480,42 +440,12 @@ void fail(unsigned nr, int err, int times) {
     driver().failures[nr] = {err, times};
 }
 
-void tickWhenBusy(bool ticks) {
-    driver().ticks = ticks;
-}
-
-void setFileInfo(int value) {
-    driver().fileInfo = value;
-}
-
-void setWatchAnswer(int value) {
-    driver().watchAnswer = value;
-}
-
 fsf_fid fidOf(const std::string& path) {
     struct stat st {};
     require(realStat(path.c_str(), &st) == 0, "no file to identify");
     const std::lock_guard lock(driverLock);
-    driver().pathsByFid[{st.st_ino, st.st_dev}] = path;
+    driver().pathsByInode[st.st_ino] = path;
     return {{st.st_ino, ~st.st_ino, st.st_dev}};
-}
-
-std::vector<Seen> seen() {
-    const std::lock_guard lock(driverLock);
-    return driver().seen;
-}
-
-void forget() {
-    const std::lock_guard lock(driverLock);
-    driver().seen.clear();
-}
-
-int deviceOpens() {
-    return driver().deviceOpens;
-}
-
-int resubmissions() {
-    return driver().resubmissions;
 }
 
 void answerAtOnce(bool atOnce) {

@@ -3,7 +3,12 @@
 #include "platform/Export.h"
 #include "platform/drivers/FlrDriver.h"
 
+#include <cstdint>
+#include <map>
+#include <set>
 #include <string>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 /// A stand-in for the kernel's filter driver: one library that takes the place of `stat`, `open` and `ioctl`
@@ -16,29 +21,34 @@
 /// request is written to standard error, decoded.
 namespace emulator {
 
-/// As freshly loaded, with nothing watched.
-QZHSM_API void reset();
-QZHSM_API void setLoaded(bool loaded);
-/// The next `times` requests of this number fail with `err`, all of them where `times` is negative. Number 0
-/// is the opening of the device.
-QZHSM_API void fail(unsigned nr, int err, int times = 1);
-/// Whether the clock of time(2) goes on by a second with each request that the driver is too busy for.
-QZHSM_API void tickWhenBusy(bool ticks);
-QZHSM_API void setFileInfo(int value);
-QZHSM_API void setWatchAnswer(int value);
-/// The identifier by which the driver knows a file from now on.
-QZHSM_API fsf_fid fidOf(const std::string& path);
-
 /// A request as it arrived.
 struct Seen {
     unsigned long command;
     std::vector<unsigned char> record;
 };
-/// The requests since `forget` or `reset`.
-QZHSM_API std::vector<Seen> seen();
-QZHSM_API void forget();
-QZHSM_API int deviceOpens();
-QZHSM_API int resubmissions();
+
+/// What a test can see and set of the driver, while no request is on its way.
+struct Driver {
+    bool loaded = true;
+    std::map<unsigned, std::pair<int, int>> failures; ///< by request number: errno, how often
+    int fileInfo = 0;
+    int watchAnswer = 1;
+    bool ticksWhenBusy = false; ///< the clock of time(2) goes on by a second with each EAGAIN
+    std::vector<Seen> seen;
+    int deviceOpens = 0;
+    int resubmissions = 0;
+    std::set<uint64_t> watched{};
+    std::map<uint64_t, std::string> pathsByInode{}; ///< of the files that have an identifier
+    std::set<std::pair<dev_t, ino_t>> granted{};    ///< whose data may be written past the driver
+};
+/// `driver() = {}` loads it afresh, with nothing watched.
+QZHSM_API Driver& driver();
+
+/// The next `times` requests of this number fail with `err`, all of them where `times` is negative. Number 0
+/// is the opening of the device.
+QZHSM_API void fail(unsigned nr, int err, int times = 1);
+/// The identifier by which the driver knows a file from now on.
+QZHSM_API fsf_fid fidOf(const std::string& path);
 
 /// For measuring: a request is then one real system call and a success, and nothing else is done.
 QZHSM_API void answerAtOnce(bool atOnce);

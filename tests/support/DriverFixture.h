@@ -19,7 +19,7 @@ class DriverWorld : public ::testing::Test {
 protected:
     void SetUp() override {
         REQUIRE_FS(m_fs);
-        emulator::reset();
+        emulator::driver() = {};
         ASSERT_EQ(m_driver.startWatchingDirTree(m_fs.dir().c_str()), 0) << m_driver.m_errorText;
     }
 
