@@ -222,25 +222,6 @@ TEST_F(Lustre, SavesAndRestoresStubData) {
     }
 }
 
-TEST_F(Lustre, HasNoTransparentIo) {
-    char buffer[1];
-    const auto refused = [&](long long result, const std::string& operation) {
-        EXPECT_EQ(result, -1);
-        expectError(38, operation + " not implemented");
-    };
-    refused(m_lustre.openFileTrans("p", O_RDWR, 0), "openFileTrans");
-    refused(m_lustre.readFileTrans(buffer, 1), "readFileTrans");
-    refused(m_lustre.writeFileTrans(buffer, 1, 0), "writeFileTrans");
-    refused(m_lustre.seekFileTrans(0, 0), "seekFileTrans");
-    refused(m_lustre.closeFileTrans(), "closeFileTrans");
-    refused(m_lustre.setAMCTime("p", 0, 0, 0), "setAMCTime");
-    EXPECT_EQ(m_lustre.isDirBeingWatched("p"), 0);
-    expectError(0, "");
-    EXPECT_EQ(m_lustre.isDMRFS("p"), 1);
-    EXPECT_EQ(m_lustre.restoreDone("p", true, {1}), 1);
-    EXPECT_EQ(m_lustre.restoreDone("p", false, {1}), 0);
-}
-
 TEST(LustrePath, AddressesByFid) {
     const struct {
         lu_fid fid;
