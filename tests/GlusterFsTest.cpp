@@ -204,8 +204,16 @@ TEST_P(GlusterFs, CorruptStubTextMakesNoStub) {
     EXPECT_EQ(m_log.take(), "0 int QZHSMLowLevelGlusterFs::getStubData(const char*, bool&, "
                             "std::vector<char>&, const off_t&) 178 " +
                                 m_backEnd.m_errorText + "\n");
+    m_log.setLevel(-1);
+    EXPECT_EQ(m_backEnd.isStub(m_path.c_str()), 0);
+    EXPECT_EQ(m_log.take(), "");
     std::vector<char> data;
     expectFailure(m_backEnd.backupStub(m_path.c_str(), data), -1, m_notAStub);
+    arrangeStub();
+    const std::string link = m_fs.path("link");
+    ASSERT_EQ(::symlink(m_path.c_str(), link.c_str()), 0);
+    EXPECT_EQ(m_backEnd.isStub(link.c_str()), 0);
+    setAttribute(m_path, kCloudsyncAttributes[StubText], "corrupt");
     expectFailure(m_backEnd.backupStub(m_missing.c_str(), data), 4,
                   "Failed to stat " + m_missing + ": No such file or directory");
 }

@@ -7,9 +7,15 @@
 #include "tests/support/LustreSite.h"
 
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 namespace {
+
+long openDescriptors() {
+    namespace fs = std::filesystem;
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
 
 constexpr const char* kMeta = "versionGuid=0123456789abcdef0123456789abcdef;job=7";
 
@@ -49,6 +55,7 @@ TEST_P(LifeOfAStub, GoesRoundAndComesBackIdentical) {
     setTimes(path, 1'000'000'001, 1'000'000'002);
     const struct stat before = statOf(path);
     EXPECT_EQ(m_backEnd->isStub(path.c_str()), 0);
+    const auto descriptors = openDescriptors();
 
     ASSERT_EQ(stub(path), 0) << m_backEnd->m_errorText;
     struct stat stubbed {};
@@ -107,6 +114,7 @@ TEST_P(LifeOfAStub, GoesRoundAndComesBackIdentical) {
         EXPECT_FALSE(isMarked(path));
         EXPECT_EQ(m_backEnd->m_errorCode, 0);
     }
+    EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(m_backEnd->stopWatchingDirTree(m_fs.dir().c_str()), 0);
 }
 
@@ -147,6 +155,16 @@ TEST_P(LifeOfAStub, TakesAnyNameThatTheFileSystemTakes) {
         writeFile(path, noise(5000));
         EXPECT_EQ(stub(path), 0) << m_backEnd->m_errorText;
         EXPECT_EQ(m_backEnd->isStub(path.c_str()), 1) << name;
+    }
+    if (m_world.anyName) {
+        const Latin1Locale locale;
+        const std::string local = m_fs.path("\xe4");
+        writeFile(local, noise(5000));
+        const std::string path = m_fs.path("\xc3\xa4");
+        EXPECT_EQ(m_backEnd->stubFile(path.c_str(), kMeta, statOf(local).st_mtime, 5000), 0)
+            << m_backEnd->m_errorText;
+        m_world.settle(local);
+        EXPECT_EQ(m_backEnd->isStub(path.c_str()), 1) << "in the locale's encoding";
     }
     const std::string link = m_fs.path("link");
     const std::string target = m_fs.path("target");

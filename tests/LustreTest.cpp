@@ -122,6 +122,14 @@ TEST_F(Lustre, StubsByArchivingAndReleasing) {
     EXPECT_EQ(m_log.take(), tag + "227 lfs hsm_state " + m_path + "\n" + tag + "234 " + m_path +
                                 " sOut=" + state + ", sErr=\n");
     std::vector<char> saved;
+    m_log.setLevel(2);
+    EXPECT_EQ(m_lustre.isStub(m_path.c_str()), 1);
+    m_log.setLevel(4);
+    EXPECT_EQ(m_lustre.backupStub(m_path.c_str(), saved), 0);
+    EXPECT_EQ(m_log.take(), "");
+    const std::string link = m_fs.path("link");
+    std::filesystem::create_symlink(m_path, link);
+    EXPECT_EQ(m_lustre.isStub(link.c_str()), 0);
     m_log.setLevel(5);
     EXPECT_EQ(m_lustre.backupStub(m_path.c_str(), saved), 0);
     EXPECT_EQ(
@@ -144,7 +152,7 @@ TEST_F(Lustre, KeepsTheDataOfWhatIsNotArchived) {
         {"LUSTRE_DELAY_MS", "60000", "Not archived within 0 seconds: ", " Connection timed out"},
     };
     const TestConfig config("[Lustre]\narchiveTimeout = 0\n");
-    QZHSMLowLevelLustre(); // reads it
+    const QZHSMLowLevelLustre reader;
     for (const auto& row : rows) {
         arrange();
         const TestEnvironment environment(row.name, row.value);

@@ -88,6 +88,12 @@ for type in tmpfs ramfs; do
     [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
     expect 0 '^no' info "$f"
     expect 0 '^$' stub "$f" --meta m
+    { head -c 2500000 "$work.data"; sleep 2; tail -c +2500001 "$work.data"; } | "$qzhsm" recall "$f" --from - &
+    sleep 1
+    expect 1 'Another recall of .* is under way \(code 3\)' recall "$f" --from "$work.data"
+    wait
+    cmp "$f" "$work.data" || fail "the data differs"
+    expect 0 '^$' stub "$f" --meta m
     head -c 100 "$work.data" >"$dir/short"
     unchanged "$f" expect 1 'short has 100 bytes, but the stub .* records 3000000' recall "$f" --from "$dir/short"
     "$qzhsm" backup "$f" >"$work/copy"
@@ -228,7 +234,7 @@ export LD_LIBRARY_PATH=$lustre_library
 expect 0 '^no ' info "$f"
 unchanged "$f" expect 1 'Lustre did not release .*0x00000000' release "$f"
 LUSTRE_FAIL=request:5 unchanged "$f" expect 1 'Input/output error \(code -1\)' stub "$f" --meta m
-LFS_FAIL=3 expect 1 'Lustre did not release' stub "$f" --meta m
+LFS_FAIL=3 expect 1 'lfs told no state of' stub "$f" --meta m
 cmp -s "$f" "$work.data" || fail "the data of a refused release differs"
 setfattr -x user.TSTUB "$f"
 expect 0 '^$' stub "$f" --meta 'tape=1'
@@ -240,13 +246,27 @@ expect 0 '^$' backup "$f" -o "$work/saved"
 expect 0 '^$' restore-stub "$work/lustre/again" "$work/saved"
 expect 0 '^stubs +2$' scan "$work/lustre"
 unchanged "$f" expect 1 'File exists' stub "$f" --meta again
-unchanged "$f" expect 1 'openFileTrans not implemented \(code 38\)' recall "$f" --from "$work.data"
+unchanged "$f" expect 1 'Nothing but Lustre recalls .*\(code 38\)' recall "$f" --from "$work.data"
+unchanged "$f" expect 1 'it carries stub text' restore-stub "$f" "$work/saved" --force
+LFS_FAIL=2 expect 1 'lfs told no state of' info "$f"
+LFS_FAIL=2 unchanged "$f" expect 1 'lfs told no state of' hsm-state "$f"
+LFS_FAIL=2 expect 1 'lfs told no state of' restore-stub "$work/lustre/fresh" "$work/saved"
+[ ! -e "$work/lustre/fresh" ] || fail "a failed restore left a file"
+cp "$work.data" "$work/lustre/released"
+unchanged "$work/lustre/released" expect 1 'did not release' release "$work/lustre/released"
+setfattr -n user.TSTUB -v text "$work/lustre/released"
+expect 0 '^no ' info "$work/lustre/released"
+: >"$work/lustre/empty"
+expect 1 'an empty file could not be restored' stub "$work/lustre/empty" --meta m
 touch "$work/lustre/a b" "$work/lustre/\$(touch pwned)"
 expect 1 'would not take this path' stub "$work/lustre/a b" "$work/lustre/\$(touch pwned)" --meta m
 unset LD_LIBRARY_PATH
 umount "$work/lustre"
 
 echo '-- GlusterFS'
+cp "$work.data" "$work/long-meta"
+"$plain" stub "$work/long-meta" --meta "$(printf %4030s m)" || fail "cannot make a long stub text"
+"$plain" backup "$work/long-meta" >"$work/cut"
 mkdir "$work/gluster"
 mount -t tmpfs none "$work/gluster"
 f=$work/gluster/file
@@ -268,7 +288,12 @@ unchanged "$f" expect 1 'is marked complete already' restore-stub "$f" "$work/sa
 expect 0 '^stubs +1$' scan "$work/gluster"
 setfattr -x trusted.glusterfs.csou.complete "$f"
 expect 0 '^$' restore-stub "$f" "$work/saved"
-expect 1 'not found, error=' restore-stub "$work/gluster/missing" "$work/saved"
+expect 1 'No such file' restore-stub "$work/gluster/missing" "$work/saved"
+: >"$work/gluster/plain"
+unchanged "$work/gluster/plain" expect 1 'did not come back with its attributes' restore-stub "$work/gluster/plain" "$work/saved"
+unchanged "$work/gluster" expect 1 'special file' stub "$work/gluster" --meta "$guid"
+said=$(setpriv --bounding-set=-sys_admin "$qzhsm" info "$f" 2>&1) && fail "stubs that are not to be seen are denied"
+[[ $said == *CAP_SYS_ADMIN* ]] || fail "no word of the capability: $said"
 [ ! -e "$work/gluster/missing" ] || fail "a file was made"
 truncate -s 0 "$f"
 truncate -s 3000000 "$f"
@@ -277,6 +302,8 @@ unchanged "$f" expect 1 'five has 5 bytes, but the stub .* records 3000000' reca
 expect 0 '^$' recall "$f" --from "$work.data"
 cmp "$f" "$work.data" || fail "the data differs"
 [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
+setfattr -n user.TSTUB -v "0s$(head -c 66 "$work/cut" | base64 -w0)" "$f"
+expect 1 'its stub text is cut short' info "$f"
 setfattr -n user.TSTUB -v corrupt "$f"
 expect 1 'is not a stub, corrupt meta-data \(code 8\)' info "$f"
 qzhsm=$plain

@@ -47,11 +47,12 @@ public:
     /// `stubData` has no effect. Code -1 throughout, and a text that names stubFile.
     ///
     /// On disk after a failure: nothing for a missing file. Where the marker cannot be created, as where
-    /// there is one already, the file loses the other four attributes that `stubFile` writes: it is an
-    /// ordinary file from then on.
+    /// there is one already, the file loses the other four attributes that `stubFile` writes: it is no
+    /// stub from then on, and can be stubbed again only once the marker is removed.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
     /// 1 or 0, with code 8 and "`path` is not a stub" in either case: go by the result. Stub text that is
-    /// there must be valid; there need be none. No data is read.
+    /// there must be valid; there need be none. No data is read. Like `getStubData` it does not return for
+    /// stub text that is cut short.
     int isStub(const char* path) override;
     /// Always 0, with state 2; `isStub`'s error stands.
     int getFileInfo(const char* path, bool* isStub, int* state) override;
@@ -61,9 +62,10 @@ public:
     /// `backupStub` cannot read it back.
     ///
     /// Code -1 throughout, also for a missing file and for one modified since `refTime`. On disk after any
-    /// failure: the data and the attributes that were there before, and nothing else. An attribute is
-    /// created, never replaced, so that a stub, or a file with one leftover attribute, is refused.
-    /// Throws std::out_of_range, with nothing written, for a version GUID of less than 20 characters.
+    /// failure, metadata beyond 65,470 bytes among them: the data and the attributes that were there before.
+    /// An attribute is created, never replaced, so that a stub, or a file with one leftover attribute, is
+    /// refused. Throws std::out_of_range, with nothing written, for a version GUID of less than 20
+    /// characters.
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
 
     // --- Transparent I/O: plain I/O on one descriptor; there is no reading ---

@@ -10,7 +10,8 @@
 ///
 /// The state is asked of, and the release done by, the command "lfs", run through the shell with the path
 /// unquoted: what a path holds of blanks or shell characters is the shell's to interpret, so check paths that
-/// others can choose. Every such operation starts a process; the service must not ignore SIGCHLD.
+/// others can choose. Every such operation starts a process. What "lfs" prints holds the path too: to a path
+/// with the word "released" in it every file with the attribute is a stub.
 ///
 /// There is no transparent I/O and no setting of times: those fail with code 38.
 class QZHSM_API QZHSMLowLevelLustre : public QZHSMLowLevel {
@@ -43,9 +44,11 @@ public:
 
     /// Has Lustre archive the file, with `stubMeta`, "|" and `refTime` in decimal for the copy agent, waits
     /// for that as long as the configuration says, and releases it. `refTime` is not compared with the file's
-    /// time here, and `size` has no effect. 0, or -1 with code -1.
+    /// time here, and `size` has no effect. 0, or -1 with code -1; 0 even where Lustre refused the release,
+    /// which shows in the state.
     ///
-    /// On disk after a failure: the data. Where the release could not be run the attribute is removed.
+    /// On disk after a failure: the data; perhaps the attribute, since what was requested goes on after a
+    /// time-out (ETIMEDOUT's text) too. Where the release could not be run the attribute is removed.
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
     /// Has Lustre give the data of an archived file up. 0, whatever the command's exit status (a refused
     /// release shows in the state), or -1 where it could not be run; with `removeAttrOnFailure` the file then

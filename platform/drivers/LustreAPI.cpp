@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -26,8 +27,8 @@ struct Functions {
 std::mutex loadLock;
 Functions loadedFunctions;
 std::atomic<const Functions*> functions{nullptr};
-constexpr long kDefaultTimeoutSeconds = 3600;
-std::atomic<long> archiveTimeoutSeconds{kDefaultTimeoutSeconds};
+constexpr unsigned kDefaultTimeoutSeconds = 3600;
+std::atomic<unsigned> archiveTimeoutSeconds{kDefaultTimeoutSeconds};
 
 template <class Function>
 bool bind(void* library, const char* name, Function& function) {
@@ -41,7 +42,7 @@ std::string load() {
     if (functions)
         return {};
     void* library = ::dlopen("liblustreapi.so.1", RTLD_NOW);
-    const std::string missing = library ? "" : ::dlerror();
+    std::string missing = library ? "" : ::dlerror();
     if (!library)
         library = ::dlopen("liblustreapi.so", RTLD_NOW);
     if (!library)
@@ -59,14 +60,19 @@ std::string load() {
 void readConfiguration() {
     NkRegKey key(true);
     const char* timeout = key.open("Lustre", true) == 0 ? key.getValue("archiveTimeout") : nullptr;
-    archiveTimeoutSeconds = timeout ? std::atol(timeout) : kDefaultTimeoutSeconds;
+    unsigned seconds = kDefaultTimeoutSeconds;
+    if (timeout)
+        std::from_chars(timeout, timeout + std::strlen(timeout), seconds);
+    archiveTimeoutSeconds = seconds;
 }
 
-/// A release before the file is archived and unchanged is refused, so this waits for both.
+/// A release before the file is archived and unchanged is refused, so this waits for both; and an archived
+/// copy that is lost is none.
 int waitUntilArchived(const char* path, std::string& errorText) {
     using namespace std::chrono;
     constexpr milliseconds kLongestPause{1000};
-    const auto deadline = steady_clock::now() + seconds(archiveTimeoutSeconds);
+    const seconds timeout(archiveTimeoutSeconds);
+    const auto deadline = steady_clock::now() + timeout;
     for (milliseconds pause{1};; pause = std::min(2 * pause, kLongestPause)) {
         HsmState state{};
         if (const int result = functions.load()->stateGet(path, &state); result < 0) {
@@ -77,7 +83,7 @@ int waitUntilArchived(const char* path, std::string& errorText) {
             return 0;
         const auto left = duration_cast<milliseconds>(deadline - steady_clock::now());
         if (left <= milliseconds::zero()) {
-            errorText = "Not archived within " + std::to_string(archiveTimeoutSeconds) + " seconds:";
+            errorText = "Not archived within " + std::to_string(timeout.count()) + " seconds:";
             return -ETIMEDOUT;
         }
         std::this_thread::sleep_for(std::min(pause, left));
@@ -120,7 +126,7 @@ int LustreAPI::HSMArchive(const char* path, const char* requestData, std::string
     char* at = static_cast<char*>(memory.get());
     std::memcpy(at, &request, sizeof request);
     std::memcpy(at + sizeof request, &item, sizeof item);
-    std::memcpy(at + sizeof request + sizeof item, requestData, dataLength);
+    std::copy_n(requestData, dataLength, at + sizeof request + sizeof item);
     if (const int result = lustre->request(path, memory.get()); result < 0) {
         errorText = "Failed to request archiving of";
         return result;

@@ -10,6 +10,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -31,41 +32,59 @@ struct Pipe {
     UniqueFd writing;
 };
 
-class SpawnActions {
+/// A running command; its owner waits for it.
+class Child {
 public:
-    SpawnActions(int outFd, int errFd) {
-        ::posix_spawn_file_actions_init(&m_actions);
-        ::posix_spawn_file_actions_addopen(&m_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        ::posix_spawn_file_actions_adddup2(&m_actions, outFd, STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&m_actions, errFd, STDERR_FILENO);
-        ::posix_spawn_file_actions_addclosefrom_np(&m_actions, kFirstFd);
-        ::posix_spawnattr_init(&m_attributes);
-        sigset_t signals;
-        ::sigfillset(&signals);
-        ::posix_spawnattr_setsigdefault(&m_attributes, &signals);
-        ::sigemptyset(&signals);
-        ::posix_spawnattr_setsigmask(&m_attributes, &signals);
-        ::posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    }
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-    ~SpawnActions() {
-        ::posix_spawn_file_actions_destroy(&m_actions);
-        ::posix_spawnattr_destroy(&m_attributes);
+    Child() = default;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        int status = 0;
+        if (m_pid > 0)
+            wait(status);
     }
 
     /// 0, or an errno.
-    int spawnShell(const char* command, pid_t& child) const {
+    int start(const char* command, int outFd, int errFd) {
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        ::posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
+        ::posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFd);
+        posix_spawnattr_t attributes;
+        ::posix_spawnattr_init(&attributes);
+        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+        sigset_t signals;
+        ::sigfillset(&signals);
+        ::posix_spawnattr_setsigdefault(&attributes, &signals);
+        ::sigemptyset(&signals);
+        ::posix_spawnattr_setsigmask(&attributes, &signals);
+
         std::string text = command;
         char shell[] = "sh";
         char option[] = "-c";
         char* const arguments[] = {shell, option, text.data(), nullptr};
-        return ::posix_spawn(&child, "/bin/sh", &m_actions, &m_attributes, arguments, environ);
+        const int err = ::posix_spawn(&m_pid, "/bin/sh", &actions, &attributes, arguments, environ);
+        ::posix_spawnattr_destroy(&attributes);
+        ::posix_spawn_file_actions_destroy(&actions);
+        if (err != 0)
+            m_pid = -1;
+        return err;
+    }
+
+    /// False where somebody else has learned the status.
+    bool wait(int& status) {
+        const pid_t child = std::exchange(m_pid, -1);
+        pid_t ended = -1;
+        do
+            ended = ::waitpid(child, &status, 0);
+        while (ended < 0 && errno == EINTR);
+        return ended == child;
     }
 
 private:
-    posix_spawn_file_actions_t m_actions;
-    posix_spawnattr_t m_attributes;
+    pid_t m_pid = -1;
 };
 
 /// Reads both to their ends, whichever has something: a command that waits for room in one never blocks.
@@ -73,8 +92,11 @@ void drain(int outFd, std::string& out, int errFd, std::string& err) {
     pollfd ready[] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
     std::string* const texts[] = {&out, &err};
     while (ready[0].fd >= 0 || ready[1].fd >= 0) {
-        if (::poll(ready, std::size(ready), -1) < 0)
-            continue; // a signal
+        if (::poll(ready, std::size(ready), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            return;
+        }
         for (size_t i = 0; i < std::size(ready); ++i) {
             if (ready[i].fd < 0 || ready[i].revents == 0)
                 continue;
@@ -101,25 +123,23 @@ int NkProcess::system(const char* command, std::string* out, std::string* err, i
         return -1;
     };
 
+    constexpr int kUnknownStatus = 255;
+    Child child; // outlives the pipes: where it is given up it finds them closed, and ends
     Pipe outPipe;
     Pipe errPipe;
     if (!outPipe.isOpen() || !errPipe.isOpen())
         return cannotRun("Failed to make a pipe", errno);
-    pid_t child = -1;
-    if (const int reason =
-            SpawnActions(outPipe.writing.get(), errPipe.writing.get()).spawnShell(command, child))
+    if (const int reason = child.start(command, outPipe.writing.get(), errPipe.writing.get()))
         return cannotRun("Failed to run /bin/sh", reason);
     outPipe.writing = UniqueFd();
     errPipe.writing = UniqueFd();
     drain(outPipe.reading.get(), outText, errPipe.reading.get(), errText);
+    outPipe.reading = UniqueFd();
+    errPipe.reading = UniqueFd();
 
     int status = 0;
-    pid_t ended = -1;
-    do
-        ended = ::waitpid(child, &status, 0);
-    while (ended < 0 && errno == EINTR);
-    if (ended < 0)
-        return cannotRun("Failed to learn the command's exit status", errno);
+    if (!child.wait(status))
+        return kUnknownStatus;
     if (WIFSIGNALED(status))
         return 128 + WTERMSIG(status);
     const bool wasRun = WEXITSTATUS(status) != 126 && WEXITSTATUS(status) != 127;

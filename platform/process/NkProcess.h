@@ -10,8 +10,12 @@ public:
     /// environment and working directory: no descriptor, no ignored or blocked signal. Safe to call from
     /// several threads at once; blocks the calling one only.
     ///
-    /// The command's exit status, or 128 and the signal's number where one ended it, as a shell has it.
-    /// Negative where the command could not be run, with the reason in `err`: no shell, or one that reports
-    /// 126 or 127; also where its status cannot be learned because the process ignores SIGCHLD.
+    /// Returns when both outputs are closed, so a child that the command leaves in the background holds it
+    /// up.
+    ///
+    /// The command's exit status, or 128 and the signal's number where one ended it, as a shell has it; 255
+    /// where the process reaps or ignores its children elsewhere and the status is lost: the command was run,
+    /// and must not be taken for one that was not. Negative where it could not be run, with the reason in
+    /// `err`: no shell, or one that reports 126 or 127.
     static int system(const char* command, std::string* out, std::string* err, int, bool);
 };

@@ -1,5 +1,5 @@
 #include "platform/Export.h"
-#include "platform/drivers/LustreRecords.h"
+#include "platform/drivers/LustreAPI.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>
@@ -19,7 +19,6 @@
 namespace {
 
 constexpr const char* kState = "user.lustre.hsm";
-constexpr uint32_t kHsmExists = 1;
 
 int injected(const char* function) {
     const char* wish = std::getenv("LUSTRE_FAIL");
@@ -36,6 +35,14 @@ void require(bool holds, const char* what) {
     std::abort();
 }
 
+/// The number at an offset of a record, as the library's documentation has it.
+template <class Number>
+Number at(const void* record, size_t offset) {
+    Number number{};
+    std::memcpy(&number, static_cast<const char*>(record) + offset, sizeof number);
+    return number;
+}
+
 long long nanoseconds() {
     return std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
 }
@@ -49,8 +56,7 @@ int setAttribute(const char* path, const char* name, const std::string& value) {
 extern "C" {
 
 QZHSM_API void* llapi_hsm_user_request_alloc(int itemCount, int dataLength) {
-    const size_t size = sizeof(HsmRequest) + static_cast<size_t>(itemCount) * sizeof(HsmItem) +
-                        static_cast<size_t>(dataLength);
+    const auto size = static_cast<size_t>(24 + itemCount * 32 + dataLength);
     return injected("alloc") ? nullptr : std::calloc(1, size);
 }
 
@@ -63,22 +69,19 @@ QZHSM_API int llapi_path2fid(const char* path, lu_fid* fid) {
 }
 
 QZHSM_API int llapi_hsm_request(const char* path, const void* record) {
-    HsmRequest request{};
-    HsmItem item{};
-    const char* at = static_cast<const char*>(record);
-    std::memcpy(&request, at, sizeof request);
-    std::memcpy(&item, at + sizeof request, sizeof item);
-    require(request.action == kHsmArchive && request.archiveId == 0 && request.flags == 0,
-            "no archive request");
-    require(request.itemCount == 1, "not one item");
-    require(item.offset == 0 && item.length == kWholeFile, "not the whole file");
+    require(at<uint32_t>(record, 0) == 10, "not to archive");
+    require(at<uint32_t>(record, 4) == 0 && at<uint64_t>(record, 8) == 0, "another archive, or flags");
+    require(at<uint32_t>(record, 16) == 1, "not one item");
+    require(at<uint64_t>(record, 40) == 0 && at<uint64_t>(record, 48) == ~uint64_t{0}, "not the whole file");
     lu_fid fid{};
-    require(llapi_path2fid(path, &fid) == 0 && std::memcmp(&fid, &item.fid, sizeof fid) == 0, "another FID");
+    require(llapi_path2fid(path, &fid) == 0 && at<uint64_t>(record, 24) == fid.f_seq &&
+                at<uint32_t>(record, 32) == fid.f_oid && at<uint32_t>(record, 36) == fid.f_ver,
+            "another FID");
     if (const int failure = injected("request"))
         return failure;
 
     // The copy agent's part: "META|REFTIME".
-    const std::string data(at + sizeof request + sizeof item, request.dataLength);
+    const std::string data(static_cast<const char*>(record) + 56, at<uint32_t>(record, 20));
     const size_t bar = data.rfind('|');
     require(bar != std::string::npos, "no reference time");
     struct stat st {};
@@ -97,12 +100,12 @@ QZHSM_API int llapi_hsm_request(const char* path, const void* record) {
 
 QZHSM_API int llapi_hsm_state_get(const char* path, void* record) {
     char state[64] = "";
-    HsmState answer{};
-    if (::getxattr(path, kState, state, sizeof state - 1) > 0) {
-        const bool isArchived = nanoseconds() >= std::atoll(state);
-        answer.states = kHsmExists | (isArchived ? kHsmArchived : kHsmDirty);
-    }
-    std::memcpy(record, &answer, sizeof answer);
+    uint32_t states = 0;
+    if (::getxattr(path, kState, state, sizeof state - 1) > 0)
+        states =
+            nanoseconds() >= std::atoll(state) ? 9 : 11; // exists, archived; until the copy is whole dirty
+    std::memset(record, 0, 1024);                        // what a state takes, with what may follow it
+    std::memcpy(record, &states, sizeof states);
     return injected("state_get");
 }
 }

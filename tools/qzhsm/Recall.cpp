@@ -1,4 +1,5 @@
 #include "platform/stub/StubText.h"
+#include "tools/qzhsm/BackEnds.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Progress.h"
 #include "tools/qzhsm/StubData.h"
@@ -10,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
+#include <sys/file.h>
 #include <unistd.h>
 #include <utility>
 
@@ -97,7 +99,7 @@ struct Source {
 };
 
 /// The driver makes a file beside the stub, on the same file system: not beside a link to it.
-std::string pathToOpen(const QZHSMLowLevel& backEnd, const std::string& path) {
+std::string pathToOpen(QZHSMLowLevel& backEnd, const std::string& path) {
     if (!asksDriver(backEnd))
         return path;
     const std::string real = std::filesystem::canonical(path);
@@ -108,7 +110,13 @@ std::string pathToOpen(const QZHSMLowLevel& backEnd, const std::string& path) {
 class Recall {
 public:
     Recall(QZHSMLowLevel& backEnd, Report& report, const std::string& path, bool force)
-        : m_backEnd(backEnd), m_report(report), m_path(path), m_force(force), m_before(statFollowing(path)) {
+        : m_backEnd(backEnd), m_report(report), m_path(path), m_force(force) {
+        if (asLustre(backEnd))
+            throw Failure(QZHSM_NOT_IMPLEMENTED, "Nothing but Lustre recalls " + path,
+                          "It does so when the file is read, or by \"lfs hsm_restore\".");
+        if (keepsTextInFile(backEnd))
+            lock();
+        m_before = statFollowing(path);
         if (!isStubFile(backEnd, path, m_before))
             throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub", adviceToWatch(backEnd, path));
     }
@@ -137,7 +145,9 @@ public:
     }
 
     void run(const Source& source) {
-        checked(m_backEnd, m_backEnd.backupStub(m_path.c_str(), m_stubData));
+        if (m_backEnd.backupStub(m_path.c_str(), m_stubData) < 0)
+            throw Failure(m_backEnd.m_errorCode, m_backEnd.m_errorText, adviceOnMark());
+        putTimesBack(); // who may not do that could not end the recall
         const std::optional<StubFacts> facts = readFacts(m_stubData);
         const std::string problem = misfit(facts, m_before.st_size);
         if (!problem.empty())
@@ -165,6 +175,30 @@ public:
     }
 
 private:
+    /// Two recalls at once would each take the other's beginnings for the stub's.
+    void lock() {
+        m_lock = openForReading(m_path);
+        if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
+            throw Failure(QZHSM_BUSY, "Another recall of " + m_path + " is under way");
+    }
+
+    std::string adviceOnMark() const {
+        return keepsTextInFile(m_backEnd) ? "It is marked, but has no stub text: a recall may have been "
+                                            "killed at its end. If it is whole, "
+                                            "\"setfattr -x user.NkStubFile " +
+                                                m_path + "\" makes it an ordinary file."
+                                          : "";
+    }
+
+    /// The data goes to the disk before what makes the file a stub goes from it.
+    void flush() const {
+        const std::string parent = std::filesystem::path(m_path).parent_path();
+        const UniqueFd directory(
+            ::open(parent.empty() ? "." : parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if ((m_lock.isOpen() ? ::fsync(m_lock.get()) : ::syncfs(directory.get())) < 0)
+            throw systemFailure("Failed to flush ", m_path, errno);
+    }
+
     /// The first piece is written last: until then the stub's header stands, and whatever ends the tool
     /// before leaves a stub that can be recalled again.
     long long write(const Source& source) {
@@ -235,6 +269,7 @@ private:
 
     void finish() {
         putTimesBack();
+        flush();
         if (m_backEnd.restoreDone(m_path.c_str(), true, {}) >= 0)
             return;
         const Failure failure(m_backEnd);
@@ -258,13 +293,13 @@ private:
             if (!m_written)
                 return m_report.note(m_path + ": the stub was not touched");
             writeStub();
-            putTimesBack();
             m_report.note(m_path + ": the stub was put back as it was");
         } catch (const Failure& failure) {
             m_report.failure(failure);
             m_report.note(m_path + ": the stub could not be put back");
-            saveStubData();
+            return saveStubData();
         }
+        putTimesBack();
     }
 
     /// What makes the file a stub lies outside its data.
@@ -303,7 +338,8 @@ private:
     Report& m_report;
     const std::string& m_path;
     bool m_force;
-    struct stat m_before;
+    UniqueFd m_lock;
+    struct stat m_before {};
     std::vector<char> m_stubData;
     long long m_recorded = 0; ///< the size of the data that the stub stands for
     bool m_written = false;

@@ -1,3 +1,4 @@
+#include "tools/qzhsm/BackEnds.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/Progress.h"
 #include "tools/qzhsm/StubData.h"

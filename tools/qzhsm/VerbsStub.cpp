@@ -1,3 +1,4 @@
+#include "tools/qzhsm/BackEnds.h"
 #include "tools/qzhsm/FileIo.h"
 #include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
@@ -43,7 +44,7 @@ void requireGain(const std::string& path, const std::string& meta, long long siz
 
 /// A release that Lustre refused shows in the state alone.
 void requireReleased(QZHSMLowLevel& backEnd, const std::string& path) {
-    if (asksLustre(backEnd) && !isStubFile(backEnd, path, statFollowing(path)))
+    if (asLustre(backEnd) && !isStubFile(backEnd, path, statFollowing(path)))
         throw Failure(QZHSM_FAILURE, "Lustre did not release " + path,
                       "\"qzhsm --fs LUSTRE_FS hsm-state\" shows its state.");
 }
@@ -90,6 +91,8 @@ public:
         }
         if (keepsTextInFile(m_backEnd)) // a refusal came after the file was marked
             m_backEnd.restoreDone(m_path.c_str(), true, {});
+        else if (asLustre(m_backEnd))
+            ::removexattr(m_path.c_str(), "user.TSTUB");
         if (m_empty) [[maybe_unused]]
             const int result = ::truncate(m_path.c_str(), 0);
     }
@@ -110,11 +113,14 @@ void stub(QZHSMLowLevel& backEnd, const std::string& path, const std::string& me
     requireMetadata(backEnd, meta);
     requireName(backEnd, path);
     struct stat st {};
-    // What is missing or no regular file is the back-end's to refuse, in its own words.
-    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+    if (::stat(path.c_str(), &st) == 0) { // what is missing is the back-end's to refuse, in its own words
+        if (!S_ISREG(st.st_mode))
+            throw Failure(QZHSM_FAILURE, "Not stubbing special file " + path);
         refuseStub(backEnd, path, st);
         if (keepsTextInFile(backEnd))
             requireGain(path, meta, st.st_size);
+        if (asLustre(backEnd) && st.st_size == 0)
+            throw Failure(QZHSM_FAILURE, "Not stubbing " + path + ": an empty file could not be restored");
     }
     try {
         if (backEnd.stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
@@ -158,19 +164,28 @@ void restoreStub(QZHSMLowLevel& backEnd, const std::string& path, const std::str
     const std::vector<char> data = readStubData(backEnd, stubFile);
     requireName(backEnd, path);
     if (marksOnly(backEnd)) {
+        statFollowing(path);
+        if (::getxattr(path.c_str(), kCloudsyncAttributes[ProductId], nullptr, 0) < 0)
+            throw Failure(QZHSM_NOT_A_STUB,
+                          path + " did not come back with its attributes: there is no stub to complete");
         // The back-end would take a stub's marks away rather than mark it twice.
         if (::getxattr(path.c_str(), kCloudsyncAttributes[Complete], nullptr, 0) >= 0)
             throw Failure(EEXIST, "Not restoring a stub over " + path + ": it is marked complete already");
         checked(backEnd, backEnd.restoreStub(path.c_str(), data));
         return;
     }
+    // Its presence would be found only when the file is emptied.
+    if (asLustre(backEnd) && ::getxattr(path.c_str(), "user.TSTUB", nullptr, 0) >= 0)
+        throw Failure(EEXIST, "Not restoring a stub over " + path + ": it carries stub text",
+                      "\"setfattr -x user.TSTUB " + path + "\" takes it away from a file that is no stub.");
     Target target(backEnd, path, force);
     const int result = backEnd.restoreStub(path.c_str(), data);
+    if (result >= 0)
+        requireReleased(backEnd, path);
     if (result >= 0 || backEnd.m_errorCode == EEXIST) // a mark that was there before is not ours to remove
         target.keep();
     if (result < 0)
         throwExplained(backEnd, path);
-    requireReleased(backEnd, path);
 }
 
 void setTimes(QZHSMLowLevel& backEnd, const std::string& path, long atime, long mtime) {

@@ -1,5 +1,5 @@
+#include "tools/qzhsm/BackEnds.h"
 #include "tools/qzhsm/FileIo.h"
-#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <filesystem>

@@ -1,5 +1,5 @@
 #include "lowlevel/QZHSMLowLevelCtx.h"
-#include "tools/qzhsm/StubData.h"
+#include "tools/qzhsm/BackEnds.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <CLI/CLI.hpp>
@@ -151,7 +151,8 @@ CommandLine::CommandLine() {
                         stub(backEnd, path, m_meta, m_refTime);
                     });
     addText(verb, "--meta", m_meta,
-            "What the stub says about the archived data; at most 4030 bytes, 2047 for the filter driver")
+            "What the stub says about the archived data; at most 4030 bytes, 2047 for the filter driver; for "
+            "GlusterFS with \"versionGuid=\" and 32 hexadecimal digits")
         ->option_text("TEXT (required)")
         ->required();
     verb->add_option(
@@ -230,6 +231,7 @@ void CommandLine::run(Report& report) {
     if (!backEnd)
         throw Failure(QZHSM_FAILURE,
                       "There is no back-end for " + (byName ? m_fsName : "kind " + std::to_string(m_kind)));
+    requireSight(*backEnd);
     m_action(*backEnd, report);
 }
 
