@@ -393,6 +393,7 @@ QZHSM_API int open(const char* path, int flags, ...) {
     static auto* open = real<int(const char*, int, ...)>("open");
     va_list args;
     va_start(args, flags);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started right above
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
     va_end(args);
     if (!isDevicePath(path))

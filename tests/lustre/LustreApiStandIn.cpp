@@ -56,7 +56,7 @@ int setAttribute(const char* path, const char* name, const std::string& value) {
 extern "C" {
 
 QZHSM_API void* llapi_hsm_user_request_alloc(int itemCount, int dataLength) {
-    const auto size = static_cast<size_t>(24 + itemCount * 32 + dataLength);
+    const size_t size = 24 + static_cast<size_t>(itemCount) * 32 + static_cast<size_t>(dataLength);
     return injected("alloc") ? nullptr : std::calloc(1, size);
 }
 

@@ -102,7 +102,7 @@ struct Source {
 std::string pathToOpen(QZHSMLowLevel& backEnd, const std::string& path) {
     if (!asksDriver(backEnd))
         return path;
-    const std::string real = std::filesystem::canonical(path);
+    std::string real = std::filesystem::canonical(path);
     requirePath(backEnd, real);
     return real;
 }
