@@ -94,6 +94,10 @@ TEST_P(GlusterFs, StubFileWritesTheSet) {
     m_backEnd.setStoreId("");
     arrangeStub();
     EXPECT_EQ(attribute(m_path, kCloudsyncAttributes[StoreId]), "");
+    arrange();
+    EXPECT_EQ(stub("versionGuid=0123456789abcdef0123456789abcdef0123"), 0)
+        << "what is beyond 32 digits is dropped";
+    EXPECT_EQ(attribute(m_path, kCloudsyncAttributes[Uuid]), kGuid);
 }
 
 TEST_P(GlusterFs, StubFileUndoesWhatItBegan) {

@@ -98,6 +98,13 @@ struct Source {
     bool isStub = false;
 };
 
+std::vector<char> headOf(int fd) {
+    std::vector<char> head(kStubTextPrefix);
+    const ssize_t got = ::pread(fd, head.data(), head.size(), 0);
+    head.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    return head;
+}
+
 /// The driver makes a file beside the stub, on the same file system: not beside a link to it.
 std::string pathToOpen(QZHSMLowLevel& backEnd, const std::string& path) {
     if (!asksDriver(backEnd))
@@ -114,9 +121,11 @@ public:
         if (asLustre(backEnd))
             throw Failure(QZHSM_NOT_IMPLEMENTED, "Nothing but Lustre recalls " + path,
                           "It does so when the file is read, or by \"lfs hsm_restore\".");
-        if (keepsTextInFile(backEnd))
-            lock();
         m_before = statFollowing(path);
+        if (keepsTextInFile(backEnd) && S_ISREG(m_before.st_mode)) {
+            lock();
+            m_before = statFollowing(path); // another recall may have ended just now
+        }
         if (!isStubFile(backEnd, path, m_before))
             throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub", adviceToWatch(backEnd, path));
     }
@@ -135,11 +144,8 @@ public:
             throw Failure(QZHSM_FAILURE, source.name + " is the stub itself");
         if (S_ISREG(st.st_mode) && !isInput) {
             source.size = st.st_size;
-            std::vector<char> head(kStubTextPrefix);
-            const ssize_t got = ::pread(source.file.get(), head.data(), head.size(), 0);
-            head.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
-            source.isStub =
-                beginsWithStubText(head) || (asksDriver(m_backEnd) && isStubFile(m_backEnd, from, st));
+            source.isStub = (asksDriver(m_backEnd) && isStubFile(m_backEnd, from, st)) ||
+                            beginsWithStubText(headOf(source.file.get()));
         }
         return source;
     }
@@ -147,7 +153,6 @@ public:
     void run(const Source& source) {
         if (m_backEnd.backupStub(m_path.c_str(), m_stubData) < 0)
             throw Failure(m_backEnd.m_errorCode, m_backEnd.m_errorText, adviceOnMark());
-        putTimesBack(); // who may not do that could not end the recall
         const std::optional<StubFacts> facts = readFacts(m_stubData);
         const std::string problem = misfit(facts, m_before.st_size);
         if (!problem.empty())
@@ -160,6 +165,7 @@ public:
         // To shorten a stub would be to recall it where the driver watches.
         const bool shortenLast = asksDriver(m_backEnd);
         long long written = 0;
+        putTimesBack(); // who may not do that could not end the recall
         const NoteSignals signals;
         try {
             written = write(source);
