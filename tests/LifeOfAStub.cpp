@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <unistd.h>
 
 namespace {
@@ -172,6 +173,38 @@ TEST_P(LifeOfAStub, TakesAnyNameThatTheFileSystemTakes) {
     ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
     EXPECT_EQ(stub(link), 0) << m_backEnd->m_errorText;
     EXPECT_EQ(m_backEnd->isStub(target.c_str()), 1);
+}
+
+TEST_P(LifeOfAStub, LeavesNoOldError) {
+    const std::string path = m_fs.path("file");
+    const char* p = path.c_str();
+    writeFile(path, noise(5000));
+    ASSERT_EQ(stub(path), 0) << m_backEnd->m_errorText;
+    QZHSMLowLevel& backEnd = *m_backEnd;
+    bool isStub = false;
+    int state = 0;
+    struct stat st {};
+    std::vector<std::function<long long()>> calls = {[&] { return backEnd.startWatchingDirTree(p); },
+                                                     [&] { return backEnd.isDMRFS(p); },
+                                                     [&] { return backEnd.isDirBeingWatched(p); },
+                                                     [&] { return backEnd.isStub(p); },
+                                                     [&] { return backEnd.getFileInfo(p, &isStub, &state); },
+                                                     [&] { return backEnd.statFile(p, &st); }};
+    if (!m_world.textInFile) // the driverless `restoreDone` keeps the error, which its header says
+        calls.emplace_back([&] { return backEnd.restoreDone(p, false, {}); });
+    if (m_world.transparent) {
+        calls.emplace_back([&] { return backEnd.setAMCTime(p, 1, 2, 3); });
+        calls.emplace_back([&] { return backEnd.openFileTrans(p, O_RDWR, 0600); });
+        calls.emplace_back([&] { return backEnd.writeFileTrans("x", 1, 0); });
+    }
+    for (size_t i = 0; i < calls.size(); ++i) {
+        backEnd.m_errorCode = 99;
+        backEnd.m_errorText = "old";
+        EXPECT_GE(calls[i](), 0) << i << ": " << backEnd.m_errorText;
+        EXPECT_NE(backEnd.m_errorCode, 99) << i;
+        EXPECT_NE(backEnd.m_errorText, "old") << i;
+    }
+    EXPECT_GE(backEnd.closeFileTrans(), m_world.transparent ? 0 : -1);
 }
 
 TEST_P(OneSession, ThatMustBeClosedBeforeTheNext) {
