@@ -157,6 +157,9 @@ protected:
     int statPath(const char* path, struct stat* st);
     /// utime(2): 0, or -1.
     int setTimes(const char* path, long atime, long mtime);
+    /// Reads the attribute "user.TSTUB" into all of `stubData`, zeros behind it. False, without an error,
+    /// where there is none, or none but an empty one.
+    static bool readStubAttribute(const char* path, std::vector<char>& stubData);
     /// Takes stub data apart, metadata of any length: 0, or -1. `meta` ends in a NUL.
     int decodeStubData(const char* path, const std::vector<char>& stubData, std::vector<char>& meta,
                        long long& size);

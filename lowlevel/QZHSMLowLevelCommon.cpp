@@ -1,4 +1,5 @@
 #include "lowlevel/QZHSMLowLevel.h"
+#include "platform/files/NkACL.h"
 #include "platform/files/utf_files.h"
 #include "platform/stub/StubText.h"
 
@@ -28,6 +29,13 @@ int QZHSMLowLevel::setTimes(const char* path, long atime, long mtime) {
         return 0;
     const int err = errno;
     return failErrno(codeFor(err), "Failed to change time of ", path, err);
+}
+
+bool QZHSMLowLevel::readStubAttribute(const char* path, std::vector<char>& stubData) {
+    std::fill(stubData.begin(), stubData.end(), '\0');
+    const auto acl = NkACL::Helper::getInstance(NkACL::Type::StubText);
+    return acl->supportsXattr(path) &&
+           acl->getAttribute(path, "user.TSTUB", stubData.data(), stubData.size()) > 0;
 }
 
 int QZHSMLowLevel::decodeStubData(const char* path, const std::vector<char>& stubData,

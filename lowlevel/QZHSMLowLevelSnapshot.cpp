@@ -1,10 +1,8 @@
 #include "lowlevel/QZHSMLowLevel.h"
-#include "platform/files/NkACL.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/utf_files.h"
 #include "platform/stub/StubText.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <string>
@@ -15,11 +13,7 @@ int QZHSMLowLevel::backupStubFromSnap(const char* path, std::vector<char>& stubD
     clearError();
     stubData.resize(kFirstGuess);
     for (;;) {
-        std::fill(stubData.begin(), stubData.end(), '\0');
-        const auto acl = NkACL::Helper::getInstance(NkACL::Type::StubText);
-        const bool found = acl->supportsXattr(path) &&
-                           acl->getAttribute(path, "user.TSTUB", stubData.data(), stubData.size()) > 0;
-        if (!found) {
+        if (!readStubAttribute(path, stubData)) {
             const UniqueFd file(open_utf(path, O_RDONLY, 0600));
             if (!file.isOpen())
                 return failErrno(QZHSM_FAILURE, "Failed to open ", path, errno);

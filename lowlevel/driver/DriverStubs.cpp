@@ -36,13 +36,18 @@ int QZHSMLowLevelQZFS::isStub(unsigned long dev, const fsf_fid& fid) {
     return err == 0 ? record.isStub != 0 : failRequest(QZHSM_STAT_BY_FID, "", err);
 }
 
-int QZHSMLowLevelQZFS::getFileInfo(const char* path, bool* isStub, int* state) {
+int QZHSMLowLevelQZFS::askStat(const char* path, StatRecord& record) {
     if (!begin())
         return -1;
-    StatRecord record{};
     setPath(record.path, path);
-    if (const int err = QZHSM_STAT.send(admin_fd.get(), record))
-        return failRequest(QZHSM_STAT, path, err);
+    const int err = QZHSM_STAT.send(admin_fd.get(), record);
+    return err == 0 ? 0 : failRequest(QZHSM_STAT, path, err);
+}
+
+int QZHSMLowLevelQZFS::getFileInfo(const char* path, bool* isStub, int* state) {
+    StatRecord record{};
+    if (askStat(path, record) < 0)
+        return -1;
     if (isStub)
         *isStub = record.isStub != 0;
     if (state)
@@ -52,12 +57,9 @@ int QZHSMLowLevelQZFS::getFileInfo(const char* path, bool* isStub, int* state) {
 
 int QZHSMLowLevelQZFS::getStubData(const char* path, bool& isStub, std::vector<char>& stubData,
                                    const long& size) {
-    if (!begin())
-        return -1;
     StatRecord record{};
-    setPath(record.path, path);
-    if (const int err = QZHSM_STAT.send(admin_fd.get(), record))
-        return failRequest(QZHSM_STAT, path, err);
+    if (askStat(path, record) < 0)
+        return -1;
     storeStubData(record.isStub != 0, record.meta, size, isStub, stubData);
     return 0;
 }

@@ -9,6 +9,7 @@
 #include <string>
 
 struct DriverOperation;
+struct StatRecord;
 
 /// Stubs that the kernel filter driver keeps. Each operation is one request on the driver's administrative
 /// device, "/dev/nkfsdm", which the first one opens and the object then keeps.
@@ -133,6 +134,8 @@ private:
     int failWith(const DriverOperation& operation, std::string_view what, int err);
     /// The same with what failed being "NAME(`subject`) failed".
     int failRequest(const DriverOperation& operation, std::string_view subject, int err);
+    /// What the driver says of a file: 0, or -1 with the error set.
+    int askStat(const char* path, StatRecord& record);
     /// Writes the last error into the log. -1.
     int logged(const char* tag);
 

@@ -2,13 +2,11 @@
 #include "platform/drivers/LustreAPI.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/errors/FXString.h"
-#include "platform/files/NkACL.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/utf_files.h"
 #include "platform/logging/ProcessLog.h"
 #include "platform/stub/StubText.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/xattr.h>
@@ -57,10 +55,7 @@ int QZHSMLowLevelLustre::backupStub(const char* path, std::vector<char>& stubDat
     clearError();
     stubData.resize(kFirstGuess);
     for (;;) {
-        std::fill(stubData.begin(), stubData.end(), '\0');
-        const auto acl = NkACL::Helper::getInstance(NkACL::Type::StubText);
-        if (!acl->supportsXattr(path) ||
-            acl->getAttribute(path, kStubText, stubData.data(), stubData.size()) <= 0)
+        if (!readStubAttribute(path, stubData))
             return -1;
         int length = 0;
         if (!qzhsm_stub2meta(stubData.data(), &length, nullptr, nullptr, 0, true))
