@@ -305,22 +305,8 @@ void trace(const char* name, const std::string& said, int err) {
     static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
 }
 
-void failFromEnvironment() {
-    static const bool asked = [] {
-        unsigned nr = 0;
-        int err = 0;
-        int times = 0;
-        const char* wish = std::getenv("QZHSM_EMULATOR_FAIL");
-        if (wish && std::sscanf(wish, "%u:%d:%d", &nr, &err, &times) == 3)
-            driver().failures[nr] = {err, times};
-        return true;
-    }();
-    static_cast<void>(asked);
-}
-
 /// The errno that the request is to fail with, or 0.
 int injectedFailure(unsigned nr) {
-    failFromEnvironment();
     const auto found = driver().failures.find(nr);
     if (found == driver().failures.end() || found->second.second == 0)
         return 0;
@@ -432,7 +418,15 @@ QZHSM_API int ioctl(int fd, unsigned long command, ...) noexcept {
 namespace emulator {
 
 Driver& driver() {
-    static Driver& made = *new Driver; // requests come until the very end of the process
+    static Driver& made = *[] { // requests come until the very end of the process
+        auto* fresh = new Driver;
+        unsigned nr = 0;
+        std::pair<int, int> failure;
+        const char* wish = std::getenv("QZHSM_EMULATOR_FAIL");
+        if (wish && std::sscanf(wish, "%u:%d:%d", &nr, &failure.first, &failure.second) == 3)
+            fresh->failures[nr] = failure;
+        return fresh;
+    }();
     return made;
 }
 
