@@ -3,7 +3,7 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "platform/drivers/QZHSMServiceHelper.h"
 #include "platform/files/UniqueFd.h"
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 
 #include <clocale>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "platform/stub/StubText.h"
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 #include "tests/support/TestFs.h"
 
 inline constexpr const char* kMeta = "versionGuid=0123;job=7";

@@ -1,4 +1,4 @@
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 
 #include "lowlevel/driver/DriverRequests.h"
 #include "platform/drivers/QZHSMServiceHelper.h"

@@ -12,7 +12,7 @@ fi
 qzhsm=$1
 emulator=$2
 lustre_library=$(readlink -f "$3")
-lustre_commands=$(dirname "$(readlink -f "$0")")/lustre
+lustre_commands=$(readlink -f "$(dirname "$0")/../../support/lustre")
 work=$(mktemp -d)
 trap 'umount "$work"/* 2>/dev/null; rm -rf "$work"' EXIT
 failures=0

@@ -6,7 +6,7 @@
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
 #include "platform/errors/NkException.h"
 #include "platform/files/UniqueFd.h"
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 
 #include <atomic>
 #include <ctime>

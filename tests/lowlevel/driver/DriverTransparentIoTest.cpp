@@ -1,6 +1,6 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "platform/errors/NkException.h"
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 #include "tests/support/DriverFixture.h"
 #include "tests/support/RecordingLog.h"
 

@@ -1,9 +1,9 @@
-#include "tests/LifeOfAStub.h"
+#include "tests/lowlevel/LifeOfAStub.h"
 
 #include "lowlevel/QZHSMLowLevelCtxHelper.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/stub/StubText.h"
-#include "tests/emulator/DriverEmulator.h"
+#include "emulator/DriverEmulator.h"
 #include "tests/support/LustreSite.h"
 
 #include <fcntl.h>
