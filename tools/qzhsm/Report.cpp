@@ -1,7 +1,6 @@
 #include "tools/qzhsm/Report.h"
 
 #include <cerrno>
-#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -16,23 +15,6 @@ std::string printable(std::string_view text) {
 }
 
 } // namespace
-
-Failure systemFailure(std::string_view phrase, std::string_view path, int err) {
-    return {err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE,
-            std::string(phrase).append(path).append(": ").append(std::generic_category().message(err))};
-}
-
-int checked(const QZHSMLowLevel& backEnd, int result) {
-    if (result < 0)
-        throw Failure(backEnd);
-    return result;
-}
-
-bool answered(const QZHSMLowLevel& backEnd, int result) {
-    if (result < 0 || backEnd.m_errorCode != QZHSM_SUCCESS)
-        throw Failure(backEnd);
-    return result != 0;
-}
 
 void Report::raw(std::string_view bytes) {
     if (QZHSMLowLevel::writeAll(STDOUT_FILENO, bytes.data(), static_cast<int>(bytes.size())) < 0)
