@@ -1,9 +1,9 @@
 #include "bench/Harness.h"
+#include "emulator/DriverEmulator.h"
 #include "lowlevel/driver/DriverRequests.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "platform/drivers/QZHSMServiceHelper.h"
 #include "platform/files/UniqueFd.h"
-#include "emulator/DriverEmulator.h"
 
 #include <clocale>
 #include <cstring>
@@ -14,7 +14,7 @@ namespace {
 constexpr const char* kMeta = "versionGuid=2f1c8a4e-6f0b-4d0e-9d0a-3b8f5f7f9b11;location=pool7/000042";
 
 /// An operation beside its bare ioctl with a record that is made already. The driver answers at once, so
-/// what is measured is the back-end's own part: the record's zeroing and filling, mostly.
+/// what is measured is the back-end's own part, mostly the zeroing and filling of the record.
 template <class Record, class Ours>
 void measureRequest(benchmark::State& state, const char* name, const DriverRequest<Record>& request,
                     Ours ours, const char* fileName = "driver") {

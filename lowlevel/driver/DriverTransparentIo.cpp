@@ -1,11 +1,13 @@
 #include "lowlevel/driver/DriverAsk.h"
+#include "lowlevel/driver/DriverClock.h"
 #include "lowlevel/internal/TransparentIo.h"
 #include "platform/errors/FXString.h"
 #include "platform/files/utf_files.h"
 
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
+
+std::time_t (*g_driverClock)(std::time_t*) = std::time;
 
 namespace {
 
@@ -15,8 +17,8 @@ constexpr int kCarrierNames = 1024;
 template <class Record>
 int sendPatiently(const DriverRequest<Record>& request, int device, Record& record) {
     constexpr time_t kPatienceSeconds = 4;
-    const time_t start = std::time(nullptr);
-    while (std::time(nullptr) - start <= kPatienceSeconds)
+    const time_t start = g_driverClock(nullptr);
+    while (g_driverClock(nullptr) - start <= kPatienceSeconds)
         if (const int err = request.send(device, record); err != EAGAIN)
             return err;
     return EAGAIN;

@@ -18,6 +18,7 @@ diff "$work/readme.cpp" "$source/examples/stub_one_file.cpp"
 
 cmake -G Ninja -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/usr" >/dev/null
 cmake --build "$work/examples" >/dev/null
+ctest --test-dir "$work/examples" --output-on-failure >"$work/said" || { cat "$work/said"; exit 1; }
 
 # Each installed header stands on its own.
 find "$work/usr/include/qzhsm" -name '*.h' | while read -r header; do
@@ -29,3 +30,5 @@ diff "$source/packaging/libqzhsmlowlevel.symbols" "$work/symbols" || {
     echo "The exported symbols changed. Removing or changing one breaks programs that are built already." >&2
     exit 1
 }
+nm -DC --defined-only "$libdir/libqzhsm-emulator.so" | sed 's/^[^ ]* . //; s/(.*//' | LC_ALL=C sort >"$work/symbols"
+diff <(printf '%s\n' emulator::{answerAtOnce,driver,fail,fidOf} ioctl open stat) "$work/symbols"

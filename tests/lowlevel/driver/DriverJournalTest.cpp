@@ -1,0 +1,184 @@
+#include "platform/errors/NkException.h"
+#include "platform/files/UniqueFd.h"
+#include "tests/support/DriverFixture.h"
+
+#include <fcntl.h>
+
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+/// What a journal's clients are told, and how they answer.
+std::string told;
+std::string throwing; ///< what fails
+bool tracks;
+unsigned long device; ///< the only one to be spoken of
+
+bool tell(unsigned long long dev, const std::string& what) {
+    EXPECT_EQ(dev, device) << what;
+    told += what + ", ";
+    if (what.starts_with(throwing))
+        throw NkException("Flr::" + throwing, "journal is down", "Flr", 1, -1);
+    return tracks;
+}
+std::string words(const fsf_fid& fid) {
+    const auto& [first, second, third] = fid.words;
+    return " " + std::to_string(first) + "." + std::to_string(second) + "." + std::to_string(third) + " ";
+}
+
+class TestJournal : public FlrDriver {
+    using Number = unsigned long long;
+    bool statFS(Number dev) override { return tell(dev, "statFS"); }
+    fsf_fid getFID(const char*, bool flag) override {
+        tell(device, flag ? "getFID(true)" : "getFID");
+        return {{7, 8, 9}};
+    }
+    void injectSTUB(Number dev, const fsf_fid& fid, const char* meta) override {
+        tell(dev, "STUB" + words(fid) + meta);
+    }
+    void injectUNSTUB(Number dev, const fsf_fid& fid) override { tell(dev, "UNSTUB" + words(fid)); }
+    void injectTWRITE(Number dev, const fsf_fid& fid, Number at, const void* buf, int n) override {
+        tell(dev, "TWRITE" + words(fid) + std::to_string(at) + " " +
+                      std::string(static_cast<const char*>(buf), size_t(n)));
+    }
+};
+
+class DriverJournal : public DriverFixture {
+protected:
+    void SetUp() override {
+        DriverFixture::SetUp();
+        useLatin1();
+        told = "";
+        throwing = "nothing";
+        tracks = true;
+        device = statOf(m_localPath).st_dev;
+        g_flrDriverFactory = [] { return std::make_unique<TestJournal>(); };
+    }
+    void TearDown() override {
+        g_flrDriverFactory = m_factory;
+        DriverFixture::TearDown();
+    }
+
+    /// The life of a stub, with a session by identifier and two by path.
+    void roundTrip(QZHSMLowLevelQZFS& driver) {
+        std::filesystem::remove(m_localPath);
+        writeFile(m_localPath, noise(200));
+        const UniqueFd file(::open(m_localPath.c_str(), O_RDWR));
+        const char* p = m_path.c_str();
+        char read[5];
+        EXPECT_EQ(driver.stubFile(p, "m", statOf(m_localPath).st_mtime, 200), 0);
+        EXPECT_EQ(driver.openFileTrans(file.get(), device, emulator::fidOf(m_localPath)), 0);
+        EXPECT_EQ(driver.writeFileTrans("by id", 5, 0), 5);
+        driver.closeFileTrans();
+        EXPECT_EQ(driver.openFileTrans(p, O_RDWR, 0600), 0);
+        EXPECT_EQ(driver.seekFileTrans(95, SEEK_SET), 95);
+        EXPECT_EQ(driver.readFileTrans(read, 5), 5);
+        EXPECT_EQ(driver.readFileTrans(nullptr, 5), -1);
+        EXPECT_EQ(driver.seekFileTrans(-1, SEEK_SET), -1);
+        EXPECT_EQ(driver.writeFileTrans("first", 5, 0), 5);
+        EXPECT_EQ(driver.writeFileTrans("second", 6, 0), 6);
+        EXPECT_EQ(driver.seekFileTrans(0, SEEK_SET), 0);
+        EXPECT_EQ(driver.writeFileTrans("third", 5, 0), 5);
+        driver.closeFileTrans();
+        EXPECT_EQ(driver.openFileTrans(p, O_RDWR, 0600), 0);
+        EXPECT_EQ(driver.writeFileTrans("again", 5, 0), 5);
+        driver.closeFileTrans();
+        EXPECT_EQ(driver.restoreDone(p, false, {}), 0);
+        EXPECT_EQ(driver.restoreDone(p, true, {}), 0);
+        EXPECT_EQ(driver.restoreStub(p, stubDataOf("n", 8 << 20)), 0);
+    }
+
+    const decltype(g_flrDriverFactory) m_factory = g_flrDriverFactory;
+};
+
+constexpr const char* kInstalled = "[Tessly/Instance001/JRN]\nnINSTALL=0\n"
+                                   "[Tessly/Instance001/Sortwell]\nnINSTALL=1\n";
+
+} // namespace
+
+TEST_F(DriverJournal, IsToldInOrder) {
+    const TestConfig config(kInstalled);
+    QZHSMLowLevelQZFS driver;
+    roundTrip(driver);
+    EXPECT_EQ(told, "statFS, getFID, STUB 7.8.9 m, statFS, TWRITE" + words(emulator::fidOf(m_localPath)) +
+                        "0 by id, statFS, getFID, TWRITE 7.8.9 100 first, TWRITE 7.8.9 105 second, "
+                        "TWRITE 7.8.9 0 third, statFS, getFID, TWRITE 7.8.9 0 again, "
+                        "statFS, getFID, UNSTUB 7.8.9 , statFS, getFID, STUB 7.8.9 n, ");
+
+    const char* p = m_path.c_str();
+    const std::string much = noise(2 << 20);
+    EXPECT_EQ(driver.openFileTrans(p, O_RDWR, 0600), 0);
+    told.clear();
+    const int written = driver.writeFileTrans(much.data(), 2 << 20, 0);
+    EXPECT_LT(written, 2 << 20) << "the file system has less room";
+    EXPECT_TRUE(told == "TWRITE 7.8.9 0 " + much.substr(0, static_cast<size_t>(written)) + ", ");
+
+    told.clear();
+    for (const auto request : {emulator::kTranWrite, emulator::kCreateStub, emulator::kRestoreStub})
+        emulator::fail(request, EIO);
+    EXPECT_EQ(driver.writeFileTrans("x", 1, 0), -1);
+    EXPECT_EQ(driver.stubFile(p, "m", 0, 200), -1);
+    EXPECT_EQ(driver.restoreStub(p, stubDataOf("n", 200)), -1);
+    EXPECT_EQ(told, "") << "of what the driver refused";
+    emulator::driver().loaded = false;
+    EXPECT_EQ(QZHSMLowLevelQZFS().restoreDone(p, true, {}), -1);
+    EXPECT_EQ(told, "statFS, getFID, UNSTUB 7.8.9 , ") << "first, whatever the driver then says";
+}
+
+TEST_F(DriverJournal, NeverChangesAResult) {
+    const TestConfig config(kInstalled);
+    for (const std::string fails : {"nothing", "statFS", "getFID", "STUB", "UNSTUB", "TWRITE"}) {
+        SCOPED_TRACE(fails);
+        told.clear();
+        throwing = fails;
+        tracks = fails != "nothing";
+        QZHSMLowLevelQZFS driver;
+        CaptureStderr();
+        roundTrip(driver);
+        const std::string log = GetCapturedStderr();
+        const bool isQuestion = fails == "statFS" || fails == "getFID";
+        EXPECT_EQ(log.find("[Flr::" + fails + "] journal is down\n") != log.npos, tracks && !isQuestion)
+            << log;
+        EXPECT_EQ(said(0, driver), isQuestion ? "0 -1 journal is down" : "0 0 ");
+        EXPECT_EQ(told.find("STUB") != told.npos, tracks && !isQuestion) << told;
+        EXPECT_EQ(told.find("TWRITE 7") != told.npos, tracks && !isQuestion) << told;
+        EXPECT_EQ(told.find("TWRITE") != told.npos, tracks && fails != "statFS") << told;
+    }
+}
+
+TEST_F(DriverJournal, IsAskedWhetherItTracks) {
+    const TestConfig config(kInstalled);
+    const std::string missing = "-1 -1 Failed to stat /missing: No such file or directory";
+    QZHSMLowLevelQZFS driver;
+    unsigned long dev = 0;
+    EXPECT_EQ(said(driver.isJRNFS("/missing", &dev, nullptr), driver), missing);
+    EXPECT_EQ(said(driver.isJRNFS(m_path.c_str(), &dev, nullptr), driver), "1 0 ");
+    EXPECT_EQ(dev, device);
+    EXPECT_EQ(said(driver.isJRNFS("/missing", nullptr, nullptr), driver), missing);
+    EXPECT_EQ(said(driver.isJRNFS(dev), driver), "1 0 ");
+    EXPECT_EQ(told, "statFS, statFS, ") << "nobody asked for an identifier";
+    throwing = "statFS";
+    EXPECT_EQ(said(driver.isJRNFS(dev), driver), "-1 -1 journal is down");
+    throwing = "none";
+    tracks = false;
+    EXPECT_EQ(said(driver.isJRNFS(dev), driver), "0 0 ");
+}
+
+TEST_F(DriverJournal, IsThereIfItIsInstalled) {
+    const auto tracksWith = [&](const char* content) {
+        const TestConfig config(content);
+        return QZHSMLowLevelQZFS().isJRNFS(m_path.c_str(), nullptr, nullptr);
+    };
+    EXPECT_EQ(tracksWith("[Tessly/Instance001/JRN]\nx=1\n[Tessly/Instance001/Sortwell]\nnINSTALL=0\n"), 0);
+    EXPECT_EQ(tracksWith("[Focus]\ninstance=Two\n[Tessly/Two/JRN]\nnINSTALL=1\n"), 1);
+    EXPECT_EQ(tracksWith("[Focus]\ninstance=Two\n[Tessly/Instance001/JRN]\nnINSTALL=1\n"), 0);
+    g_flrDriverFactory = m_factory;
+    EXPECT_EQ(tracksWith(kInstalled), 0) << "the client of no journal";
+    g_flrDriverFactory = []() -> std::unique_ptr<FlrDriver> {
+        throw NkException("Flr::Flr", "no journal today", "Flr", 1, -1);
+    };
+    CaptureStderr();
+    EXPECT_EQ(tracksWith(kInstalled), 0);
+    EXPECT_TRUE(GetCapturedStderr().ends_with("[Flr::Flr] no journal today\n"));
+}
