@@ -1,8 +1,8 @@
 #pragma once
 
+#include "emulator/DriverEmulator.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "platform/stub/StubText.h"
-#include "emulator/DriverEmulator.h"
 #include "tests/support/TestFs.h"
 
 inline constexpr const char* kMeta = "versionGuid=0123;job=7";

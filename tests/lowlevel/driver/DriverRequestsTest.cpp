@@ -1,5 +1,5 @@
-#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "emulator/DriverEmulator.h"
+#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
 #include "tests/support/DriverFixture.h"
 
 #include <algorithm>

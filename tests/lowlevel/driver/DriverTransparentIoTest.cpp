@@ -1,6 +1,6 @@
+#include "emulator/DriverEmulator.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "platform/errors/NkException.h"
-#include "emulator/DriverEmulator.h"
 #include "tests/support/DriverFixture.h"
 #include "tests/support/RecordingLog.h"
 
@@ -15,14 +15,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-long entriesOf(const std::string& dir) {
-    return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
-}
-
-long openDescriptors() {
-    return entriesOf("/proc/self/fd");
-}
 
 class Session : public DriverFixture {
 protected:
