@@ -47,12 +47,7 @@ QZHSMLowLevel* createQZHSMLowLevelQZFS() {
 
 TEST(Registry, HandsOutByKindAndByName) {
     constexpr int kNone = 99;
-    const struct {
-        int kind;
-        const char* text;
-        const char* fsName;
-        const std::type_info& type;
-    } rows[] = {
+    const std::tuple<int, const char*, const char*, const std::type_info&> rows[] = {
         {-1, "archiver driver", "qzfs", typeid(QZHSMLowLevelQZFS)},
         {0, "archiver driver", "qzfs", typeid(QZHSMLowLevelQZFS)},
         {1, "archiver driver", "qzfs", typeid(QZHSMLowLevelQZFS)},
@@ -66,14 +61,13 @@ TEST(Registry, HandsOutByKindAndByName) {
         {kNone, "archiver driver", "QZFS_EXTENT", typeid(QZHSMLowLevelQZFS)},
         {kNone, "archiver driver", "nk_anyfs", typeid(QZHSMLowLevelQZFS)},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.kind);
-        QZHSMLowLevelCtx registry(row.kind);
-        EXPECT_EQ(registry.AsString(), row.text);
-        QZHSMLowLevel* object = registry.getByFSName(row.fsName);
-        ASSERT_NE(object, nullptr);
-        EXPECT_EQ(typeid(*object), row.type);
-        EXPECT_EQ(registry.getByFileName("/any") == object, row.kind != kNone);
+    for (const auto& [kind, text, fsName, type] : rows) {
+        QZHSMLowLevelCtx registry(kind);
+        EXPECT_EQ(registry.AsString(), text);
+        QZHSMLowLevel* object = registry.getByFSName(fsName);
+        ASSERT_NE(object, nullptr) << fsName;
+        EXPECT_EQ(typeid(*object), type) << fsName;
+        EXPECT_EQ(registry.getByFileName("/any") == object, kind != kNone) << kind;
     }
     EXPECT_EQ(QZHSMLowLevelCtx(6).getByFileName("/any")->isDMRFS("/no/such/path"), 1);
 }

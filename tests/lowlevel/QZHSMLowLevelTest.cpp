@@ -42,12 +42,7 @@ private:
 } // namespace
 
 TEST(Loops, StopAtTheEndAndAtFailures) {
-    const struct {
-        std::deque<int> results;
-        int len;
-        int total;
-        std::string calls;
-    } rows[] = {
+    const std::tuple<std::deque<int>, int, int, std::string> rows[] = {
         {{4, 6}, 10, 10, "0+10@0 4+6@0 "},
         {{4, 0}, 10, 4, "0+10@0 4+6@0 "},
         {{4, -3}, 10, -3, "0+10@0 4+6@0 "},
@@ -55,13 +50,13 @@ TEST(Loops, StopAtTheEndAndAtFailures) {
         {{}, -5, 0, ""},
     };
     char buffer[10];
-    for (const auto& row : rows) {
-        Scripted reading(row.results, buffer);
-        EXPECT_EQ(reading.readFileTransAll(buffer, row.len), row.total);
-        EXPECT_EQ(reading.m_calls, row.calls);
-        Scripted writing(row.results, buffer);
-        EXPECT_EQ(writing.writeFileTransAll(buffer, row.len), row.total);
-        EXPECT_EQ(writing.m_calls, row.calls);
+    for (const auto& [results, len, total, calls] : rows) {
+        Scripted reading(results, buffer);
+        EXPECT_EQ(reading.readFileTransAll(buffer, len), total);
+        EXPECT_EQ(reading.m_calls, calls);
+        Scripted writing(results, buffer);
+        EXPECT_EQ(writing.writeFileTransAll(buffer, len), total);
+        EXPECT_EQ(writing.m_calls, calls);
     }
 }
 

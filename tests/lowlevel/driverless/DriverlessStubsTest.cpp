@@ -106,20 +106,17 @@ TEST_F(DriverlessStubs, FullFileSystemIsReportedAtTheHeader) {
 
 TEST_F(DriverlessStubs, TheMarkAloneMakesAStub) {
     const std::string valid = stubText("m", 5000);
-    const struct {
-        const char* mark; ///< null: on a file system without attributes
-        std::string content;
-        int isStub;
-    } rows[] = {{"1", "anything", 1}, {"11", valid, 0}, {"0", valid, 0},       {"-", valid, 0},
-                {nullptr, valid, 1},  {nullptr, "", 0}, {nullptr, "plain", 0}, {nullptr, valid.substr(1), 0}};
-    for (const auto& row : rows) {
-        const std::string path = row.mark ? m_path : m_ramfs.path("file");
-        writeFile(path, row.content);
-        if (row.mark && *row.mark != '-')
-            setAttribute(path, kMark, row.mark);
+    constexpr const char* kRamfs = nullptr; // has no attributes
+    const std::tuple<const char*, std::string, int> rows[] = {
+        {"1", "anything", 1}, {"11", valid, 0}, {"0", valid, 0},      {"", valid, 0},
+        {kRamfs, valid, 1},   {kRamfs, "", 0},  {kRamfs, "plain", 0}, {kRamfs, valid.substr(1), 0}};
+    for (const auto& [mark, content, isStub] : rows) {
+        const std::string path = mark ? m_path : m_ramfs.path("file");
+        writeFile(path, content);
+        if (mark && *mark)
+            setAttribute(path, kMark, mark);
         setTimes(path, 1000, 2000);
-        EXPECT_EQ(m_backEnd.isStub(path.c_str()), row.isStub)
-            << (row.mark ? row.mark : "none") << row.content;
+        EXPECT_EQ(m_backEnd.isStub(path.c_str()), isStub) << (mark ? mark : "ramfs") << content;
         expectError(0, "");
         EXPECT_EQ(statOf(path).st_atime, 1000) << "looking must not show";
         ::unlink(path.c_str());
@@ -130,17 +127,22 @@ TEST_F(DriverlessStubs, TheMarkAloneMakesAStub) {
     EXPECT_EQ(archiveDelete.isStub(m_fs.dir().c_str()), 0) << "nothing is a stub to it";
 
     writeFile(m_ramfs.path("file"), valid);
-    const std::tuple<std::string, unsigned, int, const char*> failures[] = {
+    const struct {
+        std::string path;
+        unsigned failingCall; ///< with EIO
+        int code;
+        const char* text;
+    } failures[] = {
         {m_missing, kNoCall, 4, "Failed to stat @: No such file or directory"},
         {m_path, SYS_newfstatat, -1, "Failed to stat @: Input/output error"},
         {m_ramfs.path("file"), SYS_openat, 4, "Failed to open @"},
-        {m_ramfs.path("file"), SYS_read, -1, "Failed to read from @"}};
-    for (const auto& [path, failingCall, code, text] : failures) {
-        whileFailing(failingCall, EIO, [&] {
-            EXPECT_EQ(m_backEnd.isStub(path.c_str()), 0);
-            expectError(code, text, path);
+        {m_ramfs.path("file"), SYS_read, -1, "Failed to read from @"},
+    };
+    for (const auto& row : failures)
+        whileFailing(row.failingCall, EIO, [&] {
+            EXPECT_EQ(m_backEnd.isStub(row.path.c_str()), 0);
+            expectError(row.code, row.text, row.path);
         });
-    }
 }
 
 TEST_F(DriverlessStubs, RestoreStubKeepsWhatItCannotReplace) {

@@ -82,21 +82,17 @@ TEST_F(GlusterFsStubs, StubFileRefusesAndTellsWhy) {
                                  "const char*, unsigned char (&)[16], std::string&)";
     const std::string where = " (" + function + ", QZHSMLowLevelGlusterFs:";
     const std::string shortGuid = "0123456789abcdef0123";
-    const struct {
-        std::string meta;
-        time_t refTime;
-        std::string text;
-    } rows[] = {
+    const std::tuple<std::string, time_t, std::string> rows[] = {
         {kMeta, kModified - 1, "file-changed since it backedup mtime(1700000000)>reftime(1699999999)"},
         {kMeta + std::string(65536, 'm'), kModified, "error=Message too long"},
         {"junk", kModified, "error=Invalid stub reparse data[junk]: Unknown error 1627" + where + "477)"},
         {"versionGuid=" + shortGuid, kModified,
          "error=uuid_parse(01234567-89ab-cdef-0123-) failed: Invalid argument" + where + "473)"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [meta, refTime, text] : rows) {
         arrange();
         errno = EDOM; // an old failure, which is nobody's reason
-        expectFailure(stub(row.meta, row.refTime), -1, "stubFile(@) failed, " + row.text);
+        expectFailure(stub(meta, refTime), -1, "stubFile(@) failed, " + text);
         EXPECT_EQ(attributes(), "-\n-\n-\n-\n-\n");
     }
     expectLog("-1 " + function +
@@ -113,44 +109,40 @@ TEST_F(GlusterFsStubs, FourAttributesMakeAStub) {
     const std::string longest = stubText(std::string(4030, 'm'), 9000); // all that is read
     const char* product = kCloudsyncAttributes[ProductId];
     const char* stubData = kCloudsyncAttributes[StubText];
-    const struct {
-        const char* name;
-        std::string value; ///< "-": the attribute is removed
-        int isStub;
-        std::string stubData;
-    } rows[] = {
-        {product, "quillmoor", 1, text},
-        {product, std::string("quillmoor\0", 10), 1, text},
-        {product, "quillmoor2", 0, "old"},
-        {product, std::string(64, 'q'), 0, "old"},
-        {product, "quillmoor" + std::string(56, '\0'), 0, "old"}, // 65 bytes
-        {product, "-", 0, "old"},
-        {kCloudsyncAttributes[StoreId], "-", 0, "old"},
-        {kCloudsyncAttributes[Uuid], "-", 0, "old"},
-        {kRemote, "-", 0, "old"},
-        {kCloudsyncAttributes[Complete], "-", 1, text},
-        {stubData, "-", 1, zeros},
-        {stubData, "", 1, zeros},
-        {stubData, text + "tail", 1, text},
-        {stubData, longest, 1, longest},
-        {stubData, longest + "m", 1, zeros},
+    const std::tuple<const char*, std::string, bool, std::string> rows[] = {
+        // "-" is removed
+        {product, "quillmoor", true, text},
+        {product, std::string("quillmoor\0", 10), true, text},
+        {product, "quillmoor2", false, "old"},
+        {product, std::string(64, 'q'), false, "old"},
+        {product, "quillmoor" + std::string(56, '\0'), false, "old"}, // 65 bytes
+        {product, "-", false, "old"},
+        {kCloudsyncAttributes[StoreId], "-", false, "old"},
+        {kCloudsyncAttributes[Uuid], "-", false, "old"},
+        {kRemote, "-", false, "old"},
+        {kCloudsyncAttributes[Complete], "-", true, text},
+        {stubData, "-", true, zeros},
+        {stubData, "", true, zeros},
+        {stubData, text + "tail", true, text},
+        {stubData, longest, true, longest},
+        {stubData, longest + "m", true, zeros},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name + row.value.substr(0, 20));
+    for (const auto& [name, value, expected, read] : rows) {
+        SCOPED_TRACE(name + value.substr(0, 20));
         arrangeStub();
-        if (row.value == "-")
-            ::removexattr(m_path.c_str(), row.name);
+        if (value == "-")
+            ::removexattr(m_path.c_str(), name);
         else
-            setAttribute(m_path, row.name, row.value);
-        EXPECT_EQ(m_backEnd.isStub(m_path.c_str()), row.isStub);
+            setAttribute(m_path, name, value);
+        EXPECT_EQ(m_backEnd.isStub(m_path.c_str()), expected);
         expectError(8, "@ is not a stub");
-        bool isStub = row.isStub == 0;
+        bool isStub = !expected;
         std::vector<char> data{'o', 'l', 'd'};
         EXPECT_EQ(m_backEnd.getStubData(m_path.c_str(), isStub, data, 0), 0);
-        EXPECT_EQ(isStub, row.isStub == 1);
-        EXPECT_EQ(data, bytes(row.stubData));
-        EXPECT_EQ(m_backEnd.backupStub(m_path.c_str(), data), row.isStub == 1 ? 0 : -1);
-        expectError(row.isStub == 1 ? 8 : -1, "@ is not a stub");
+        EXPECT_EQ(isStub, expected);
+        EXPECT_EQ(data, bytes(read));
+        EXPECT_EQ(m_backEnd.backupStub(m_path.c_str(), data), expected ? 0 : -1);
+        expectError(expected ? 8 : -1, "@ is not a stub");
     }
     arrangeStub();
     ASSERT_EQ(::symlink(m_path.c_str(), m_fs.path("link").c_str()), 0);
