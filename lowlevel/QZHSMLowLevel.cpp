@@ -1,13 +1,11 @@
 #include "lowlevel/QZHSMLowLevel.h"
 
 #include "lowlevel/QZHSMLowLevelCtxHelper.h"
-#include "platform/errors/ErrorText.h"
 #include "platform/errors/NkException.h"
 #include "platform/logging/EvDebug.h"
 
 #include <cerrno>
 #include <unistd.h>
-#include <utility>
 
 QZHSMLowLevel::QZHSMLowLevel() = default;
 QZHSMLowLevel::~QZHSMLowLevel() = default;
@@ -68,23 +66,4 @@ int QZHSMLowLevel::writeAll(int fd, const void* buf, int len) {
             return -1;
     }
     return total;
-}
-
-void QZHSMLowLevel::clearError() {
-    m_errorCode = QZHSM_SUCCESS;
-    m_errorText.clear();
-}
-
-int QZHSMLowLevel::fail(int code, std::string text) {
-    m_errorCode = code;
-    m_errorText = std::move(text);
-    return -1;
-}
-
-int QZHSMLowLevel::failErrno(int code, std::string_view phrase, std::string_view path, int err) {
-    return fail(code, errnoText({phrase, path}, err));
-}
-
-int QZHSMLowLevel::codeFor(int err) {
-    return err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE;
 }

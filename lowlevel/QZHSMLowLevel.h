@@ -5,7 +5,6 @@
 #include <ctime>
 #include <list>
 #include <string>
-#include <string_view>
 #include <sys/stat.h>
 #include <vector>
 
@@ -24,7 +23,7 @@ enum QZHSMErrorCode : int {
     QZHSM_NOT_IMPLEMENTED = 38 ///< this back-end has no such operation
 };
 
-/// The state that `getFileInfo` reports where the back-end has no states of its own.
+/// The state that `getFileInfo` reports if the back-end has no states of its own.
 constexpr int QZHSM_FILE_STATE_PLAIN = 2;
 
 /// One kind of file system, and what can be done with stubs on it.
@@ -52,19 +51,19 @@ public:
     virtual int stopWatchingDirTree(const char* dirPath) = 0;
     /// Ends watching the file system on a device number, for one that is no longer mounted. 0, or -1.
     virtual int stopWatchingDevice(unsigned long device) = 0;
-    /// 1 where the file system that holds `dirPath` is watched, 0 where not. The filter driver's back-end
-    /// answers as its `isDMRFS`.
+    /// 1 if the file system that holds `dirPath` is watched, else 0. The filter driver's back-end answers as
+    /// its `isDMRFS` does.
     virtual int isDirBeingWatched(const char* dirPath) = 0;
-    /// 1 where this back-end can keep stubs at `path`, 0 where not.
+    /// 1 if this back-end can keep stubs at `path`, else 0.
     virtual int isDMRFS(const char* path) = 0;
-    /// Asks that recalls which nobody has served yet be handed out again. 0, or -1. Only the filter driver
-    /// holds such recalls; the base answers 0.
+    /// Has the recalls that nobody has served yet handed out again. 0, or -1. Only the filter driver holds
+    /// such recalls; the base answers 0.
     virtual int resubmitPendingRecalls();
 
     // --- The life of a stub ---
 
-    /// Ends a recall of `path`: where `success` is true the file counts as an ordinary file from now on, else
-    /// it stays a stub. `ids` are the recall's identifiers, for back-ends that track them.
+    /// Ends a recall of `path`: with `success` the file counts as an ordinary file from now on, else it stays
+    /// a stub. `ids` are the recall's identifiers, for back-ends that track them.
     /// 0 or the back-end's own success value; negative on failure, with the file still a stub.
     virtual int restoreDone(const char* path, bool success, const std::list<long long>& ids) = 0;
 
@@ -91,15 +90,15 @@ public:
 
     /// Turns a file into a stub that carries `stubMeta` (NUL-terminated text): its data is given up.
     /// REQUIRES: the data has been archived, all of it, when the file's modification time was `refTime`.
-    /// `size` is the file's logical size. Code 3 where the file was modified since `refTime` or is in use;
-    /// whole seconds are compared, so a change within the same second is not seen. 0, or -1; each back-end's
-    /// header says what a failure leaves on disk.
+    /// `size` is the file's logical size. Code 3 if the file was modified since `refTime` or is in use; whole
+    /// seconds are compared, so a change within the same second is not seen. 0, or -1; each back-end's header
+    /// says what a failure leaves on disk.
     virtual int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) = 0;
 
     // --- Transparent I/O: a stub's own data, read and written without a recall ---
 
-    /// Opens `path` with open(2)'s `flags` and `mode`. 0, or -1; while a file is open already -1, and that
-    /// one stays open.
+    /// Opens `path` with open(2)'s `flags` and `mode`. 0, or -1. A second open fails while a file is open,
+    /// and that file stays open.
     virtual int openFileTrans(const char* path, int flags, int mode) = 0;
     /// Reads up to `len` bytes at the current position: their number, 0 at the end of the file, or negative.
     virtual int readFileTrans(void* buf, int len) = 0;
@@ -137,38 +136,4 @@ public:
     /// The last failure. The text is for people, the code for programs.
     int m_errorCode = QZHSM_SUCCESS;
     std::string m_errorText;
-
-protected:
-    void clearError();
-    /// Sets the last error and returns -1: every failure is reported through here.
-    int fail(int code, std::string text);
-    /// Fails with "`phrase``path`: " and the system's text for `err`.
-    int failErrno(int code, std::string_view phrase, std::string_view path, int err);
-    /// The code for an errno: 4 for a missing file, else -1.
-    static int codeFor(int err);
-
-    // What several back-ends do alike. Each sets the error on failure.
-
-    /// Clears the error: 0.
-    int succeed();
-    /// Fails with code 38 and "`operation` not implemented".
-    int refuse(std::string_view operation);
-    /// stat(2): 0, or -1.
-    int statPath(const char* path, struct stat* st);
-    /// utime(2): 0, or -1.
-    int setTimes(const char* path, long atime, long mtime);
-    /// Reads the attribute "user.TSTUB" into all of `stubData`, zeros behind it. False, without an error,
-    /// where there is none, or none but an empty one.
-    static bool readStubAttribute(const char* path, std::vector<char>& stubData);
-    /// Takes stub data apart, metadata of any length: 0, or -1. `meta` ends in a NUL.
-    int decodeStubData(const char* path, const std::vector<char>& stubData, std::vector<char>& meta,
-                       long long& size);
-    /// Fails because a file is open for transparent I/O already.
-    int failSecondOpen(std::string_view path);
-    /// Clears the error. False, with the error set, where `fd` is not open for transparent I/O.
-    bool requireTrans(int fd);
-    /// read(2) for transparent I/O.
-    int readTrans(int fd, void* buf, int len);
-    /// lseek(2) for transparent I/O.
-    long long seekTrans(int fd, long long offset, int whence);
 };

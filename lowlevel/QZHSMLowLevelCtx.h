@@ -25,7 +25,7 @@ public:
 
     /// The back-end for a file-system name: "NK_ANYFS" (driverless), "NK_ARCHIVE_DELETE_FS", "HADOOP_FS",
     /// "LUSTRE_FS", "GLUSTER_FS", "qzfs_extent"; any other name, "qzfs" by custom, is the filter driver's.
-    /// Null, with an error line in the log, where it cannot be made; a later call tries again.
+    /// Null, with an error line in the log, if it cannot be made; a later call tries again.
     QZHSMLowLevel* getByFSName(const char* fsName);
 
     /// The same for the choice between driverless and filter driver alone: with kind 2 always the driverless
@@ -46,11 +46,11 @@ private:
     template <class Lookup>
     QZHSMLowLevel* locked(Lookup lookup);
     QZHSMLowLevel* find(const char* fsName) const;
-    /// Makes an object and keeps it; null where the factory gives null.
+    /// Makes an object and keeps it; null if the factory gives null.
     QZHSMLowLevel* make(const char* fsName, Factory factory);
 
     std::map<std::string, std::unique_ptr<QZHSMLowLevel>, std::less<>> m_objects;
     NkCriticalSection m_lock;
-    QZHSMMntTab m_mntTab;
+    QZHSMMntTab m_mntTab; ///< unread here, but part of the object's layout that callers were built with
     int m_kind;
 };

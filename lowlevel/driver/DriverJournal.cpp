@@ -1,4 +1,5 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "lowlevel/internal/LastError.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/errors/NkException.h"
 #include "platform/files/utf_files.h"
@@ -21,7 +22,7 @@ void notify(Notice notice) {
 } // namespace
 
 int QZHSMLowLevelQZFS::isJRNFS(const char* path, unsigned long* dev, fsf_fid* fid) {
-    clearError();
+    clearError(*this);
     if (!flr_driver)
         return 0;
     try {
@@ -37,18 +38,18 @@ int QZHSMLowLevelQZFS::isJRNFS(const char* path, unsigned long* dev, fsf_fid* fi
             *fid = flr_driver->getFID(path, false);
         return 1;
     } catch (const NkException& e) {
-        return fail(QZHSM_FAILURE, e.getMessage());
+        return fail(*this, QZHSM_FAILURE, e.getMessage());
     }
 }
 
 int QZHSMLowLevelQZFS::isJRNFS(unsigned long dev) {
-    clearError();
+    clearError(*this);
     if (!flr_driver)
         return 0;
     try {
         return flr_driver->statFS(dev) ? 1 : 0;
     } catch (const NkException& e) {
-        return fail(QZHSM_FAILURE, e.getMessage());
+        return fail(*this, QZHSM_FAILURE, e.getMessage());
     }
 }
 

@@ -1,52 +1,43 @@
-#include "lowlevel/driver/DriverRequests.h"
-#include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "lowlevel/driver/DriverAsk.h"
+#include "lowlevel/internal/StubData.h"
 #include "platform/stub/StubText.h"
 
 namespace {
 
-void storeStubData(bool found, const char* meta, long long size, bool& isStub, std::vector<char>& stubData) {
-    isStub = found;
-    if (!found)
+StatByFidRecord recordFor(unsigned long dev, const fsf_fid& fid) {
+    StatByFidRecord record{};
+    record.dev = dev;
+    record.fid = fid;
+    return record;
+}
+
+/// Stores what the driver knows of a file; `stubData` only for a stub.
+template <class Record>
+void storeStubData(const Record& record, long long size, bool& isStub, std::vector<char>& stubData) {
+    isStub = record.isStub != 0;
+    if (!isStub)
         return;
-    const int length = qzhsm_meta2stub(meta, size, nullptr, 0);
+    const int length = qzhsm_meta2stub(record.meta, size, nullptr, 0);
     stubData.resize(static_cast<size_t>(length));
-    qzhsm_meta2stub(meta, size, stubData.data(), length);
+    qzhsm_meta2stub(record.meta, size, stubData.data(), length);
 }
 
 } // namespace
 
 int QZHSMLowLevelQZFS::isStub(const char* path) {
-    if (!begin())
-        return -1;
-    StatRecord record{};
-    setPath(record.path, path);
-    const int err = QZHSM_STAT.send(admin_fd.get(), record);
-    if (err == EINVAL)
-        return 0;
-    return err == 0 ? record.isStub != 0 : failRequest(QZHSM_STAT, path, err);
+    auto record = recordFor<StatRecord>(path);
+    const int result = ask(QZHSM_STAT_IS_STUB, record, path);
+    return result < 0 ? -1 : static_cast<int>(result == 0 && record.isStub != 0);
 }
 
 int QZHSMLowLevelQZFS::isStub(unsigned long dev, const fsf_fid& fid) {
-    if (!begin())
-        return -1;
-    StatByFidRecord record{};
-    record.dev = dev;
-    record.fid = fid;
-    const int err = QZHSM_STAT_BY_FID.send(admin_fd.get(), record);
-    return err == 0 ? record.isStub != 0 : failRequest(QZHSM_STAT_BY_FID, "", err);
-}
-
-int QZHSMLowLevelQZFS::askStat(const char* path, StatRecord& record) {
-    if (!begin())
-        return -1;
-    setPath(record.path, path);
-    const int err = QZHSM_STAT.send(admin_fd.get(), record);
-    return err == 0 ? 0 : failRequest(QZHSM_STAT, path, err);
+    StatByFidRecord record = recordFor(dev, fid);
+    return ask(QZHSM_STAT_BY_FID, record, "") < 0 ? -1 : static_cast<int>(record.isStub != 0);
 }
 
 int QZHSMLowLevelQZFS::getFileInfo(const char* path, bool* isStub, int* state) {
-    StatRecord record{};
-    if (askStat(path, record) < 0)
+    auto record = recordFor<StatRecord>(path);
+    if (ask(QZHSM_STAT, record, path) < 0)
         return -1;
     if (isStub)
         *isStub = record.isStub != 0;
@@ -57,23 +48,19 @@ int QZHSMLowLevelQZFS::getFileInfo(const char* path, bool* isStub, int* state) {
 
 int QZHSMLowLevelQZFS::getStubData(const char* path, bool& isStub, std::vector<char>& stubData,
                                    const long& size) {
-    StatRecord record{};
-    if (askStat(path, record) < 0)
+    auto record = recordFor<StatRecord>(path);
+    if (ask(QZHSM_STAT, record, path) < 0)
         return -1;
-    storeStubData(record.isStub != 0, record.meta, size, isStub, stubData);
+    storeStubData(record, size, isStub, stubData);
     return 0;
 }
 
 int QZHSMLowLevelQZFS::getStubData(int, unsigned long dev, const fsf_fid& fid, bool& isStub,
                                    std::vector<char>& stubData, const long& size) {
-    if (!begin())
+    StatByFidRecord record = recordFor(dev, fid);
+    if (ask(QZHSM_STAT_DATA_BY_FID, record, "") < 0)
         return -1;
-    StatByFidRecord record{};
-    record.dev = dev;
-    record.fid = fid;
-    if (const int err = QZHSM_STAT_BY_FID.send(admin_fd.get(), record))
-        return failWith(QZHSM_STAT_BY_FID, "QZHSM_STAT_BY_FID failed", err);
-    storeStubData(record.isStub != 0, record.meta, size, isStub, stubData);
+    storeStubData(record, size, isStub, stubData);
     return 0;
 }
 
@@ -86,7 +73,7 @@ int QZHSMLowLevelQZFS::backupStub(const char* path, std::vector<char>& stubData)
     bool found = false;
     const int result = getStubData(path, found, stubData, st.st_size);
     // Whatever kept the stub data from being read, a backup has none.
-    return found ? result : fail(QZHSM_FAILURE, std::string(path) + " is not a stub");
+    return found ? result : fail(*this, QZHSM_FAILURE, std::string(path) + " is not a stub");
 }
 
 int QZHSMLowLevelQZFS::backupStub(int fd, unsigned long dev, const fsf_fid& fid,
@@ -95,22 +82,46 @@ int QZHSMLowLevelQZFS::backupStub(int fd, unsigned long dev, const fsf_fid& fid,
         return -1;
     struct stat st {};
     if (::fstat(fd, &st) < 0)
-        return fail(errno, "failed to stat");
+        return fail(*this, errno, "failed to stat"); // errno itself, here alone: callers know it so
     bool found = false;
     const int result = getStubData(fd, dev, fid, found, stubData, st.st_size);
-    return found ? result : fail(QZHSM_FAILURE, "Not a stub");
+    return found ? result : fail(*this, QZHSM_FAILURE, "Not a stub");
 }
 
 int QZHSMLowLevelQZFS::stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) {
-    if (!begin())
-        return -1;
-    CreateStubRecord record{};
+    auto record = recordFor<CreateStubRecord>(path);
     record.refTime = refTime;
     record.size = size;
-    setPath(record.path, path);
     setText(record.meta, stubMeta);
-    if (const int err = QZHSM_CREATE_STUB.send(admin_fd.get(), record))
-        return failRequest(QZHSM_CREATE_STUB, path, err);
+    if (ask(QZHSM_CREATE_STUB, record, path) < 0)
+        return -1;
     jrnStub(path, stubMeta);
     return 0;
+}
+
+int QZHSMLowLevelQZFS::restoreStub(const char* path, const std::vector<char>& stubData) {
+    if (!begin())
+        return -1;
+    std::vector<char> meta;
+    long long size = 0;
+    if (decodeStubData(*this, path, stubData, meta, size) < 0)
+        return -1;
+    auto record = recordFor<RestoreStubRecord>(path);
+    setText(record.meta, meta.data());
+    record.size = size;
+    if (askFurther(QZHSM_RESTORE_STUB, record, path) < 0)
+        return -1;
+    jrnStub(path, meta.data());
+    return 0;
+}
+
+int QZHSMLowLevelQZFS::restoreDone(const char* path, bool success, const std::list<long long>&) {
+    clearError(*this);
+    if (success)
+        jrnUnStub(path);
+    if (openAdminNode() < 0) // not `begin`: what a question to the journal left behind stays
+        return -1;
+    auto record = recordFor<DeleteStubRecord>(path);
+    record.failed = success ? 0 : 1;
+    return askFurther(QZHSM_DELETE_STUB, record, path);
 }

@@ -6,44 +6,44 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
+#include <string_view>
 
-struct DriverOperation;
-struct StatRecord;
+template <class Record>
+struct DriverRequest;
 
 /// Stubs that the kernel filter driver keeps. Each operation is one request on the driver's administrative
 /// device, "/dev/nkfsdm", which the first one opens and the object then keeps.
 ///
 /// A failed request has the driver's errno as reason in the text, and code 4 for a missing file, else -1,
-/// where nothing else is said. Where the driver is not loaded, or its device cannot be opened, an operation
-/// fails with -1 and says so, and the next call tries again. Paths beyond 2047 bytes and metadata beyond 2047
-/// bytes reach the driver cut.
+/// unless an operation says otherwise. If the driver is not loaded, or its device cannot be opened, an
+/// operation fails with -1 and says so, and the next call tries again. Paths beyond 2047 bytes and metadata
+/// beyond 2047 bytes reach the driver cut.
 ///
-/// Where the configuration says that the journal driver or the Sortwell component is installed
-/// ("nINSTALL" in section "Tessly/<instance>/JRN" or "Tessly/<instance>/Sortwell", read once), the journal is
-/// told of stubbing, un-stubbing and transparent writes. That changes no result: a notice that fails is a
-/// line in the log; a question that fails (where the file lies, whether its file system is tracked, which
-/// file it is) counts as "not tracked" and leaves code -1 and its text behind although the operation returns
-/// 0.
+/// If the configuration says that the journal driver or the Sortwell component is installed ("nINSTALL" in
+/// section "Tessly/<instance>/JRN" or "Tessly/<instance>/Sortwell", read once), the journal is told of
+/// stubbing, un-stubbing and transparent writes. That changes no result: a notice that fails is a line in the
+/// log; a question that fails (on which device the file lies, whether its file system is tracked, which file
+/// it is) counts as "not tracked" and leaves code -1 and its text behind although the operation returns 0.
 class QZHSM_API QZHSMLowLevelQZFS : public QZHSMLowLevel {
 public:
     QZHSMLowLevelQZFS();
     /// Ends a transparent session that is still open, and closes the device.
     ~QZHSMLowLevelQZFS() override;
 
-    /// Opens the administrative device where it is not open yet. 0, or -1.
+    /// Opens the administrative device unless it is open. 0, or -1.
     int openAdminNode();
 
     // --- Watching: the driver acts on watched file systems only ---
 
-    /// REQUIRES: the mount table has an entry for `path`, which may be any path in the file system.
+    /// `path` may be any path in the file system. Code -1, and nothing asked of the driver, if the mount
+    /// table has no entry for it.
     int startWatchingDirTree(const char* path) override;
     int stopWatchingDirTree(const char* path) override;
     /// Every failure is code -1.
     int stopWatchingDevice(unsigned long dev) override;
     /// As `isDMRFS`.
     int isDirBeingWatched(const char* path) override;
-    /// The driver's answer as it comes, not 0 where the file system is watched; or -1.
+    /// The driver's answer as it comes, not 0 if the file system is watched; or -1.
     int isDMRFS(const char* path) override;
     /// The same by device number.
     int isDMRFS(unsigned long dev);
@@ -69,19 +69,19 @@ public:
     /// 0, or -1: code -1 for what is not a stub and for whatever the driver's answer was; a file that cannot
     /// be looked at has `statFile`'s code. `stubData` is untouched on failure.
     int backupStub(const char* path, std::vector<char>& stubData) override;
-    /// The same by identifier, with `fd` open on the file. Where it cannot be looked at the code is errno.
+    /// The same by identifier, with `fd` open on the file. If it cannot be looked at the code is errno.
     int backupStub(int fd, unsigned long dev, const fsf_fid& fid, std::vector<char>& stubData);
 
     /// The driver compares `refTime` and `size` with the file's. Codes 2, 3, 4, 6 or 9 as the driver refuses,
     /// else -1; what is on disk after a refusal is the driver's to say, nothing is changed from here.
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
 
-    /// Nothing is asked of the driver where the stub data is corrupt (-1). Code 6 where the driver finds the
+    /// Nothing is asked of the driver if the stub data is corrupt (-1). Code 6 if the driver finds the
     /// request invalid. The file's data and size become what the driver makes of them.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
 
     /// With `success` the driver drops its record of the stub, else it keeps it. `ids` have no effect. The
-    /// journal is told of a success first, even where the driver then cannot be asked.
+    /// journal is told of a success first, even if the driver then cannot be asked.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
 
     // --- Transparent I/O: one session, on a descriptor to which the driver grants the stub's own data ---
@@ -91,8 +91,8 @@ public:
     /// for at most five seconds. `flags` concern the new file: O_TRUNC does not empty the stub. A `path` that
     /// is a symbolic link must lead to a stub on the link's file system.
     ///
-    /// 0, or -1: 8 for what is not a stub, 7 where the driver stayed busy, in which case the descriptor is
-    /// never closed; 4 or -1 otherwise. A process that is killed between making the file and removing its
+    /// 0, or -1: 8 for what is not a stub, 7 if the driver stayed busy, in which case the descriptor is never
+    /// closed; 4 or -1 otherwise. A process that is killed between making the file and removing its
     /// name leaves an empty file, named like the stub with ".nktmp." and a number behind.
     int openFileTrans(const char* path, int flags, int mode) override;
     /// The same on the caller's descriptor of the stub, which is duplicated and stays the caller's; the two
@@ -112,8 +112,8 @@ public:
 
     // --- The journal ---
 
-    /// 1 where the journal tracks the file's file system, with the device and, there, the identifier stored
-    /// through what is not null; 0 where not or where no journal is installed; -1 with code -1.
+    /// 1 if the journal tracks the file's file system; 0 if not, or if no journal is installed; -1 with code
+    /// -1. Stores the device and, if tracked, the identifier through what is not null.
     int isJRNFS(const char* path, unsigned long* dev, fsf_fid* fid);
     /// The same for a device: 1, 0 or -1.
     int isJRNFS(unsigned long dev);
@@ -128,16 +128,15 @@ protected:
     std::unique_ptr<FlrDriver> flr_driver;
 
 private:
-    /// Clears the error and opens the device: false, with the error set, where that fails.
+    /// Clears the error and opens the device: false, with the error set, if that fails.
     bool begin();
-    /// Fails with the operation's code for the driver's `err`; the text is `what`, ": " and the reason.
-    int failWith(const DriverOperation& operation, std::string_view what, int err);
-    /// The same with what failed being "NAME(`subject`) failed".
-    int failRequest(const DriverOperation& operation, std::string_view subject, int err);
-    /// What the driver says of a file: 0, or -1 with the error set.
-    int askStat(const char* path, StatRecord& record);
-    /// Writes the last error into the log. -1.
-    int logged(const char* tag);
+    /// Begins, asks the driver, and turns a refusal into code and text, in which `path` is named: 0, -1, or 1
+    /// for a refusal that is an answer.
+    template <class Record>
+    int ask(const DriverRequest<Record>& request, Record& record, std::string_view path);
+    /// The same of a device that is open, with whatever error stands.
+    template <class Record>
+    int askFurther(const DriverRequest<Record>& request, Record& record, std::string_view path);
 
     void jrnStub(const char* path, const char* meta);
     void jrnUnStub(const char* path);

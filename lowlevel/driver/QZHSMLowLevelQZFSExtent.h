@@ -9,8 +9,8 @@
 ///
 /// Threads. Opens, closes and writes of one session may come from several threads; every other operation is
 /// the caller's to serialise. Writing holds no lock, so each thread's writes must lie between an open and a
-/// close of its own. Where they do not, and the session's last close comes first, a write fails; if the
-/// process has opened another file in the meantime, the write can even land in that file.
+/// close of its own. A write that comes after the session's last close fails; if the process has opened
+/// another file in the meantime, it can even land in that file.
 ///
 /// While several threads write, go by the results alone: the last error is the last writer's to set or clear,
 /// and not to be read.
@@ -28,12 +28,10 @@ public:
     int writeFileTrans(const void* buf, int len, long long offset) override;
     /// Does nothing: 1.
     long long seekFileTrans(long long offset, int whence) override;
-    /// Ends the session where this matches its first open. Always 0.
+    /// Ends the session if this matches its first open. Always 0.
     int closeFileTrans() override;
 
 private:
-    int failWrite(std::string text);
-
     int64_t open_count = 0;
     FXMutex trans_lock;
     FXMutex error_lock; ///< of the last error, between writers

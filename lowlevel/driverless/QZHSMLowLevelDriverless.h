@@ -11,8 +11,8 @@ class Helper;
 }
 
 /// Stubs on any local file system, without help from the kernel. A stub keeps its size; the stub text lies at
-/// offset 0 and the rest is a hole. Where user attributes work, "user.NkStubFile" = "1" marks it, and the
-/// mark alone decides; elsewhere valid stub text in the first 1024 bytes does.
+/// offset 0 and the rest is a hole. If user attributes work, "user.NkStubFile" = "1" marks it, and the mark
+/// alone decides; elsewhere valid stub text in the first 1024 bytes does.
 ///
 /// Symbolic links are followed, except by `statFile`. A copy that keeps attributes copies the mark too.
 ///
@@ -29,26 +29,23 @@ public:
     bool isArchiveAndDelete() const { return m_archiveAndDelete; }
     bool isArchiveNonExtData() const { return m_archiveNonExtData; }
 
-    // --- Watching: there is nothing to watch with; these clear the error and answer 0 ---
+    // --- Watching: nothing intercepts access here; the first three clear the error and answer 0 ---
 
     int startWatchingDirTree(const char* dirPath) override;
     int stopWatchingDirTree(const char* dirPath) override;
     int stopWatchingDevice(unsigned long device) override;
-    /// 1 where the directory, an absolute path, lies in one of the client's migrated trees, else 0. The list
-    /// is read anew each time.
+    /// 1 if the directory, an absolute path, lies in one of the client's migrated trees, else 0. The list is
+    /// read anew each time.
     int isDirBeingWatched(const char* dirPath) override;
-
-    // --- Where stubs can be kept ---
-
-    /// 1 where user attributes work, or need not. Else 0 with code 0 and a text that names the file system.
+    /// 1 if user attributes work, or need not. Else 0 with code 0 and a text that names the file system.
     int isDMRFS(const char* path) override;
     /// The same, remembered for the last path asked, for all objects of the process together; devices found
     /// without attributes are noted. Callers on several threads serialise.
     bool isDMRFSforInPlaceRestore(const char* path);
     /// Appends the mount directory of each noted device and a blank. The mount table is read once.
     void getNonXATTRmountPoints(std::string& out);
-    /// Reads the mount table: the result of the last lstat of a mount directory, or of reading the table
-    /// where it listed none.
+    /// Reads the mount table: the result of the last lstat of a mount directory, or of reading the table if
+    /// it listed none.
     int populateMountPointDetails();
 
     // --- The life of a stub ---
@@ -63,34 +60,43 @@ public:
     int backupStub(const char* path, std::vector<char>& stubData) override;
 
     /// `size` has no effect: the file's own size counts. Times are put back in whole seconds. A file shorter
-    /// than its stub text grows to that length; an empty one fails after it was emptied.
+    /// than its stub text grows to that length; an empty one fails after it was marked. A stub is refused
+    /// (EEXIST) by its mark; without attributes it is stubbed again, and its metadata is replaced.
     ///
     /// Any record lock of another process refuses the file. Asking for it opens and closes the file, and by
     /// POSIX rules that drops every record lock that the calling process itself holds on it.
     ///
-    /// On disk after a failure: untouched where the file is missing (4), was modified after `refTime` (3), is
-    /// not regular (-1), or the stub text would exceed 4096 bytes (-1, EMSGSIZE's text). The mark is created,
-    /// never replaced: where it cannot be, the code is errno itself (EEXIST for a file marked already), and
-    /// the file is untouched. Every later failure leaves the mark: the data is still there where the file
-    /// could not be opened (-1), is locked (3) or could not be truncated (-1); it is gone where the text
-    /// could not be written (-1; a write that is merely short is not noticed); the stub is complete where the
-    /// times could not be put back (-1).
+    /// On disk after a failure:
+    ///  - untouched: the file is missing (4), was modified after `refTime` (3), is not regular (-1), its stub
+    ///    text would exceed 4096 bytes (-1, EMSGSIZE's text), or the mark cannot be created (the code is
+    ///    errno itself; EEXIST if it is there already, since it is never replaced);
+    ///  - marked, with its data: it could not be opened (-1), is locked (3), or could not be truncated (-1);
+    ///  - marked, without its data: the text could not be written (-1; a merely short write is not noticed);
+    ///  - a complete stub: the times could not be put back (-1).
+    ///
+    /// The same states, one after the other, are what a kill leaves: untouched; marked, with its data
+    /// (`isStub` answers 1); marked and empty; marked, of the old size, all hole; a complete
+    /// stub with the time of the kill as modification time; a complete stub. After a power cut any of these
+    /// may be found, as nothing is flushed here. Between emptying and writing the text nothing on disk says
+    /// what the stub was; without attributes nothing says then that it was one.
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
 
     /// Creates a missing file with mode 0600; what an existing one held is lost, its mode kept. Times are not
-    /// set. The mark comes first. So where `path` does not exist yet on a file system with attributes, the
-    /// mark has nothing to land on and the file made is not marked: create it empty before.
+    /// set. The mark comes first: on a file system with attributes a missing path gives it nothing to land
+    /// on, and the file made is not marked. Create it empty before.
     ///
-    /// On disk after a failure: untouched where the mark cannot be set (code errno; EEXIST for a stub);
-    /// marked, with its data, where the stub data is corrupt or the file cannot be opened (-1); marked and
-    /// emptied where writing fails (-1), as it does for stub data that records size 0.
+    /// On disk after a failure: untouched if the mark cannot be set (code errno; EEXIST for a stub); marked,
+    /// with its data, if the stub data is corrupt or the file cannot be opened (-1); marked and emptied if
+    /// writing fails (-1), as it does for stub data that records size 0. A kill leaves: untouched; marked,
+    /// with its data; marked and empty; marked, of the stub's size, with none or some of the text; a complete
+    /// stub.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
 
-    /// With `success` removes the mark. 0, or negative with the code errno, where there was none too. Does
+    /// With `success` removes the mark. 0, or negative with the code errno, as for a file without one. Does
     /// not clear the error. `ids` have no effect.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
 
-    // --- Transparent I/O: plain I/O on one descriptor, as nothing intercepts it ---
+    // --- Transparent I/O: plain I/O on one descriptor, which nothing intercepts ---
 
     int openFileTrans(const char* path, int flags, int mode) override;
     int readFileTrans(void* buf, int len) override;
@@ -108,12 +114,6 @@ public:
     int statFile(const char* path, struct stat* st) override;
 
 private:
-    int failFromAcl();
-    /// Sets the mark where attributes work. 0, or -1 with the error set.
-    int mark(const char* path);
-    /// Gives an empty file its stub's size as a hole; the descriptor ends at offset 0.
-    static bool makeHole(int fd, long long size);
-
     int m_transFd = -1;
     bool m_archiveNonExtData = false;
     bool m_archiveAndDelete = false;

@@ -22,7 +22,7 @@ public:
     FXLockableResource& operator=(const FXLockableResource&) = delete;
     virtual ~FXLockableResource();
 
-    /// One attempt: true where the lock was taken. Its holder may take it again, and then has to unlock it as
+    /// One attempt: true if the lock was taken. Its holder may take it again, and then has to unlock it as
     /// often; nobody else may unlock it.
     virtual bool TryLock() = 0;
     /// The base makes one attempt without waiting, whatever the timeout.

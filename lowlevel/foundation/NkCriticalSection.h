@@ -12,7 +12,7 @@ public:
     /// With a null handle `enter` and `leave` do nothing.
     explicit NkCriticalSection(std::unique_ptr<NkCriticalSectionH> handle) : m_handle(std::move(handle)) {}
 
-    /// True once inside. Without `wait`, false at once where another thread is inside.
+    /// True once inside. Without `wait`, false at once if another thread is inside.
     bool enter(bool wait) { return !m_handle || m_handle->enter(wait); }
     void leave() {
         if (m_handle)
@@ -23,7 +23,7 @@ private:
     std::unique_ptr<NkCriticalSectionH> m_handle;
 };
 
-/// Inside a critical section from construction to destruction; with null, nowhere.
+/// Holds a critical section from construction to destruction; with null it does nothing.
 class NkCriticalSectionLock {
 public:
     explicit NkCriticalSectionLock(NkCriticalSection* cs) : m_cs(cs) {

@@ -1,4 +1,7 @@
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
+
+#include "lowlevel/internal/LastError.h"
+#include "lowlevel/internal/TransparentIo.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/errors/FXString.h"
 #include "platform/files/utf_files.h"
@@ -7,52 +10,42 @@
 #include <unistd.h>
 
 int QZHSMLowLevelGlusterFs::openFileTrans(const char* path, int flags, int mode) {
-    clearError();
+    clearError(*this);
     if (transFd >= 0)
-        return failSecondOpen(path);
+        return failSecondOpen(*this, path);
     transFd = open_utf(path, flags, static_cast<mode_t>(mode));
     if (transFd < 0)
-        return fail(QZHSM_FAILURE,
+        return fail(*this, QZHSM_FAILURE,
                     FXString::Format("open(%s) failed, error=%s", path, errnoReason(errno).c_str()));
     return 0;
 }
 
 int QZHSMLowLevelGlusterFs::readFileTrans(void*, int) {
-    return refuse("readFileTrans");
+    return refuse(*this, "readFileTrans");
 }
 
 int QZHSMLowLevelGlusterFs::writeFileTrans(const void* buf, int len, long long) {
-    clearError();
+    clearError(*this);
     const ssize_t written = ::write(transFd, buf, static_cast<size_t>(len));
     if (written < 0)
-        return fail(QZHSM_FAILURE,
+        return fail(*this, QZHSM_FAILURE,
                     FXString::Format("write(%d) failed error=%s", transFd, errnoReason(errno).c_str()));
     return static_cast<int>(written);
 }
 
 long long QZHSMLowLevelGlusterFs::seekFileTrans(long long offset, int whence) {
-    clearError();
+    clearError(*this);
     const off_t position = ::lseek(transFd, offset, whence);
     if (position == -1)
-        fail(QZHSM_FAILURE,
+        fail(*this, QZHSM_FAILURE,
              FXString::Format("seek(%d) failed error=%s", transFd, errnoReason(errno).c_str()));
     return position;
 }
 
 int QZHSMLowLevelGlusterFs::closeFileTrans() {
-    clearError();
+    clearError(*this);
     if (transFd >= 0)
         ::close(transFd);
     transFd = -1;
     return 0;
-}
-
-int QZHSMLowLevelGlusterFs::setAMCTime(const char* path, long atime, long mtime, long) {
-    clearError();
-    return setTimes(path, atime, mtime);
-}
-
-int QZHSMLowLevelGlusterFs::statFile(const char* path, struct stat* st) {
-    clearError();
-    return statPath(path, st);
 }

@@ -4,7 +4,6 @@
 #include "platform/errors/CWbError.h"
 
 #include <string>
-#include <string_view>
 #include <utility>
 
 /// Stubs on a GlusterFS volume that uses the cloudsync feature. A file is a stub when it has all of
@@ -38,7 +37,7 @@ public:
 
     // --- The life of a stub ---
 
-    /// 1 where `success` is true, else 0. No attribute is changed: the volume ends the stub.
+    /// 1 if `success` is true, else 0. No attribute is changed: the volume ends the stub.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
     /// Code 8 stands after a success too: go by the result. A file that is not a stub, or whose stub text is
     /// corrupt: -1 with code -1. A stub without stub text of at most 4096 bytes: 0, and 4096 zero bytes.
@@ -46,19 +45,19 @@ public:
     /// Creates the completion marker, "trusted.glusterfs.csou.complete", with the file's modification time.
     /// `stubData` has no effect. Code -1 throughout, and a text that names stubFile.
     ///
-    /// On disk after a failure: nothing for a missing file. Where the marker cannot be created, as where
-    /// there is one already, the file loses the other four attributes that `stubFile` writes: it is no
-    /// stub from then on, and can be stubbed again only once the marker is removed.
+    /// On disk after a failure: nothing for a missing file. If the marker cannot be created, for one because
+    /// it is there already, the file loses the other four attributes that `stubFile` writes: it is no stub
+    /// from then on, and can be stubbed again only once the marker is removed.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
-    /// 1 or 0, with code 8 and "`path` is not a stub" in either case: go by the result. Stub text that is
-    /// there must be valid; there need be none. No data is read. Like `getStubData` it does not return for
-    /// stub text that is cut short.
+    /// 1 or 0, with code 8 and "`path` is not a stub" in either case: go by the result. A stub may lack stub
+    /// text, but what there is must be valid. No data is read. Like `getStubData` it does not return for stub
+    /// text that is cut short.
     int isStub(const char* path) override;
     /// Always 0, with state 2; `isStub`'s error stands.
     int getFileInfo(const char* path, bool* isStub, int* state) override;
 
     /// `stubMeta` must hold a version GUID of 32 hexadecimal digits without dashes. `size` has no effect: the
-    /// file's own size counts. Stub text beyond 4096 bytes is written where the file system takes it, but
+    /// file's own size counts. Stub text beyond 4096 bytes is written if the file system takes it, but
     /// `backupStub` cannot read it back.
     ///
     /// Code -1 throughout, also for a missing file and for one modified since `refTime`. On disk after any
@@ -101,10 +100,6 @@ public:
                                                   std::string& versionGuid);
 
 private:
-    /// Creates one of the attributes. On failure removes those before it in the set: -1 with the error set,
-    /// `shown` being the value's part in the text.
-    int createOrUndo(const char* path, size_t attribute, std::string_view value, const char* shown);
-
     int transFd = -1;
     std::string storeId;
 };

@@ -13,7 +13,7 @@ public:
     int isDirBeingWatched(const char* dirPath) override;
     /// Always 1.
     int isDMRFS(const char* path) override;
-    /// 1 where `success` is true, else 0.
+    /// 1 if `success` is true, else 0.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
     int backupStub(const char* path, std::vector<char>& stubData) override;
     int restoreStub(const char* path, const std::vector<char>& stubData) override;

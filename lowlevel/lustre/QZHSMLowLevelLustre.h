@@ -16,7 +16,8 @@
 /// There is no transparent I/O and no setting of times: those fail with code 38.
 class QZHSM_API QZHSMLowLevelLustre : public QZHSMLowLevel {
 public:
-    /// Loads the Lustre user library. Where that fails there is a line in the log, and `stubFile` will fail.
+    /// Loads the Lustre user library, and reads from the configuration how long `stubFile` waits. If the
+    /// library cannot be loaded there is a line in the log, and `stubFile` will fail.
     QZHSMLowLevelLustre();
     ~QZHSMLowLevelLustre() override;
 
@@ -32,56 +33,52 @@ public:
 
     // --- The life of a stub ---
 
-    /// What "lfs hsm_state" prints: 0, whatever its exit status, or -1 with `state` untouched where it could
-    /// not be run.
+    /// What "lfs hsm_state" prints: 0, whatever its exit status, or -1 with `state` untouched if it could not
+    /// be run.
     int getHSMState(const char* path, std::string& state);
     /// 1 for a stub. Else 0: with code 8 for a file without the attribute, which starts no process, with code
-    /// 0 for one whose data is there, with code -1 where the state could not be learned. Symbolic links are
-    /// not followed.
+    /// 0 for one whose data is there, with code -1 if the state could not be learned. Symbolic links are not
+    /// followed.
     int isStub(const char* path) override;
     /// Always 0, with state 2; `isStub`'s error stands.
     int getFileInfo(const char* path, bool* isStub, int* state) override;
 
     /// Has Lustre archive the file, with `stubMeta`, "|" and `refTime` in decimal for the copy agent, waits
-    /// for that as long as the configuration says, and releases it. `refTime` is not compared with the file's
-    /// time here, and `size` has no effect. 0, or -1 with code -1; 0 even where Lustre refused the release,
-    /// which shows in the state.
+    /// for that as long as the configuration says ("archiveTimeout" in section "Lustre", in seconds, default
+    /// 3600), and releases it. `refTime` is not compared with the file's time here, and `size` has no effect.
+    /// 0, or -1 with code -1; 0 even if Lustre refused the release, which shows in the state.
     ///
-    /// On disk after a failure: the data; perhaps the attribute, since what was requested goes on after a
-    /// time-out (ETIMEDOUT's text) too. Where the release could not be run the attribute is removed.
+    /// On disk after a failure: the data; perhaps the attribute, since Lustre may go on with the request
+    /// after a time-out (ETIMEDOUT's text). If the release could not be run the attribute is removed.
     int stubFile(const char* path, const char* stubMeta, time_t refTime, long long size) override;
-    /// Has Lustre give the data of an archived file up. 0, whatever the command's exit status (a refused
-    /// release shows in the state), or -1 where it could not be run; with `removeAttrOnFailure` the file then
+    /// Has Lustre give up the data of an archived file. 0, whatever the command's exit status (a refused
+    /// release shows in the state), or -1 if it could not be run; with `removeAttrOnFailure` the file then
     /// loses its stub text.
     int releaseFile(const char* path, bool removeAttrOnFailure);
-    /// 0, or -1: with code 8 for an attribute that holds no stub text, with code 0 where there is none.
+    /// 0, or -1: with code 8 for an attribute that holds no stub text, with code 0 if there is none.
     int backupStub(const char* path, std::vector<char>& stubData) override;
 
     /// Creates a missing file with mode 0600; what an existing one held is lost. A size of 0 fails.
     /// 0, or -1 with code -1.
     ///
-    /// On disk after a failure: untouched where the stub data is corrupt; emptied where the attribute is
-    /// there already, or cannot be set; with the attribute, but of another size, where that cannot be set;
-    /// whole but without the attribute where the release could not be run.
+    /// On disk after a failure: untouched if the stub data is corrupt; emptied if the attribute is there
+    /// already or cannot be set; with the attribute but empty if the size cannot be set; of the right size
+    /// but without the attribute if the release could not be run.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
-    /// 1 where `success` is true, else 0. Nothing else is done: Lustre ends the stub.
+    /// 1 if `success` is true, else 0. Nothing else is done: Lustre ends the stub.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
 
-    // --- Not implemented: code 38 ---
+    // --- Transparent I/O: not implemented, code 38 ---
 
     int openFileTrans(const char* path, int flags, int mode) override;
     int readFileTrans(void* buf, int len) override;
     int writeFileTrans(const void* buf, int len, long long offset) override;
     long long seekFileTrans(long long offset, int whence) override;
     int closeFileTrans() override;
+
+    // --- Times and stat ---
+
+    /// Always -1, with code 38.
     int setAMCTime(const char* path, long atime, long mtime, long ctime) override;
-
-    // --- Stat ---
-
     int statFile(const char* path, struct stat* st) override;
-
-private:
-    /// Runs a command on the path and gives its standard output and error: negative where it could not be
-    /// run, with the error set.
-    int runOn(const char* command, const char* path, std::string& out, std::string& err);
 };

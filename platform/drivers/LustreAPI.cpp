@@ -1,19 +1,15 @@
 #include "platform/drivers/LustreAPI.h"
 
-#include "platform/config/NkRegKey.h"
 #include "platform/drivers/LustreRecords.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 namespace {
 
@@ -27,8 +23,6 @@ struct Functions {
 std::mutex loadLock;
 Functions loadedFunctions;
 std::atomic<const Functions*> functions{nullptr};
-constexpr unsigned kDefaultTimeoutSeconds = 3600;
-std::atomic<unsigned> archiveTimeoutSeconds{kDefaultTimeoutSeconds};
 
 template <class Function>
 bool bind(void* library, const char* name, Function& function) {
@@ -57,43 +51,14 @@ std::string load() {
     return {};
 }
 
-void readConfiguration() {
-    NkRegKey key(true);
-    const char* timeout = key.open("Lustre", true) == 0 ? key.getValue("archiveTimeout") : nullptr;
-    unsigned seconds = kDefaultTimeoutSeconds;
-    if (timeout)
-        std::from_chars(timeout, timeout + std::strlen(timeout), seconds);
-    archiveTimeoutSeconds = seconds;
-}
-
-/// A release before the file is archived and unchanged is refused, so this waits for both; and an archived
-/// copy that is lost is none.
-int waitUntilArchived(const char* path, std::string& errorText) {
-    using namespace std::chrono;
-    constexpr milliseconds kLongestPause{1000};
-    const seconds timeout(archiveTimeoutSeconds);
-    const auto deadline = steady_clock::now() + timeout;
-    for (milliseconds pause{1};; pause = std::min(2 * pause, kLongestPause)) {
-        HsmState state{};
-        if (const int result = functions.load()->stateGet(path, &state); result < 0) {
-            errorText = "Failed to learn the HSM state of";
-            return result;
-        }
-        if ((state.states & (kHsmArchived | kHsmDirty | kHsmLost)) == kHsmArchived)
-            return 0;
-        const auto left = duration_cast<milliseconds>(deadline - steady_clock::now());
-        if (left <= milliseconds::zero()) {
-            errorText = "Not archived within " + std::to_string(timeout.count()) + " seconds:";
-            return -ETIMEDOUT;
-        }
-        std::this_thread::sleep_for(std::min(pause, left));
-    }
+int notLoaded(std::string& errorText) {
+    errorText = "The Lustre library is not loaded:";
+    return -ENOSYS;
 }
 
 } // namespace
 
 CWbError LustreAPI::LoadFunctions() {
-    readConfiguration();
     const std::string missing = load();
     if (missing.empty())
         return CWbError::Success();
@@ -102,10 +67,8 @@ CWbError LustreAPI::LoadFunctions() {
 
 int LustreAPI::HSMArchive(const char* path, const char* requestData, std::string& errorText) {
     const Functions* lustre = functions;
-    if (!lustre) {
-        errorText = "The Lustre library is not loaded:";
-        return -ENOSYS;
-    }
+    if (!lustre)
+        return notLoaded(errorText);
     const size_t dataLength = std::strlen(requestData);
     const std::unique_ptr<void, void (*)(void*)> memory(lustre->requestAlloc(1, static_cast<int>(dataLength)),
                                                         std::free);
@@ -131,5 +94,18 @@ int LustreAPI::HSMArchive(const char* path, const char* requestData, std::string
         errorText = "Failed to request archiving of";
         return result;
     }
-    return waitUntilArchived(path, errorText);
+    return 0;
+}
+
+int LustreAPI::HSMStates(const char* path, uint32_t& states, std::string& errorText) {
+    const Functions* lustre = functions;
+    if (!lustre)
+        return notLoaded(errorText);
+    HsmState state{};
+    if (const int result = lustre->stateGet(path, &state); result < 0) {
+        errorText = "Failed to learn the HSM state of";
+        return result;
+    }
+    states = state.states;
+    return 0;
 }

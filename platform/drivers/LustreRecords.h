@@ -12,9 +12,6 @@ static_assert(sizeof(lu_fid) == 16 && offsetof(lu_fid, f_oid) == 8 && offsetof(l
 
 constexpr uint32_t kHsmArchive = 10;          ///< the action
 constexpr uint64_t kWholeFile = ~uint64_t{0}; ///< the extent's length
-constexpr uint32_t kHsmDirty = 2;             ///< states
-constexpr uint32_t kHsmArchived = 8;
-constexpr uint32_t kHsmLost = 0x40;
 
 struct HsmRequest {
     uint32_t action;

@@ -1,5 +1,7 @@
-#include "lowlevel/driver/DriverRequests.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+
+#include "lowlevel/driver/DriverRequests.h"
+#include "lowlevel/internal/LastError.h"
 #include "platform/config/NKPI_Focus.h"
 #include "platform/config/NkRegKey.h"
 #include "platform/drivers/QZHSMServiceHelper.h"
@@ -17,6 +19,20 @@ void setText(DriverText& field, const char* text) {
 
 void setPath(DriverText& field, const char* path) {
     setText(field, LocalPath(path).c_str());
+}
+
+int failRequest(QZHSMLowLevel& backEnd, const DriverOperation& operation, std::string_view path, int err) {
+    int code = QZHSM_FAILURE;
+    for (const DriverErrno& known : operation.errnos)
+        if (known.err == err)
+            code = known.code;
+    if (code == QZHSM_SUCCESS)
+        return 1;
+    constexpr std::string_view kPlace = "%s";
+    std::string what = operation.failure;
+    if (const size_t at = what.find(kPlace); at != std::string::npos)
+        what.replace(at, kPlace.size(), path);
+    return failErrno(backEnd, code, what, "", err);
 }
 
 QZHSMLowLevelQZFS::QZHSMLowLevelQZFS() {
@@ -44,27 +60,14 @@ int QZHSMLowLevelQZFS::openAdminNode() {
     if (admin_fd.isOpen())
         return 0;
     if (!QZHSMServiceHelper::IsFSFDriverLoaded())
-        return fail(QZHSM_FAILURE, "FSF driver is not loaded");
+        return fail(*this, QZHSM_FAILURE, "FSF driver is not loaded");
     admin_fd = UniqueFd(::open(kDriverDevice, O_RDWR));
     if (!admin_fd.isOpen())
-        return failErrno(QZHSM_FAILURE, "Failed to open ", kDriverDevice, errno);
+        return failErrno(*this, QZHSM_FAILURE, "Failed to open ", kDriverDevice, errno);
     return 0;
 }
 
 bool QZHSMLowLevelQZFS::begin() {
-    clearError();
+    clearError(*this);
     return openAdminNode() == 0;
-}
-
-int QZHSMLowLevelQZFS::failWith(const DriverOperation& operation, std::string_view what, int err) {
-    int code = QZHSM_FAILURE;
-    for (const DriverErrno& known : operation.errnos)
-        if (known.err == err)
-            code = known.code;
-    return failErrno(code, what, "", err);
-}
-
-int QZHSMLowLevelQZFS::failRequest(const DriverOperation& operation, std::string_view subject, int err) {
-    return failWith(operation, std::string(operation.name).append("(").append(subject).append(") failed"),
-                    err);
 }

@@ -1,5 +1,6 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 
+#include "lowlevel/internal/LastError.h"
 #include "platform/config/NKPI_Focus.h"
 #include "platform/files/NkACL.h"
 #include "platform/files/utf_files.h"
@@ -8,37 +9,39 @@
 #include "platform/mounts/skipFS.h"
 
 int QZHSMLowLevelDriverless::startWatchingDirTree(const char*) {
-    return succeed();
+    return succeed(*this);
 }
 
 int QZHSMLowLevelDriverless::stopWatchingDirTree(const char*) {
-    return succeed();
+    return succeed(*this);
 }
 
 int QZHSMLowLevelDriverless::stopWatchingDevice(unsigned long) {
-    return succeed();
+    return succeed(*this);
 }
 
 int QZHSMLowLevelDriverless::isDirBeingWatched(const char* dirPath) {
-    clearError();
+    clearError(*this);
     std::string dir = dirPath;
     const QZHSMMigratedDirTrees trees(true, NKPI_Focus::getFocusClientName(true));
     return trees.wasDirMigrated(dirPath, &dir) != 0 ? 1 : 0;
 }
 
 int QZHSMLowLevelDriverless::isDMRFS(const char* path) {
-    clearError();
+    clearError(*this);
     if (m_archiveAndDelete || m_aclHelper->supportsXattr(path) || m_archiveNonExtData)
         return 1;
     bool skip = false;
-    // Not a failure, so the code stays clear; the text is for whoever asks why.
-    m_errorText = "Extended Attribute is not supported in [ " +
-                  skipFS::getInstance().GetFsType(path, skip, nullptr) +
-                  " ] or extended attributed is disabled in mount option. ";
+    // No failure, so the code stays clear; the text tells why. Its wording and its last blank are known to
+    // callers.
+    explain(*this, "Extended Attribute is not supported in [ " +
+                       skipFS::getInstance().GetFsType(path, skip, nullptr) +
+                       " ] or extended attributed is disabled in mount option. ");
     return 0;
 }
 
 bool QZHSMLowLevelDriverless::isDMRFSforInPlaceRestore(const char* path) {
+    // One answer for the whole process, in which the mode of the object has no part: callers rely on it.
     static std::string prevDirName;
     static bool prevIsDMRFS = false;
     if (prevDirName == path)

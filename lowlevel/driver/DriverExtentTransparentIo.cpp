@@ -1,5 +1,6 @@
 #include "lowlevel/driver/QZHSMLowLevelQZFSExtent.h"
 #include "lowlevel/foundation/auto_lock.h"
+#include "lowlevel/internal/LastError.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/logging/ProcessLog.h"
 
@@ -34,15 +35,14 @@ int QZHSMLowLevelQZFSExtent::closeFileTrans() {
     return QZHSMLowLevelQZFS::closeFileTrans();
 }
 
-int QZHSMLowLevelQZFSExtent::failWrite(std::string text) {
-    const auto_lock lock(&error_lock);
-    return fail(QZHSM_FAILURE, std::move(text));
-}
-
 int QZHSMLowLevelQZFSExtent::writeFileTrans(const void* buf, int len, long long offset) {
+    const auto failWrite = [this](std::string text) {
+        const auto_lock lock(&error_lock);
+        return fail(*this, QZHSM_FAILURE, std::move(text));
+    };
     {
         const auto_lock lock(&error_lock);
-        clearError();
+        clearError(*this);
     }
     if (!trans_fd.isOpen()) {
         if (CLogWriterInterface* log = processLog(-1))
