@@ -2,7 +2,7 @@
 
 #include "emulator/DriverEmulator.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
-#include "platform/stub/StubText.h"
+#include "tests/support/StubData.h"
 #include "tests/support/TestFs.h"
 
 #include <cstring>
@@ -14,9 +14,7 @@
 inline constexpr const char* kMeta = "versionGuid=0123;job=7";
 
 inline std::vector<char> stubDataOf(const std::string& meta, long long size) {
-    std::vector<char> data(static_cast<size_t>(qzhsm_meta2stub(meta.c_str(), size, nullptr, 0)));
-    qzhsm_meta2stub(meta.c_str(), size, data.data(), static_cast<int>(data.size()));
-    return data;
+    return bytes(stubText(meta, size));
 }
 
 /// While it lives, the process can open nothing.

@@ -1,7 +1,9 @@
 #include "tests/support/TestFs.h"
 
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -13,37 +15,58 @@
 #include <unistd.h>
 #include <utime.h>
 
+namespace fs = std::filesystem;
+
 namespace {
 
-/// Mounts vanish with the process, whatever becomes of it.
-bool havePrivateMounts() {
-    static const bool have =
-        ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    return have;
+std::string newDirectory(const char* shape) {
+    std::string name = ::testing::TempDir() + shape;
+    if (!::mkdtemp(name.data()))
+        throw std::runtime_error("cannot make " + name);
+    return name;
 }
 
-std::string temporary(const char* shape) {
-    return ::testing::TempDir() + shape;
+std::string newFile(const char* shape) {
+    std::string name = ::testing::TempDir() + shape;
+    ::close(::mkstemp(name.data()));
+    return name;
+}
+
+/// Mounts vanish with the process, whatever becomes of it. In a chroot the root directory is no mount point,
+/// but one of the directories on the way to the tests' own may be. The answer is what stands in the way.
+std::string makeMountsPrivate() {
+    if (::unshare(CLONE_NEWNS) < 0)
+        return std::string("mounting file systems needs root: ") + std::strerror(errno);
+    fs::path dir;
+    for (const fs::path& name : fs::canonical(::testing::TempDir()))
+        if (::mount(nullptr, (dir /= name).c_str(), nullptr, MS_REC | MS_PRIVATE, nullptr) == 0)
+            return "";
+    return "TEST_TMPDIR must lie on a mount point of its own, as the root directory is none";
 }
 
 } // namespace
 
-TestFs::TestFs(FsKind kind, const std::string& options) : m_dir(temporary("qzhsm-fs-XXXXXX")) {
-    if (!::mkdtemp(m_dir.data()) || !havePrivateMounts())
+TestFs::TestFs(FsKind kind, const std::string& options) : m_dir(newDirectory("qzhsm-fs-XXXXXX")) {
+    static const std::string whyNoMounts = makeMountsPrivate();
+    m_why = whyNoMounts;
+    if (!m_why.empty())
         return;
-    if (kind != FsKind::Ext4) {
-        const char* type = kind == FsKind::Tmpfs ? "tmpfs" : "ramfs";
-        m_ok = ::mount("none", m_dir.c_str(), type, 0, options.c_str()) == 0;
-        return;
+    bool mounted = false;
+    const char* type = kind == FsKind::Ext4 ? "ext4" : kind == FsKind::Tmpfs ? "tmpfs" : "ramfs";
+    if (kind == FsKind::Ext4) {
+        m_image = m_dir + ".img";
+        const std::string make = "truncate -s 64M " + m_image + " && mkfs.ext4 -q " + m_image +
+                                 " && mount -o loop " + m_image + " " + m_dir;
+        mounted = std::system(make.c_str()) == 0;
+    } else {
+        mounted = ::mount("none", m_dir.c_str(), type, 0, options.c_str()) == 0;
     }
-    m_image = m_dir + ".img";
-    const std::string make = "truncate -s 64M " + m_image + " && mkfs.ext4 -q " + m_image +
-                             " && mount -o loop " + m_image + " " + m_dir;
-    m_ok = std::system(make.c_str()) == 0;
+    if (!mounted)
+        m_why = std::string(type) + " cannot be mounted";
 }
 
 TestFs::~TestFs() {
-    if (m_ok)
+    if (m_why.empty())
         ::umount2(m_dir.c_str(), MNT_DETACH);
     ::rmdir(m_dir.c_str());
     if (!m_image.empty())
@@ -93,28 +116,30 @@ void setAttribute(const std::string& path, const char* name, const std::string& 
     ASSERT_EQ(::setxattr(path.c_str(), name, value.data(), value.size(), 0), 0) << path;
 }
 
-Latin1Locale::Latin1Locale() : m_dir(temporary("qzhsm-locale-XXXXXX")) {
-    if (!::mkdtemp(m_dir.data()) ||
-        std::system(("localedef -f ISO-8859-1 -i de_DE " + m_dir + "/latin1").c_str()) != 0)
+long entriesOf(const std::string& dir) {
+    return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
+}
+
+long openDescriptors() {
+    return entriesOf("/proc/self/fd");
+}
+
+Latin1Locale::Latin1Locale() : m_dir(newDirectory("qzhsm-locale-XXXXXX")), m_named("LOCPATH", m_dir) {
+    if (std::system(("localedef -f ISO-8859-1 -i de_DE " + m_dir + "/latin1").c_str()) != 0 ||
+        !std::setlocale(LC_ALL, "latin1"))
         throw std::runtime_error("needs package locales");
-    ::setenv("LOCPATH", m_dir.c_str(), 1);
-    if (!std::setlocale(LC_ALL, "latin1"))
-        throw std::runtime_error("cannot set the locale");
 }
 
 Latin1Locale::~Latin1Locale() {
     std::setlocale(LC_ALL, "C");
-    ::unsetenv("LOCPATH");
-    std::filesystem::remove_all(m_dir);
+    fs::remove_all(m_dir);
 }
 
-TestConfig::TestConfig(const std::string& content) : m_file(temporary("qzhsm-conf-XXXXXX")) {
-    ::close(::mkstemp(m_file.data()));
+TestConfig::TestConfig(const std::string& content)
+    : m_file(newFile("qzhsm-conf-XXXXXX")), m_named("QZHSM_CONFIG", m_file) {
     writeFile(m_file, content);
-    ::setenv("QZHSM_CONFIG", m_file.c_str(), 1);
 }
 
 TestConfig::~TestConfig() {
-    ::unsetenv("QZHSM_CONFIG");
     ::unlink(m_file.c_str());
 }

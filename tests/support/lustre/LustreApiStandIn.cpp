@@ -1,6 +1,6 @@
 #include "platform/Export.h"
 #include "platform/drivers/LustreAPI.h"
-#include "platform/stub/StubText.h"
+#include "tests/support/StubData.h"
 
 #include <cerrno>
 #include <chrono>
@@ -10,11 +10,10 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/xattr.h>
-#include <vector>
 
 // Stands in for Lustre's user library and for a site's copy agent, beside the command "lfs", which says where
-// a file's state is kept. The copy is whole after LUSTRE_DELAY_MS. LUSTRE_FAIL="FUNCTION:ERRNO" makes a
-// function fail. A malformed request ends the process.
+// a file's state is kept. The copy is whole after LUSTRE_DELAY_MS, and lost at once if LUSTRE_LOST is set.
+// LUSTRE_FAIL="FUNCTION:ERRNO" makes a function fail. A malformed request ends the process.
 
 namespace {
 
@@ -88,23 +87,19 @@ QZHSM_API int llapi_hsm_request(const char* path, const void* record) {
     ::stat(path, &st);
     if (st.st_mtime > std::atol(data.c_str() + bar + 1))
         return -EBUSY;
-    const std::string meta = data.substr(0, bar);
-    std::vector<char> text(static_cast<size_t>(qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0)));
-    qzhsm_meta2stub(meta.c_str(), st.st_size, text.data(), static_cast<int>(text.size()));
-    if (const int failure = setAttribute(path, "user.TSTUB", {text.begin(), text.end()}))
+    if (const int failure = setAttribute(path, "user.TSTUB", stubText(data.substr(0, bar), st.st_size)))
         return failure;
     const char* delay = std::getenv("LUSTRE_DELAY_MS");
-    return setAttribute(path, kState,
-                        std::to_string(nanoseconds() + std::atoll(delay ? delay : "3") * 1'000'000) + " 0");
+    const long long whole = nanoseconds() + std::atoll(delay ? delay : "3") * 1'000'000;
+    return setAttribute(path, kState, (std::getenv("LUSTRE_LOST") ? "lost" : std::to_string(whole)) + " 0");
 }
 
 QZHSM_API int llapi_hsm_state_get(const char* path, void* record) {
     char state[64] = "";
     uint32_t states = 0;
-    if (::getxattr(path, kState, state, sizeof state - 1) > 0)
-        states =
-            nanoseconds() >= std::atoll(state) ? 9 : 11; // exists, archived; until the copy is whole dirty
-    std::memset(record, 0, 1024);                        // what a state takes, with what may follow it
+    if (::getxattr(path, kState, state, sizeof state - 1) > 0) // exists, archived; and lost, or still dirty
+        states = std::strncmp(state, "lost", 4) == 0 ? 0x49 : nanoseconds() >= std::atoll(state) ? 9 : 11;
+    std::memset(record, 0, 1024); // what a state takes, with what may follow it
     std::memcpy(record, &states, sizeof states);
     return injected("state_get");
 }
