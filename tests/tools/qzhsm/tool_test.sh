@@ -185,7 +185,10 @@ QZHSM_EMULATOR_FAIL=6:200:1 unchanged "$f" expect 1 'in transparent mode: .*\(co
 expect 0 '^$' recall "$f" --from "$work/five"
 [ "$(cat "$f")" = 12345 ] || fail "the data differs"
 [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "the time differs"
-unchanged "$f" expect 1 'a name of 248 bytes cannot be recalled' stub "$work/driver/$(printf %248s x | tr ' ' n)" --meta m
+long=$work/driver/$(printf %248s x | tr ' ' n)
+cp "$work.data" "$long"
+unchanged "$long" expect 1 'a name of 248 bytes cannot be recalled' stub "$long" --meta m
+rm "$long"
 cp "$work.data" "$f"
 expect 0 '^$' stub "$f" --meta "$(printf %2047s m)"
 cat "$work.data" "$work.data" >"$work/long"
