@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-/// One line on standard error that is written over again, at most ten times a second; nothing where standard
+/// One line on standard error that is written over again, at most ten times a second; nothing if standard
 /// error is no terminal.
 class Progress {
 public:
@@ -12,7 +12,7 @@ public:
     Progress& operator=(const Progress&) = delete;
     ~Progress() { clear(); }
 
-    /// A bar of bytes; with `total` 0, where it is not known, only their number.
+    /// A bar of bytes; only their number if `total` is 0, which means unknown.
     void bytes(long long done, long long total);
     /// A count and its rate.
     void files(long long count);

@@ -43,7 +43,7 @@ void Report::json(const Json& object) {
 
 void Report::note(std::string_view text) {
     const std::string whole = "qzhsm: " + printable(text) + '\n';
-    // Where standard error itself cannot be written there is nobody left to tell.
+    // If standard error itself cannot be written, there is nobody left to tell.
     QZHSMLowLevel::writeAll(STDERR_FILENO, whole.data(), static_cast<int>(whole.size()));
 }
 

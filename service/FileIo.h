@@ -16,10 +16,10 @@ long long allocatedBytes(const struct stat& st);
 
 bool isSameFile(const struct stat& a, const struct stat& b);
 
-/// Reading leaves the access time alone where the system lets it.
+/// Reading leaves the access time alone if the system lets it.
 UniqueFd openForReading(const std::string& path);
 
-/// Reads until `size` bytes are there or the file ends. `onSignal` is called where a signal cuts a read
+/// Reads until `size` bytes are there or the file ends. `onSignal` is called when a signal cuts a read
 /// short; what it throws passes.
 std::vector<char> readUpTo(
     int fd, size_t size, const std::string& name, const std::function<void()>& onSignal = [] {});
