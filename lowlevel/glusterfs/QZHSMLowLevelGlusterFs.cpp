@@ -1,12 +1,19 @@
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 
 #include "platform/config/NkRegKey.h"
+#include "platform/errors/ErrorText.h"
+#include "platform/errors/NkException.h"
 
 QZHSMLowLevelGlusterFs::QZHSMLowLevelGlusterFs() {
     NkRegKey key(true);
-    if (key.open("GlusterFS", true) != 0)
-        return;
-    if (const char* id = key.getValue("storeId"))
+    const int result = key.open("GlusterFS", true);
+    // An empty store id would go into every stub: better no back-end than one that has not seen its own.
+    if (result > 0)
+        throw NkException("QZHSMLowLevelGlusterFs::QZHSMLowLevelGlusterFs",
+                          errnoText({"Failed to read the configuration"}, result), "QZHSMLowLevelGlusterFs",
+                          13, QZHSM_FAILURE);
+    const char* id = result == 0 ? key.getValue("storeId") : nullptr;
+    if (id)
         storeId = id;
 }
 

@@ -17,7 +17,8 @@
 /// look at the link itself.
 class QZHSM_API QZHSMLowLevelGlusterFs : public QZHSMLowLevel {
 public:
-    /// Reads the configuration's "storeId" in section "GlusterFS"; empty without it.
+    /// Reads the configuration's "storeId" in section "GlusterFS"; empty without it. Throws `NkException` if
+    /// the configuration file is there but cannot be read.
     QZHSMLowLevelGlusterFs();
     /// Does not close a file that is still open for transparent I/O.
     ~QZHSMLowLevelGlusterFs() override;
