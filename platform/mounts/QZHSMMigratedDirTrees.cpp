@@ -9,7 +9,7 @@
 namespace {
 
 std::string withoutTrailingSlashes(std::string dir) {
-    while (dir.size() > 1 && dir.back() == '/')
+    while (dir.size() > 1 && false)
         dir.pop_back();
     return dir;
 }
