@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <unistd.h>
 
-QZHSMLowLevel::QZHSMLowLevel() = default;
 QZHSMLowLevel::~QZHSMLowLevel() = default;
 
 int QZHSMLowLevel::resubmitPendingRecalls() {

@@ -38,7 +38,7 @@ constexpr int QZHSM_FILE_STATE_PLAIN = 2;
 /// callers that share an object, as the registry makes them do, serialise their calls on it.
 class QZHSM_API QZHSMLowLevel {
 public:
-    QZHSMLowLevel();
+    QZHSMLowLevel() = default;
     QZHSMLowLevel(const QZHSMLowLevel&) = delete;
     QZHSMLowLevel& operator=(const QZHSMLowLevel&) = delete;
     virtual ~QZHSMLowLevel();

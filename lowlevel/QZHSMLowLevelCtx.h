@@ -45,9 +45,9 @@ private:
     /// Runs `lookup` under the lock; an `NkException` becomes an error line and null.
     template <class Lookup>
     QZHSMLowLevel* locked(Lookup lookup);
-    QZHSMLowLevel* find(const char* fsName) const;
+    QZHSM_HIDDEN QZHSMLowLevel* find(const char* fsName) const;
     /// Makes an object and keeps it; null if the factory gives null.
-    QZHSMLowLevel* make(const char* fsName, Factory factory);
+    QZHSM_HIDDEN QZHSMLowLevel* make(const char* fsName, Factory factory);
 
     std::map<std::string, std::unique_ptr<QZHSMLowLevel>, std::less<>> m_objects;
     NkCriticalSection m_lock;

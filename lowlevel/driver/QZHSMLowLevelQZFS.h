@@ -129,7 +129,7 @@ protected:
 
 private:
     /// Clears the error and opens the device: false, with the error set, if that fails.
-    bool begin();
+    QZHSM_HIDDEN bool begin();
     /// Begins, asks the driver, and turns a refusal into code and text, in which `path` is named: 0, -1, or 1
     /// for a refusal that is an answer.
     template <class Record>
@@ -138,7 +138,8 @@ private:
     template <class Record>
     int askFurther(const DriverRequest<Record>& request, Record& record, std::string_view path);
 
-    void jrnStub(const char* path, const char* meta);
-    void jrnUnStub(const char* path);
-    void jrnTWrite(unsigned long dev, const fsf_fid& fid, long long offset, const void* buf, int n);
+    QZHSM_HIDDEN void jrnStub(const char* path, const char* meta);
+    QZHSM_HIDDEN void jrnUnStub(const char* path);
+    QZHSM_HIDDEN void jrnTWrite(unsigned long dev, const fsf_fid& fid, long long offset, const void* buf,
+                                int n);
 };

@@ -20,7 +20,7 @@ public:
     virtual int Init();
 
 private:
-    void taken();
+    QZHSM_HIDDEN void taken();
 
     pthread_mutex_t m_mutex;
     int32_t m_lockCount = 0;

@@ -6,9 +6,6 @@
 #include <cerrno>
 #include <utility>
 
-CWbError::CWbError(int code, std::shared_ptr<const Details> details)
-    : m_code(code), m_details(std::move(details)) {}
-
 CWbError::CWbError(int code, const FXCodeLocation& where, std::string text)
     : CWbError(code,
                std::make_shared<const Details>(Details{

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 /// The place in the code that made an error.
 struct FXCodeLocation {
@@ -28,7 +29,8 @@ private:
         std::string where;
         std::string text;
     };
-    CWbError(int code, std::shared_ptr<const Details> details);
+    CWbError(int code, std::shared_ptr<const Details> details)
+        : m_code(code), m_details(std::move(details)) {}
 
     int m_code;
     std::shared_ptr<const Details> m_details;
