@@ -1,6 +1,7 @@
 #include "service/kinds/StubKind.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <unistd.h>
 
 StubKind::~StubKind() = default;
@@ -73,8 +74,9 @@ void StubKind::beforeRestoring(const std::string& path, const StubFacts& saved, 
 }
 
 void StubKind::undoRestoring(const std::string& path, const struct stat& before) {
-    if (before.st_size == 0) [[maybe_unused]]
-        const int result = ::truncate(path.c_str(), 0);
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    if (before.st_size == 0 && ::truncate(path.c_str(), 0) == 0)
+        ::utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
 UniqueFd StubKind::beforeRecall(const std::string&, const struct stat&) {

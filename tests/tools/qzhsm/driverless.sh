@@ -49,7 +49,7 @@ on tmpfs
 expect 0 '^$' stub "$f" --meta m
 cat /dev/zero >"$fs/filler" 2>/dev/null
 refused "$f" 'No space left on device \(code -1\)' recall "$f" --from "$work/data"
-: >"$fs/empty"
+touch -d @1000000000 "$fs/empty"
 refused "$fs/empty" 'No space left' restore-stub "$fs/empty" "$work/saved"
 chmod 000 "$f"
 qzhsm=setpriv expect 1 'Permission denied' --bounding-set=-dac_override,-dac_read_search "$plain" info "$f"

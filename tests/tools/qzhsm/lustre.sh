@@ -18,7 +18,7 @@ refused "$f" 'Nothing but Lustre recalls .*\(code 38\)' recall "$f" --from "$wor
 refused "$f" 'it carries stub text' restore-stub "$f" "$work/saved" --force
 LFS_FAIL=2 expect 1 'lfs told no state of' restore-stub "$fs/fresh" "$work/saved"
 [ ! -e "$fs/fresh" ] || fail "a failed restore left a file"
-: >"$fs/empty"
+touch -d @1000000000 "$fs/empty"
 LFS_FAIL=2 refused "$fs/empty" 'lfs told no state of' restore-stub "$fs/empty" "$work/saved"
 expect 1 'an empty file could not be restored' stub "$fs/empty" --meta m
 expect 1 'would not take this path' stub "$fs/\$(touch pwned)" --meta m
