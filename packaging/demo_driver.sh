@@ -20,7 +20,7 @@ qzhsm() { LD_PRELOAD=$emulator "$qzhsm" --fs "${fs:-qzfs}" "$@"; }
 sum() { sha256sum "$1" | cut -d' ' -f1; }
 
 if ! setfattr -n user.probe -v 1 . 2>/dev/null; then
-    echo "The emulator keeps stubs as user attributes, which $(df --output=fstype . | tail -n 1) has not: name another directory." >&2
+    echo "The emulator keeps stubs as user attributes, which $(df --output=fstype . | tail -n 1) does not have: name another directory." >&2
     exit 1
 fi
 say "A file of 3 MiB on $(df --output=fstype . | tail -n 1), on a file system that the driver watches"

@@ -2,11 +2,14 @@
 
 #include "emulator/DriverEmulator.h"
 #include "lowlevel/driver/QZHSMLowLevelQZFS.h"
+#include "platform/files/UniqueFd.h"
 #include "tests/support/StubData.h"
 #include "tests/support/TestFs.h"
 
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -37,6 +40,9 @@ protected:
         emulator::driver() = {};
         ASSERT_EQ(said(m_driver.startWatchingDirTree(m_fs.dir().c_str())), "0 0 ");
         writeFile(m_path, noise(5000));
+        m_file = UniqueFd(::open(m_path.c_str(), O_RDWR));
+        m_dev = statOf(m_path).st_dev;
+        m_fid = emulator::fidOf(m_path);
         m_descriptors = entries("/proc/self/fd");
     }
     /// No test leaves a descriptor or a carrier behind.
@@ -65,12 +71,13 @@ protected:
     void useLatin1() {
         m_locale.emplace();
         std::filesystem::rename(m_path, m_localPath);
+        emulator::fidOf(m_localPath);
     }
 
     /// An operation's failures one by one, then its success, to which the driver answers more than 0.
     template <class Call>
     void expectAsks(const std::string& name, Call call, long long answer, emulator::Request request,
-                    const std::string& text, std::vector<std::pair<int, int>> codes) {
+                    const std::string& text, std::map<int, int> codes) {
         SCOPED_TRACE(name);
         emulator::driver().seen.clear();
         emulator::driver().success = 1;
@@ -89,7 +96,7 @@ protected:
         emulator::driver().loaded = true;
         emulator::fail(emulator::kOpenDevice, EACCES);
         fails(-1, "Failed to open /dev/nkfsdm: Permission denied", false);
-        codes.emplace_back(EIO, -1);
+        codes.insert({{ENOENT, 4}, {EIO, -1}}); // if nothing else is said of them
         for (const auto& [err, code] : codes) {
             emulator::fail(request, err);
             std::string why = text.ends_with(": ") ? text + ::strerror(err) : text;
@@ -109,6 +116,10 @@ protected:
     TestFs m_fs{FsKind::Tmpfs, "size=1m"};
     const std::string m_path = m_fs.path("\xc3\xa4");
     const std::string m_localPath = m_fs.path("\xe4");
+    const char* const p = m_path.c_str();
+    UniqueFd m_file; ///< open on it
+    unsigned long m_dev = 0;
+    fsf_fid m_fid{};
     BackEnd m_driver;
 
 private:
@@ -118,7 +129,7 @@ private:
 using DriverFixture = DriverWorld<QZHSMLowLevelQZFS>;
 
 /// What `call` answers, which request it makes, its text for a refusal ("@" stands for the path, and what
-/// ends in ": " is followed by the reason), and the codes of errnos; any other errno's is -1.
+/// ends in ": " is followed by the reason), and the codes of errnos beside ENOENT's 4 and EIO's -1.
 #define EXPECT_ASKS(call, answer, request, text, ...)                                                        \
     expectAsks(#call, [&](QZHSMLowLevelQZFS& d) { return d.call; }, answer, emulator::request, text,         \
                {__VA_ARGS__})
