@@ -144,8 +144,21 @@ TEST_P(LifeOfAStub, IsStub) {
 
 TEST_P(LifeOfAStub, Watching) {
     EXPECT_EQ(fresh().isDMRFS(m_path.c_str()), GetParam().fs == FsKind::Ramfs ? 0 : 1);
-    EXPECT_GE(fresh().isDirBeingWatched(m_path.c_str()), 0);
+    EXPECT_EQ(fresh().isDirBeingWatched(m_path.c_str()), is(kTextInFile | kByCommand) ? 0 : 1);
     EXPECT_EQ(fresh().stopWatchingDirTree(m_fs.dir().c_str()), 0);
+}
+
+TEST_P(LifeOfAStub, TimesAndStatOfWhatIsMissing) {
+    const std::string missing = m_fs.path("missing");
+    struct stat st {};
+    EXPECT_EQ(fresh().statFile(missing.c_str(), &st), -1);
+    EXPECT_EQ(m_backEnd->m_errorCode, 4);
+    EXPECT_EQ(m_backEnd->m_errorText, "Failed to stat " + missing + ": No such file or directory");
+    EXPECT_EQ(fresh().setAMCTime(missing.c_str(), 1, 1, 1), -1);
+    EXPECT_EQ(m_backEnd->m_errorCode, is(kByCommand) ? 38 : 4);
+    EXPECT_EQ(m_backEnd->m_errorText,
+              is(kByCommand) ? "setAMCTime not implemented"
+                             : "Failed to change time of " + missing + ": No such file or directory");
 }
 
 TEST_P(LifeOfAStub, BackupStub) {

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <deque>
 #include <fcntl.h>
 #include <memory>
 #include <sys/mman.h>
@@ -19,30 +18,24 @@
 namespace {
 
 /// Answers each transparent read or write with the next of the given results.
-class Scripted : public QZHSMLowLevelHadoop {
-public:
-    Scripted(std::deque<int> results, const char* start) : m_results(std::move(results)), m_start(start) {}
+struct Scripted : QZHSMLowLevelHadoop {
     int readFileTrans(void* buf, int len) override { return next(buf, len, 0); }
     int writeFileTrans(const void* buf, int len, long long offset) override { return next(buf, len, offset); }
-
-    std::string m_calls;
-
-private:
     int next(const void* buf, int len, long long offset) {
-        m_calls += std::to_string(static_cast<const char*>(buf) - m_start) + "+" + std::to_string(len) + "@" +
-                   std::to_string(offset) + " ";
-        const int result = m_results.front();
-        m_results.pop_front();
-        return result;
+        calls += std::to_string(static_cast<const char*>(buf) - start) + "+" + std::to_string(len) + "@" +
+                 std::to_string(offset) + " ";
+        return *result++;
     }
-    std::deque<int> m_results;
-    const char* m_start;
+
+    const int* result = nullptr;
+    const char* start = nullptr;
+    std::string calls;
 };
 
 } // namespace
 
 TEST(Loops, StopAtTheEndAndAtFailures) {
-    const std::tuple<std::deque<int>, int, int, std::string> rows[] = {
+    const std::tuple<std::vector<int>, int, int, std::string> rows[] = {
         {{4, 6}, 10, 10, "0+10@0 4+6@0 "},
         {{4, 0}, 10, 4, "0+10@0 4+6@0 "},
         {{4, -3}, 10, -3, "0+10@0 4+6@0 "},
@@ -51,12 +44,15 @@ TEST(Loops, StopAtTheEndAndAtFailures) {
     };
     char buffer[10];
     for (const auto& [results, len, total, calls] : rows) {
-        Scripted reading(results, buffer);
-        EXPECT_EQ(reading.readFileTransAll(buffer, len), total);
-        EXPECT_EQ(reading.m_calls, calls);
-        Scripted writing(results, buffer);
-        EXPECT_EQ(writing.writeFileTransAll(buffer, len), total);
-        EXPECT_EQ(writing.m_calls, calls);
+        for (const bool reading : {true, false}) {
+            Scripted scripted;
+            scripted.result = results.data();
+            scripted.start = buffer;
+            EXPECT_EQ(reading ? scripted.readFileTransAll(buffer, len)
+                              : scripted.writeFileTransAll(buffer, len),
+                      total);
+            EXPECT_EQ(scripted.calls, calls);
+        }
     }
 }
 

@@ -1,6 +1,9 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 #include "tests/support/BackEndTest.h"
 
+#include <climits>
+#include <map>
+
 using DriverlessWatching = BackEndTest<QZHSMLowLevelDriverless>;
 
 TEST_F(DriverlessWatching, KnowsWhereStubsCanBeKept) {
@@ -50,7 +53,9 @@ TEST_F(DriverlessWatching, NotesDevicesWithoutAttributes) {
 TEST_F(DriverlessWatching, MigratedTreesCountAsWatched) {
     const std::string list = m_fs.path("trees");
     writeFile(list, "/data/a/\n\n/data/b\n");
-    const TestConfig config("[Focus]\nclientName = c1\n[MigratedDirTrees]\nc1 = " + list + "\n");
+    char host[HOST_NAME_MAX + 1]; // the client's name where the configuration has none
+    ASSERT_EQ(::gethostname(host, sizeof host), 0);
+    const TestConfig config("[MigratedDirTrees]\n" + std::string(host) + " = " + list + "\n");
     for (const auto& [dir, watched] :
          {std::pair{"/data/a", 1}, {"/data/a/x/y", 1}, {"/data/ab", 0}, {"/data", 0}})
         EXPECT_EQ(m_backEnd.isDirBeingWatched(dir), watched) << dir;

@@ -4,8 +4,6 @@
 #include <fcntl.h>
 
 using GlusterFsTransparentIo = BackEndTest<QZHSMLowLevelGlusterFs>;
-using GlusterFsTimes = GlusterFsTransparentIo;
-using GlusterFsWatching = GlusterFsTransparentIo;
 
 TEST_F(GlusterFsTransparentIo, IsPlainIo) {
     expectFailure(m_backEnd.writeFileTrans("x", 1, 0), -1, "write(-1) failed error=Bad file descriptor");
@@ -24,16 +22,4 @@ TEST_F(GlusterFsTransparentIo, IsPlainIo) {
     EXPECT_EQ(m_backEnd.closeFileTrans(), 0);
     expectError(0, "");
     EXPECT_EQ(readFile(m_missing), "abc");
-}
-
-TEST_F(GlusterFsTimes, MissingFilesHaveTheirCode) {
-    expectFailure(m_backEnd.setAMCTime(m_missing.c_str(), 1, 1, 1), 4,
-                  "Failed to change time of @: No such file or directory", m_missing);
-    struct stat st {};
-    expectFailure(m_backEnd.statFile(m_missing.c_str(), &st), 4,
-                  "Failed to stat @: No such file or directory", m_missing);
-}
-
-TEST_F(GlusterFsWatching, CountsEveryDirectoryAsWatched) {
-    EXPECT_EQ(m_backEnd.isDirBeingWatched("/no/such"), 1);
 }
