@@ -7,23 +7,26 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <new>
 #include <pthread.h>
 #include <semaphore>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
 
-/// What a caller and its helper share. The side that holds the turn (by its semaphore) owns the other
-/// members.
+/// What a caller and its helper share. The side that holds the turn (by its semaphore) owns the members
+/// behind `stop`.
 struct Exchange {
-    std::binary_semaphore asked{0};
+    std::counting_semaphore<2> asked{0}; ///< once to stat, and once to stop, which waits for no answer
     std::binary_semaphore answered{0};
-    bool stop = false;
-    std::string path;
+    std::atomic<bool> stop{false};
+    std::string path; ///< in the locale's encoding
     struct stat st {};
     int error = 0;
 };
 
+/// Allocates nothing: a failure here would end the process.
 void* serve(void* argument) {
     const std::unique_ptr<std::shared_ptr<Exchange>> own(static_cast<std::shared_ptr<Exchange>*>(argument));
     Exchange& exchange = **own;
@@ -31,7 +34,7 @@ void* serve(void* argument) {
         exchange.asked.acquire();
         if (exchange.stop)
             return nullptr;
-        exchange.error = lstat_utf(exchange.path.c_str(), &exchange.st) == 0 ? 0 : errno;
+        exchange.error = ::lstat(exchange.path.c_str(), &exchange.st) == 0 ? 0 : errno;
         exchange.answered.release();
     }
 }
@@ -42,8 +45,12 @@ std::atomic<unsigned> forks{0};
 class Helper {
 public:
     Helper() {
-        static const int registered = pthread_atfork(nullptr, nullptr, [] { ++forks; });
-        static_cast<void>(registered);
+        static const bool counts = [] {
+            if (pthread_atfork(nullptr, nullptr, [] { ++forks; }) != 0)
+                throw std::bad_alloc();
+            return true;
+        }();
+        static_cast<void>(counts);
         m_born = forks;
 
         auto shared = std::make_unique<std::shared_ptr<Exchange>>(m_exchange);
@@ -65,21 +72,20 @@ public:
         // A parent's thread is unknown here, and its id may be another thread's by now.
         if (m_startError != 0 || m_born != forks)
             return;
-        if (m_hangs) {
-            pthread_detach(m_thread);
-            return;
-        }
         m_exchange->stop = true;
         m_exchange->asked.release();
-        pthread_join(m_thread, nullptr);
+        if (m_hangs)
+            pthread_detach(m_thread); // it ends once its lstat returns
+        else
+            pthread_join(m_thread, nullptr);
     }
 
     int startError() const { return m_startError; }
     bool lives() const { return m_startError == 0 && !m_hangs && m_born == forks; }
 
-    /// Null where the time ran out; the helper then no longer lives.
+    /// Null if the time ran out; the helper then no longer lives.
     const Exchange* ask(const char* path, int timeoutSeconds) {
-        m_exchange->path = path;
+        m_exchange->path = LocalPath(path).c_str();
         m_exchange->asked.release();
         m_hangs = !m_exchange->answered.try_acquire_for(std::chrono::seconds(timeoutSeconds));
         return m_hangs ? nullptr : m_exchange.get();
@@ -95,7 +101,7 @@ private:
 
 } // namespace
 
-const struct stat* TimedStat::class_lstat(const char* path) {
+const struct stat* TimedStat::class_lstat(const char* path) try {
     static thread_local std::unique_ptr<Helper> helper;
     if (!helper || !helper->lives()) {
         helper = std::make_unique<Helper>();
@@ -112,4 +118,7 @@ const struct stat* TimedStat::class_lstat(const char* path) {
     m_errno = answer->error;
     m_stat = answer->st;
     return m_errno == 0 ? &m_stat : nullptr;
+} catch (const std::bad_alloc&) {
+    m_errno = ENOMEM;
+    return nullptr;
 }

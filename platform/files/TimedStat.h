@@ -2,14 +2,16 @@
 
 #include <sys/stat.h>
 
-/// An lstat that gives up. The call runs on a helper thread of the calling thread, started by its first
-/// stat and reused from then on; one that hangs in a dead file system is left behind and replaced.
+/// An lstat that gives up. The call runs on a helper thread of the calling thread, started by its first stat
+/// and reused from then on. A helper that hangs in a dead file system is replaced, and ends once its call
+/// returns.
 class TimedStat {
 public:
     explicit TimedStat(int timeoutSeconds) : m_timeoutSeconds(timeoutSeconds) {}
 
-    /// The filled record, which lives as long as this object, or null with the reason in `getErrno`:
-    /// ETIMEDOUT where the time ran out, else lstat's errno or that of the failed start of the helper.
+    /// Takes a UTF-8 path. The filled record, which lives as long as this object, or null with the reason in
+    /// `getErrno`: ETIMEDOUT if the time ran out, ENOMEM if an allocation failed, else lstat's errno or that
+    /// of the failed start of the helper. Throws nothing.
     const struct stat* class_lstat(const char* path);
     int getErrno() const { return m_errno; }
 

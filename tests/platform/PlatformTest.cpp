@@ -3,7 +3,6 @@
 #include "platform/config/NkRegKey.h"
 #include "platform/errors/CWbError.h"
 #include "platform/files/NkACL.h"
-#include "platform/files/TimedStat.h"
 #include "platform/files/utf_files.h"
 #include "platform/logging/CLogWriterInterface.h"
 #include "platform/logging/EvDebug.h"
@@ -155,30 +154,4 @@ TEST(Mounts, AreFoundByPath) {
     ASSERT_FALSE(mounts.empty());
     EXPECT_EQ(mounts.rbegin()->second->mountDir, dir);
     ::umount2(dir.c_str(), MNT_DETACH);
-}
-
-TEST(TimedStat, GivesUpOnADeadFileSystem) {
-    const TestFs fs(FsKind::Tmpfs);
-    REQUIRE_FS(fs);
-    // A file system in user space whose server never answers.
-    const int server = ::open("/dev/fuse", O_RDWR);
-    ASSERT_GE(server, 0) << "needs /dev/fuse";
-    const std::string options = "fd=" + std::to_string(server) + ",rootmode=40000,user_id=0,group_id=0";
-    ASSERT_EQ(::mount("dead", fs.dir().c_str(), "fuse", 0, options.c_str()), 0);
-    TimedStat timed(1);
-    EXPECT_EQ(timed.class_lstat(fs.path("file").c_str()), nullptr);
-    EXPECT_EQ(timed.getErrno(), ETIMEDOUT);
-    EXPECT_NE(timed.class_lstat("/"), nullptr) << "a new helper took the lost one's place";
-    ::umount2(fs.dir().c_str(), MNT_DETACH);
-    ::close(server);
-}
-
-TEST(TimedStat, WorksAfterAFork) {
-    EXPECT_NE(TimedStat(5).class_lstat("/"), nullptr);
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(TimedStat(5).class_lstat("/") ? 0 : 1); // with all that ends at an exit
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << "the parent's helper is not in the child";
 }
