@@ -4,69 +4,99 @@
 #include "platform/errors/ErrorText.h"
 #include "platform/logging/EvDebug.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <ini.h>
+#include <new>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
 
-constexpr const char* kDefaultPath = "/etc/qzhsm/qzhsm.conf";
-
-constexpr const char* kTooLong = "too long";
-
+constexpr std::string_view kBlanks = " \t\r\v\f";
 constexpr size_t kSectionMax = 49; ///< libinih cuts longer names
 
-/// Feeds libinih line by line. libinih tells only the first line that it cannot read, so such a line is
-/// blanked and the text is read again until all of it is accepted.
-struct Lines {
-    std::vector<std::string> lines;
+/// One pass of libinih over the text, line by line. libinih tells only the first line that it cannot read,
+/// so such a line is replaced and the text is read again until all of it is accepted. No exception may pass
+/// through libinih, which is C.
+struct Pass {
+    const std::vector<std::string>& lines;
     size_t next = 0;
+    std::map<std::string, ConfigFile::Section, std::less<>> sections{};
+    std::exception_ptr failure{};
 
-    static char* feed(char* into, int room, void* self) {
-        auto& source = *static_cast<Lines*>(self);
-        if (source.next >= source.lines.size())
+    static char* feed(char* into, int room, void* self) noexcept {
+        auto& pass = *static_cast<Pass*>(self);
+        if (pass.next == pass.lines.size())
             return nullptr;
-        const std::string fed = readable(source.lines[source.next++], static_cast<size_t>(room));
-        into[fed.copy(into, fed.size())] = '\0';
+        const std::string_view line = readable(pass.lines[pass.next++], static_cast<size_t>(room));
+        into[line.copy(into, line.size())] = '\0';
         return into;
     }
 
     /// What libinih would misread in silence becomes what it reads right, or a line that it reports.
-    static std::string readable(const std::string& line, size_t room) {
-        const size_t start = line.find_first_not_of(" \t"); // an indented line would continue the one before
-        if (start == std::string::npos || line[start] == ';' || line[start] == '#')
+    static std::string_view readable(std::string_view line, size_t room) {
+        line.remove_prefix(
+            std::min(line.find_first_not_of(kBlanks), line.size())); // else it continues a value
+        if (line.starts_with(';') || line.starts_with('#'))
             return "";
-        const bool longSection = line[start] == '[' && line.find(']') > start + 1 + kSectionMax;
-        return longSection || line.size() - start >= room ? kTooLong : line.substr(start);
+        const bool longSection = line.starts_with('[') && line.find(']') > 1 + kSectionMax;
+        const bool hasNul = line.find('\0') != std::string_view::npos;
+        return longSection || hasNul || line.size() >= room ? "not readable" : line;
+    }
+
+    static int store(void* self, const char* section, const char* key, const char* value) noexcept {
+        auto& pass = *static_cast<Pass*>(self);
+        try {
+            pass.sections[section][key] = value;
+        } catch (...) {
+            pass.failure = std::current_exception();
+        }
+        return 1;
     }
 };
 
+/// A line that libinih accepts in place of one that it cannot read.
+const char* replacement(std::string_view line) {
+    const size_t start = line.find_first_not_of(kBlanks);
+    return start != std::string_view::npos && line[start] == '[' ? "[]" : "";
+}
+
 } // namespace
 
-ConfigFile ConfigFile::read() {
+std::string ConfigFile::path() {
     const char* named = secure_getenv("QZHSM_CONFIG");
-    const std::string path = named ? named : kDefaultPath;
+    return named ? named : "/etc/qzhsm/qzhsm.conf";
+}
+
+ConfigFile ConfigFile::read() {
+    const std::string path = ConfigFile::path();
     ConfigFile config;
     EvDebug log(nullptr);
 
-    Lines source;
-    const int err = readLines(path, source.lines);
-    if (err != 0 && err != ENOENT)
+    std::vector<std::string> lines;
+    const int err = readLines(path, lines);
+    if (err != 0 && err != ENOENT) {
+        config.m_status = err;
         log.Error("ConfigFile::read", "%s", errnoText({"Failed to read ", path}, err).c_str());
-
-    const auto store = [](void* sections, const char* section, const char* key, const char* value) {
-        (*static_cast<decltype(config.m_sections)*>(sections))[section][key] = value;
-        return 1;
-    };
+    }
     for (;;) {
-        config.m_sections.clear();
-        source.next = 0;
-        const int badLine = ini_parse_stream(Lines::feed, &source, store, &config.m_sections);
-        if (badLine <= 0)
+        Pass pass{lines};
+        const int badLine = ini_parse_stream(Pass::feed, &pass, Pass::store, &pass);
+        if (pass.failure)
+            std::rethrow_exception(pass.failure);
+        if (badLine < 0) // the one failure of libinih itself
+            throw std::bad_alloc();
+        if (badLine == 0) {
+            config.m_sections = std::move(pass.sections);
             return config;
+        }
         log.Error("ConfigFile::read", "%s:%d: cannot be read, the line is skipped", path.c_str(), badLine);
-        source.lines[static_cast<size_t>(badLine) - 1].clear();
+        std::string& line = lines[static_cast<size_t>(badLine) - 1];
+        line = replacement(line);
     }
 }
 

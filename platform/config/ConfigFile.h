@@ -3,21 +3,27 @@
 #include <map>
 #include <string>
 
-/// The library's configuration, read afresh whenever it is asked for: "/etc/qzhsm/qzhsm.conf", or the file
-/// that the environment variable QZHSM_CONFIG names. Sections and keys are case-sensitive; of a key given
-/// twice the last counts. A missing file is an empty configuration. A file that cannot be read, and each of
-/// its lines that cannot, is one error line in the log.
+/// The library's configuration, read afresh each time it is asked for. Sections and keys are case-sensitive;
+/// of a key given twice the last counts. A missing file is an empty configuration. A file that cannot be
+/// read, and each line that cannot, is one error line in the log. A line, its indentation not counted, can
+/// be 199 bytes long, and a section's name 49. The keys below a section's line that cannot be read belong to
+/// no section.
 class ConfigFile {
 public:
     using Section = std::map<std::string, std::string, std::less<>>;
 
+    /// "/etc/qzhsm/qzhsm.conf", or the file that the environment variable QZHSM_CONFIG names.
+    static std::string path();
     static ConfigFile read();
 
-    /// Null where there is no such section.
+    /// 0, also for a missing file, or the errno that reading the file met; there are no sections then.
+    int status() const { return m_status; }
+    /// Null if there is no such section, or no key in it.
     const Section* section(const std::string& name) const;
-    /// Null where there is no such section or key.
+    /// Null if there is no such section or key.
     const std::string* value(const std::string& section, const std::string& key) const;
 
 private:
     std::map<std::string, Section, std::less<>> m_sections;
+    int m_status = 0;
 };

@@ -4,8 +4,8 @@
 /// "Focus" and live until the same thread's next call.
 class NKPI_Focus {
 public:
-    /// The value of "instance"; "Instance001" where there is none.
+    /// The value of "instance"; "Instance001" if there is none.
     static const char* getFocus();
-    /// The value of "clientName"; where there is none the host's name, or with `orHostName` false "".
+    /// The value of "clientName". If there is none: the host's name, or "" with `orHostName` false.
     static const char* getFocusClientName(bool orHostName);
 };

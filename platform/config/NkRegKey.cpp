@@ -1,7 +1,10 @@
 #include "platform/config/NkRegKey.h"
 
 int NkRegKey::open(const std::string& path, bool) {
+    m_values.clear();
     const ConfigFile config = ConfigFile::read();
+    if (config.status() != 0)
+        return config.status();
     const ConfigFile::Section* section = config.section(path);
     if (!section)
         return -1;

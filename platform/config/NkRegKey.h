@@ -4,14 +4,16 @@
 
 #include <string>
 
-/// A configuration key: the section whose name is the key's path.
+/// A configuration key: the section whose name is the key's path. The flags have no effect; callers pass
+/// true.
 class NkRegKey {
 public:
     explicit NkRegKey(bool) {}
 
-    /// 0 where the section exists, else -1.
+    /// 0 if the section exists, -1 if it does not, else the (positive) errno of a configuration file that is
+    /// there and cannot be read.
     int open(const std::string& path, bool);
-    /// The value's text, which lives as long as this key stays open, or null where there is none.
+    /// The value's text, which lives as long as this key stays open, or null if there is none.
     const char* getValue(const char* name) const;
 
 private:

@@ -1,6 +1,3 @@
-#include "platform/config/NKPI_Focus.h"
-#include "platform/config/NKPlatformInfo.h"
-#include "platform/config/NkRegKey.h"
 #include "platform/errors/CWbError.h"
 #include "platform/files/NkACL.h"
 #include "platform/files/utf_files.h"
@@ -20,51 +17,6 @@
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
-
-TEST(Config, ReadsWhatItCanAndNamesWhatItCannot) {
-    const TestConfig config(
-        "[Focus]\n  instance = I2\nno equals sign\n[Tessly/I2/JRN]\n\tnINSTALL=1\nworse\nlong=" +
-        std::string(300, 'x') + "\nlast=2\n;" + std::string(300, 'c') + "\n[" + std::string(60, 's') + "]\n");
-    CaptureStderr();
-    EXPECT_STREQ(NKPI_Focus::getFocus(), "I2");
-    const std::string log = GetCapturedStderr();
-    for (const char* line : {":3: ", ":6: ", ":7: ", ":10: "})
-        EXPECT_NE(log.find(line), std::string::npos) << log;
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
-
-    CaptureStderr();
-    NkRegKey key(true);
-    EXPECT_EQ(key.open("Tessly/I2/JRN", true), 0);
-    EXPECT_STREQ(key.getValue("nINSTALL"), "1");
-    EXPECT_STREQ(key.getValue("last"), "2");
-    EXPECT_EQ(key.getValue("long"), nullptr);
-    EXPECT_NE(key.open("Tessly/I2/Sortwell", true), 0);
-    char value[3] = "?";
-    int size = sizeof value;
-    EXPECT_EQ(NKPlatformInfo().getString("Focus", "instance", value, &size), 0);
-    EXPECT_STREQ(value, "I2");
-    EXPECT_EQ(size, 2);
-    EXPECT_LT(NKPlatformInfo().getString("Focus", "instance", value, &size), 0) << "no room for the NUL";
-    EXPECT_LT(NKPlatformInfo().getString("focus", "instance", value, &size), 0) << "case counts";
-    EXPECT_STREQ(NKPI_Focus::getFocusClientName(false), "");
-    char host[256];
-    ASSERT_EQ(::gethostname(host, sizeof host), 0);
-    EXPECT_STREQ(NKPI_Focus::getFocusClientName(true), host);
-    GetCapturedStderr();
-}
-
-TEST(Config, AMissingFileIsEmptyAndAnUnreadableOneIsNot) {
-    ::setenv("QZHSM_CONFIG", "/no/such/file", 1);
-    CaptureStderr();
-    EXPECT_STREQ(NKPI_Focus::getFocus(), "Instance001");
-    EXPECT_EQ(GetCapturedStderr(), "");
-    ::setenv("QZHSM_CONFIG", "/etc/passwd/below", 1);
-    CaptureStderr();
-    EXPECT_STREQ(NKPI_Focus::getFocus(), "Instance001");
-    EXPECT_NE(GetCapturedStderr().find("Failed to read /etc/passwd/below: Not a directory"),
-              std::string::npos);
-    ::unsetenv("QZHSM_CONFIG");
-}
 
 TEST(Logs, WriteErrorsAlwaysAndDetailNever) {
     CaptureStderr();
