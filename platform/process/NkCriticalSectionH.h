@@ -5,7 +5,7 @@
 /// The platform's lock behind a critical section; a thread that holds it may enter again.
 class NkCriticalSectionH {
 public:
-    /// True once entered. Without `wait`, false at once where another thread is inside.
+    /// True once entered. Without `wait`, false at once if another thread is inside.
     bool enter(bool wait) {
         if (!wait)
             return m_mutex.try_lock();

@@ -3,6 +3,7 @@
 #include "platform/errors/ErrorText.h"
 #include "platform/files/UniqueFd.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -14,19 +15,16 @@
 
 namespace {
 
-constexpr int kFirstFd = STDERR_FILENO + 1;
-
-/// A pipe whose ends lie beyond the standard descriptors, which may be closed in this process.
 struct Pipe {
-    Pipe() {
+    /// 0, or an errno.
+    int open() {
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) < 0)
-            return;
-        const UniqueFd low[2] = {UniqueFd(ends[0]), UniqueFd(ends[1])};
-        reading = UniqueFd(::fcntl(ends[0], F_DUPFD_CLOEXEC, kFirstFd));
-        writing = UniqueFd(::fcntl(ends[1], F_DUPFD_CLOEXEC, kFirstFd));
+            return errno;
+        reading = UniqueFd(ends[0]);
+        writing = UniqueFd(ends[1]);
+        return 0;
     }
-    bool isOpen() const { return reading.isOpen() && writing.isOpen(); }
 
     UniqueFd reading;
     UniqueFd writing;
@@ -48,10 +46,14 @@ public:
     int start(const char* command, int outFd, int errFd) {
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        ::posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
-        ::posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFd);
+        // These allocate. A command whose output went elsewhere would look like one that wrote nothing. If
+        // this process has closed its standard descriptors, a pipe's end can be one of them: `outFd` is at
+        // least 1 and `errFd` at least 3, so neither is replaced before it is in its place.
+        int err =
+            std::max({::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
+                      ::posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO),
+                      ::posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO),
+                      ::posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1)});
         posix_spawnattr_t attributes;
         ::posix_spawnattr_init(&attributes);
         ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
@@ -65,7 +67,8 @@ public:
         char shell[] = "sh";
         char option[] = "-c";
         char* const arguments[] = {shell, option, text.data(), nullptr};
-        const int err = ::posix_spawn(&m_pid, "/bin/sh", &actions, &attributes, arguments, environ);
+        if (err == 0)
+            err = ::posix_spawn(&m_pid, "/bin/sh", &actions, &attributes, arguments, environ);
         ::posix_spawnattr_destroy(&attributes);
         ::posix_spawn_file_actions_destroy(&actions);
         if (err != 0)
@@ -73,7 +76,7 @@ public:
         return err;
     }
 
-    /// False where somebody else has learned the status.
+    /// False if somebody else has learned the status.
     bool wait(int& status) {
         const pid_t child = std::exchange(m_pid, -1);
         pid_t ended = -1;
@@ -124,11 +127,12 @@ int NkProcess::system(const char* command, std::string* out, std::string* err, i
     };
 
     constexpr int kUnknownStatus = 255;
-    Child child; // outlives the pipes: where it is given up it finds them closed, and ends
+    Child child; // outlives the pipes: a command that is given up finds them closed, and ends
     Pipe outPipe;
     Pipe errPipe;
-    if (!outPipe.isOpen() || !errPipe.isOpen())
-        return cannotRun("Failed to make a pipe", errno);
+    for (Pipe* pipe : {&outPipe, &errPipe})
+        if (const int reason = pipe->open())
+            return cannotRun("Failed to make a pipe", reason);
     if (const int reason = child.start(command, outPipe.writing.get(), errPipe.writing.get()))
         return cannotRun("Failed to run /bin/sh", reason);
     outPipe.writing = UniqueFd();

@@ -10,12 +10,14 @@ public:
     /// environment and working directory: no descriptor, no ignored or blocked signal. Safe to call from
     /// several threads at once; blocks the calling one only.
     ///
-    /// Returns when both outputs are closed, so a child that the command leaves in the background holds it
-    /// up.
+    /// Returns when both outputs are closed and the command has ended, so a child that the command leaves in
+    /// the background, with its outputs open, delays the return. There is no time-out.
     ///
-    /// The command's exit status, or 128 and the signal's number where one ended it, as a shell has it; 255
-    /// where the process reaps or ignores its children elsewhere and the status is lost: the command was run,
-    /// and must not be taken for one that was not. Negative where it could not be run, with the reason in
-    /// `err`: no shell, or one that reports 126 or 127.
+    /// The result is the command's exit status, or 128 plus the number of the signal that ended it. It is 255
+    /// if the status is lost because this process ignores or reaps its children elsewhere: the command was
+    /// run, and must not be taken for one that was not. It is negative if the command could not be run, with
+    /// the reason in `err`: no shell, or a shell that reports 126 or 127.
+    ///
+    /// The last two arguments have no effect; callers pass 0 and true.
     static int system(const char* command, std::string* out, std::string* err, int, bool);
 };
