@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The path itself, or the nearest of its parents that exists, without symbolic links; empty where none is.
+/// The path itself, or the nearest of its parents that exists, without symbolic links; empty if none does.
 std::string nearestExisting(std::string path) {
     char resolved[PATH_MAX];
     while (!::realpath(path.empty() ? "." : path.c_str(), resolved)) {
@@ -39,6 +39,10 @@ QZHSMMntTab::QZHSMMntTab() {
         m_entries.push_back({entry.mnt_fsname, entry.mnt_dir,
                              static_cast<unsigned char>(::hasmntopt(&entry, MNTOPT_RO) != nullptr),
                              entry.mnt_type, entry.mnt_opts});
+    if (::ferror(table.get())) {
+        m_status = errno;
+        m_entries.clear();
+    }
 }
 
 const QZHSMMntTab::Entry* QZHSMMntTab::find(const char* path) const {

@@ -3,9 +3,6 @@
 #include "platform/files/utf_files.h"
 #include "platform/logging/CLogWriterInterface.h"
 #include "platform/logging/EvDebug.h"
-#include "platform/mounts/MountDetails.h"
-#include "platform/mounts/QZHSMMntTab.h"
-#include "platform/mounts/skipFS.h"
 #include "tests/support/TestFs.h"
 
 #include <cerrno>
@@ -77,33 +74,4 @@ TEST(Attributes, AreHandedOutWholeOrBeginning) {
     EXPECT_FALSE(shared->supportsXattr(fs.path("missing").c_str()));
     EXPECT_TRUE(shared->supportsXattr((path + "/below").c_str()))
         << "so that the next call says what is wrong";
-}
-
-TEST(Mounts, AreFoundByPath) {
-    const TestFs outer(FsKind::Tmpfs);
-    REQUIRE_FS(outer);
-    const std::string dir = outer.path("with blank");
-    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
-    ASSERT_EQ(::mount("none", dir.c_str(), "ramfs", MS_RDONLY, nullptr), 0);
-    ASSERT_EQ(::symlink(dir.c_str(), outer.path("link").c_str()), 0);
-    const QZHSMMntTab table;
-    for (const auto& [path, mountDir] : {std::pair{dir, dir},
-                                         {dir + "/missing/too", dir},
-                                         {outer.path("link"), dir},
-                                         {outer.path("with"), outer.dir()}}) {
-        const QZHSMMntTab::Entry* entry = table.find(path.c_str());
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(entry->mountDir, mountDir) << path;
-        EXPECT_EQ(entry->readOnly, mountDir == dir);
-    }
-    bool skip = true;
-    EXPECT_EQ(skipFS::getInstance().GetFsType(dir.c_str(), skip, nullptr), "ramfs");
-    EXPECT_FALSE(skip);
-    EXPECT_EQ(skipFS::getInstance().GetFsType("/proc/self", skip, nullptr), "proc");
-    EXPECT_TRUE(skip);
-    std::map<int, mntfs_ent*> mounts;
-    EXPECT_EQ(GetMountDetails(mounts, "ramfs"), 0);
-    ASSERT_FALSE(mounts.empty());
-    EXPECT_EQ(mounts.rbegin()->second->mountDir, dir);
-    ::umount2(dir.c_str(), MNT_DETACH);
 }
