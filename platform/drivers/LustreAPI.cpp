@@ -97,7 +97,7 @@ CWbError LustreAPI::LoadFunctions() {
     const std::string missing = load();
     if (missing.empty())
         return CWbError::Success();
-    return {-ENOSYS, {"LustreAPI::LoadFunctions", "LustreAPI", __LINE__}, missing};
+    return {-ENOSYS, {"LustreAPI::LoadFunctions", "LustreAPI", 100}, missing};
 }
 
 int LustreAPI::HSMArchive(const char* path, const char* requestData, std::string& errorText) {
