@@ -23,7 +23,7 @@ public:
 
     /// Whether the journal driver tracks the file system on a device.
     virtual bool statFS(unsigned long long dev);
-    /// The identifier of the file at a UTF-8 path.
+    /// The identifier of the file at a UTF-8 path. The flag is for the client alone; callers pass false.
     virtual fsf_fid getFID(const char* path, bool);
 
     /// Tells the journal that a file became a stub with this metadata.

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-/// Where an error was made.
+/// The place in the code that made an error.
 struct FXCodeLocation {
     const char* function;
     const char* file;

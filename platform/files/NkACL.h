@@ -8,10 +8,10 @@ namespace NkACL {
 
 /// What a helper is for.
 enum class Type : int {
-    StubText = 19, ///< reads stub text, of which a first piece is welcome where the buffer is too small
+    StubText = 19, ///< reads stub text, and the beginning of one that is longer than the buffer
 };
 
-/// Access to extended attributes. Paths are UTF-8 and symbolic links are followed.
+/// Access to extended attributes. Paths are UTF-8; symbolic links are followed.
 class Helper {
 public:
     /// The process-wide helper; the caller does not own it. Safe to use from several threads.
@@ -25,8 +25,8 @@ public:
     virtual ~Helper() = default;
 
     /// Whether attributes work at the path, asked of the file system with one query each time. False for a
-    /// file system without them and for a path that does not exist. Every other trouble counts as yes, so
-    /// that the attribute call that follows reports it.
+    /// file system without them and for a path that does not exist. Any other failure of the query counts as
+    /// yes, so that the attribute call that follows reports it.
     virtual bool supportsXattr(const char* path) = 0;
 
     /// Reads a value into `buffer`: the number of bytes, or -1 with errno set. An absent attribute is an
@@ -36,10 +36,10 @@ public:
 
     /// Creates an attribute, never replacing one: 0, or -1 with the last error set (EEXIST among others).
     virtual int setAttribute(const char* path, const char* name, const void* value, size_t size) = 0;
-    /// Removes an attribute: 0, or -1 with the last error set (ENODATA where there was none).
+    /// Removes an attribute: 0, or -1 with the last error set (ENODATA if there was none).
     virtual int removeAttribute(const char* path, const char* name) = 0;
 
-    /// The errno and the text of the calling thread's last failed set or remove, through whatever helper.
+    /// The errno and the text of the calling thread's last failed set or remove, by any helper.
     virtual int getLastErrno() const = 0;
     virtual std::string getLastError() const = 0;
 };

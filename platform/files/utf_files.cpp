@@ -15,7 +15,7 @@ bool isAscii(std::string_view text) {
     return std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-/// False where the path cannot be converted; `out` is then unspecified.
+/// False if the path cannot be converted; `out` is then unspecified.
 bool convert(const char* codeset, std::string_view utf8, std::string& out) {
     iconv_t opened = iconv_open(codeset, "UTF-8");
     if (opened ==
@@ -31,7 +31,7 @@ bool convert(const char* codeset, std::string_view utf8, std::string& out) {
     size_t toLeft = out.size();
     if (iconv(converter.get(), &from, &fromLeft, &to, &toLeft) != 0 ||
         iconv(converter.get(), nullptr, nullptr, &to, &toLeft) != 0)
-        return false; // also where characters were replaced by look-alikes: that would be another file's name
+        return false; // characters replaced by look-alikes count too: that would be another file's name
     out.resize(out.size() - toLeft);
     return true;
 }

@@ -5,12 +5,12 @@
 #include <sys/types.h>
 #include <utime.h>
 
-/// Converts a UTF-8 path to the locale's multibyte encoding. Where that encoding is UTF-8, or the path is
-/// plain ASCII, or it cannot be converted, the path is copied as it is.
+/// Converts a UTF-8 path to the locale's multibyte encoding. The path is copied as it is if that encoding is
+/// UTF-8, if the path is plain ASCII, or if it cannot be converted.
 void utfToMbe(const char* utf8, std::string* out);
 
 /// A UTF-8 path in the locale's encoding, for as long as the object and the given path live. Allocates only
-/// where the bytes really change.
+/// if a path has to be converted.
 class LocalPath {
 public:
     explicit LocalPath(const char* utf8);

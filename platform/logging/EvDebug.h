@@ -4,8 +4,8 @@
 
 class EvDebugFileInstance;
 
-/// The debug log: one object for each function call. Lines go to standard error; `funcName` is the calling
-/// function's name written as class, two colons and method. Formats are printf's.
+/// The debug log: one object for each function call, made from a null pointer. Lines go to standard error;
+/// `funcName` is the calling function's name written as class, two colons and method. Formats are printf's.
 class EvDebug {
 public:
     explicit EvDebug(EvDebugFileInstance*) {}

@@ -11,8 +11,7 @@ public:
     /// below them. No list is an empty list; one that cannot be read is an error line in the log too.
     QZHSMMigratedDirTrees(bool wholeTrees, const char* clientName);
 
-    /// Non-zero where `path` lies in a migrated tree, by its text alone; `*dir` is then that tree's
-    /// directory.
+    /// Non-zero if `path` lies in a migrated tree, by its text alone; `*dir` is then that tree's directory.
     int wasDirMigrated(const char* path, std::string* dir) const;
 
 private:

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// The mount table as it stood when the object was made; empty where it could not be read.
+/// The mount table as it stood when the object was made; empty if it could not be read.
 class QZHSM_API QZHSMMntTab {
 public:
     struct Entry {
@@ -24,7 +24,8 @@ public:
     int status() const { return m_status; }
 
     /// The entry of the file system that holds the path. For a path that does not exist that is the file
-    /// system of its nearest existing parent directory. Null where no entry fits.
+    /// system of its nearest existing parent directory. Null if no entry fits, as for a
+    /// path outside of every mount in a changed root directory.
     const Entry* find(const char* path) const;
 
 private:

@@ -18,21 +18,20 @@ constexpr int kStubTextMax = 65536;
 constexpr int kStubTextPrefix = 66;
 
 /// Builds stub text from `meta` (NUL-terminated) and the file's size in bytes. With `stubOut` null, returns
-/// the length that it takes. Otherwise writes it, without a NUL, and returns its length; where it is longer
-/// than `outLen` writes nothing and returns -1. A null `meta`, a negative size or a text beyond the limit:
-/// -1.
+/// the length that it takes. Otherwise writes it, without a NUL, and returns its length; if it is longer than
+/// `outLen`, writes nothing and returns -1. A null `meta`, a negative size or a text beyond the limit: -1.
 QZHSM_API int qzhsm_meta2stub(const char* meta, long long fileSize, char* stubOut, int outLen);
 
 /// Examines stub text and takes it apart. `stub` is read byte by byte up to the first byte that does not fit,
-/// never past a NUL; null is corrupt. Pointers may be null where the answer is of no interest.
+/// never past a NUL; null is corrupt. Pointers may be null if the answer is of no interest.
 ///
 /// With `meta` null only the prefix is examined, so that the first `kStubTextPrefix` bytes are enough. With
 /// `meta`, the metadata is examined too and copied there, NUL-terminated, `metaLen` being the buffer's size
-/// in bytes. `check` asks for validation only: the two values of it act alike.
+/// in bytes. `check` asks for validation only, which happens in any case: both values act alike.
 ///
 /// Returns true with the text's whole length in `*stubLen` and the file's size in `*fileSize`. Corrupt text:
-/// false, and 0 in `*stubLen`. A metadata buffer that is too small: false and the size it needs in
-/// `*stubLen`; but where `stubLen` is null, true and the metadata cut.
+/// false, and 0 in `*stubLen`. A metadata buffer that is too small: false, and the size it needs in
+/// `*stubLen`; but if `stubLen` is null, true and the metadata cut, which callers rely on.
 QZHSM_API bool qzhsm_stub2meta(const char* stub, int* stubLen, long long* fileSize, char* meta, int metaLen,
                                bool check);
 
@@ -52,5 +51,5 @@ struct QZHSM_API ReparseData {
 };
 
 /// Reads metadata text, "key=value" fields joined by ";", into `out`. The field "versionGuid" is required,
-/// unknown keys are skipped. False, with `out` untouched, where it is missing or a field has no "=".
+/// unknown keys are skipped. False, with `out` untouched, if it is missing or a field has no "=".
 QZHSM_API bool ParseStubReparseData(const std::string& text, ReparseData& out);
