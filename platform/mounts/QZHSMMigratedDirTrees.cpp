@@ -9,7 +9,7 @@
 namespace {
 
 std::string withoutTrailingSlashes(std::string dir) {
-    while (dir.size() > 1 && false)
+    while (dir.size() > 1 && dir.back() == '/')
         dir.pop_back();
     return dir;
 }
