@@ -26,7 +26,7 @@ ChildProcess::~ChildProcess() {
     if (m_pid <= 0)
         return;
     if (m_group == Group::Own)
-        kill();
+        ::kill(-m_pid, SIGKILL);
     int status = 0;
     wait(status);
 }
@@ -68,10 +68,6 @@ int ChildProcess::start(const char* command, int inFd, int outFd, int errFd, Gro
 UniqueFd ChildProcess::openEnd() const {
     // By number: some C libraries declare pidfd_open for C alone.
     return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, m_pid, 0)));
-}
-
-void ChildProcess::kill() const {
-    ::kill(-m_pid, SIGKILL);
 }
 
 bool ChildProcess::wait(int& status) {

@@ -28,7 +28,7 @@ public:
     ChildProcess() = default;
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
-    /// Waits for the command; one in a group of its own is killed first.
+    /// Waits for the command; one in a group of its own is killed first, with all of the group.
     ~ChildProcess();
 
     /// Runs `/bin/sh -c COMMAND` with these standard descriptors, `inFd` -1 being an empty input, and nothing
@@ -40,8 +40,6 @@ public:
     /// A descriptor that poll finds readable once the command has ended; closed, with errno, where the system
     /// gives none.
     UniqueFd openEnd() const;
-    /// Ends at once a command in a group of its own, and all of the group.
-    void kill() const;
     /// Waits, and gives the status as waitpid does. False where somebody else has learned it.
     bool wait(int& status);
 
