@@ -1,5 +1,5 @@
-#include "tools/qzhsm/BackEnds.h"
-#include "tools/qzhsm/FileIo.h"
+#include "service/FileIo.h"
+#include "tools/qzhsm/CommandLine.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <cstdio>
@@ -16,12 +16,10 @@ std::string timeText(time_t seconds) {
     return text;
 }
 
-} // namespace
-
-void info(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
+void info(StubKind& kind, Report& report, const std::string& path) {
     const struct stat st = statFollowing(path);
-    const bool isStub = isStubFile(backEnd, path, st);
-    const bool isManaged = answered(backEnd, backEnd.isDMRFS(path.c_str()));
+    const bool isStub = kind.isStub(path, st);
+    const bool isManaged = answered(kind.backEnd(), kind.backEnd().isDMRFS(path.c_str()));
     if (report.isJson())
         return report.json({{"path", path},
                             {"stub", isStub},
@@ -34,9 +32,9 @@ void info(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
     report.row("stub  managed         logical       allocated  path", columns + path);
 }
 
-void showStat(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
+void showStat(StubKind& kind, Report& report, const std::string& path) {
     struct stat st {};
-    checked(backEnd, backEnd.statFile(path.c_str(), &st));
+    checked(kind.backEnd(), kind.backEnd().statFile(path.c_str(), &st));
     if (report.isJson())
         return report.json({{"path", path},
                             {"device", st.st_dev},
@@ -57,4 +55,13 @@ void showStat(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
     report.row("mode       uid     gid         logical       allocated  accessed             modified"
                "             path",
                columns + path);
+}
+
+} // namespace
+
+void addQueryVerbs(CommandLine& line) {
+    line.addJson(line.addPathsVerb(
+        "info", "Tell whether files are stubs, are managed, and how much room they take", info));
+    line.addJson(line.addPathsVerb(
+        "stat", "Show files as the back-end sees them, symbolic links not followed", showStat));
 }

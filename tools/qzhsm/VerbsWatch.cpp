@@ -1,29 +1,40 @@
-#include "tools/qzhsm/BackEnds.h"
-#include "tools/qzhsm/FileIo.h"
+#include "service/FileIo.h"
+#include "tools/qzhsm/CommandLine.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <filesystem>
 
-void watch(QZHSMLowLevel& backEnd, const std::string& path) {
+namespace {
+
+void watch(StubKind& kind, Report&, const std::string& path) {
     statFollowing(path);
-    checked(backEnd, backEnd.startWatchingDirTree(path.c_str()));
+    checked(kind.backEnd(), kind.backEnd().startWatchingDirTree(path.c_str()));
 }
 
-void unwatch(QZHSMLowLevel& backEnd, const std::string& path) {
-    checked(backEnd, backEnd.stopWatchingDirTree(path.c_str()));
+void unwatch(StubKind& kind, Report&, const std::string& path) {
+    checked(kind.backEnd(), kind.backEnd().stopWatchingDirTree(path.c_str()));
 }
 
-void watched(QZHSMLowLevel& backEnd, Report& report, const std::string& path) {
+void watched(StubKind& kind, Report& report, const std::string& path) {
     statFollowing(path);
     const std::string whole = std::filesystem::absolute(path).lexically_normal();
-    requirePath(backEnd, whole);
-    const bool isWatched = answered(backEnd, backEnd.isDirBeingWatched(whole.c_str()));
+    kind.requirePath(whole);
+    const bool isWatched = answered(kind.backEnd(), kind.backEnd().isDirBeingWatched(whole.c_str()));
     if (report.isJson())
         report.json({{"path", path}, {"watched", isWatched}});
     else
         report.row("watched  path", (isWatched ? "yes      " : "no       ") + path);
 }
 
-void resubmit(QZHSMLowLevel& backEnd) {
-    checked(backEnd, backEnd.resubmitPendingRecalls());
+void resubmit(StubKind& kind, Report&) {
+    checked(kind.backEnd(), kind.backEnd().resubmitPendingRecalls());
+}
+
+} // namespace
+
+void addWatchVerbs(CommandLine& line) {
+    line.addPathsVerb("watch", "Watch the file systems that hold directories", watch);
+    line.addPathsVerb("unwatch", "End watching the file systems that hold directories", unwatch);
+    line.addJson(line.addPathsVerb("watched", "Tell whether directories are watched", watched));
+    line.addVerb("resubmit", "Hand out again the recalls that nobody has served yet", resubmit);
 }

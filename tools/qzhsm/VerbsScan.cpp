@@ -1,7 +1,6 @@
-#include "tools/qzhsm/BackEnds.h"
-#include "tools/qzhsm/FileIo.h"
+#include "service/FileIo.h"
+#include "tools/qzhsm/CommandLine.h"
 #include "tools/qzhsm/Progress.h"
-#include "tools/qzhsm/StubData.h"
 #include "tools/qzhsm/Verbs.h"
 
 #include <cerrno>
@@ -13,7 +12,7 @@ namespace {
 
 class Scan {
 public:
-    Scan(QZHSMLowLevel& backEnd, Report& report) : m_backEnd(backEnd), m_report(report) {}
+    Scan(StubKind& kind, Report& report) : m_kind(kind), m_report(report) {}
 
     void walk(std::string directory) {
         char* const roots[] = {directory.data(), nullptr};
@@ -60,8 +59,8 @@ private:
         m_logical += st.st_size;
         m_allocated += allocatedBytes(st);
         m_progress.files(m_files);
-        requirePath(m_backEnd, path);
-        if (!isStubFile(m_backEnd, path, st))
+        m_kind.requirePath(path);
+        if (!m_kind.isStub(path, st))
             return;
         ++m_stubs;
         const std::string problem = examineHeader(path, st.st_size);
@@ -78,10 +77,11 @@ private:
     /// What is wrong with a stub's header, or nothing.
     std::string examineHeader(const std::string& path, long long size) {
         std::vector<char> data;
-        if (m_backEnd.backupStub(path.c_str(), data) < 0) {
-            if (m_backEnd.m_errorCode == QZHSM_NOT_A_STUB || m_backEnd.m_errorCode == QZHSM_SUCCESS)
+        QZHSMLowLevel& backEnd = m_kind.backEnd();
+        if (backEnd.backupStub(path.c_str(), data) < 0) {
+            if (backEnd.m_errorCode == QZHSM_NOT_A_STUB || backEnd.m_errorCode == QZHSM_SUCCESS)
                 return "no valid header";
-            throw Failure(m_backEnd);
+            throw Failure(backEnd);
         }
         return misfit(readFacts(data), size);
     }
@@ -111,7 +111,7 @@ private:
         line("%-16s  %16.0f", "files a second", rate);
     }
 
-    QZHSMLowLevel& m_backEnd;
+    StubKind& m_kind;
     Report& m_report;
     Progress m_progress;
     long long m_files = 0;
@@ -123,8 +123,14 @@ private:
 
 } // namespace
 
-void scan(QZHSMLowLevel& backEnd, Report& report, const std::string& directory) {
-    if (!S_ISDIR(statFollowing(directory).st_mode))
-        throw systemFailure("Failed to read ", directory, ENOTDIR);
-    Scan(backEnd, report).walk(directory);
+void addScanVerb(CommandLine& line) {
+    line.addJson(line.addPathVerb("scan",
+                                  "Walk a directory tree: count its files and stubs, list the stubs that do "
+                                  "not fit",
+                                  "DIR", "The directory",
+                                  [](StubKind& kind, Report& report, const std::string& directory) {
+                                      if (!S_ISDIR(statFollowing(directory).st_mode))
+                                          throw systemFailure("Failed to read ", directory, ENOTDIR);
+                                      Scan(kind, report).walk(directory);
+                                  }));
 }

@@ -1,9 +1,8 @@
-#include "tools/qzhsm/StubData.h"
+#include "service/StubData.h"
 
 #include "platform/stub/StubText.h"
-#include "tools/qzhsm/BackEnds.h"
-#include "tools/qzhsm/FileIo.h"
-#include "tools/qzhsm/Report.h"
+#include "service/Failure.h"
+#include "service/FileIo.h"
 
 #include <algorithm>
 
@@ -15,10 +14,12 @@ bool beginsWithStubText(const std::vector<char>& bytes) {
 
 std::optional<StubFacts> readFacts(const std::vector<char>& stubData) {
     const std::string text(stubData.begin(), stubData.end());
-    std::vector<char> meta(kStubTextMax);
+    std::vector<char> meta(text.size() + 1);
     StubFacts facts{};
-    if (!qzhsm_stub2meta(text.c_str(), &facts.textLength, &facts.fileSize, meta.data(), kStubTextMax, true))
+    if (!qzhsm_stub2meta(text.c_str(), &facts.textLength, &facts.fileSize, meta.data(),
+                         static_cast<int>(meta.size()), true))
         return {};
+    facts.meta = meta.data();
     return facts;
 }
 
@@ -31,14 +32,10 @@ std::string misfit(const std::optional<StubFacts>& facts, long long size) {
     return "header says " + std::to_string(facts->fileSize) + " bytes, file has " + std::to_string(size);
 }
 
-std::vector<char> readStubData(const QZHSMLowLevel& backEnd, const std::string& path) {
+std::vector<char> readSavedStub(const std::string& path) {
     std::vector<char> data = readUpTo(openForReading(path).get(), kStubTextMax + 1, path);
     const std::optional<StubFacts> facts = readFacts(data);
-    const bool whole = facts && static_cast<size_t>(facts->textLength) == data.size();
-    if (!whole)
+    if (!facts || static_cast<size_t>(facts->textLength) != data.size())
         throw Failure(QZHSM_FAILURE, "Stub " + path + " has corrupt metadata.");
-    if (facts->fileSize == 0 && !asksDriver(backEnd))
-        throw Failure(QZHSM_FAILURE, "Stub " + path + " is of an empty file, which cannot be restored here");
-    requireMetadata(backEnd, {data.begin() + kStubTextPrefix, data.end()});
     return data;
 }

@@ -1,6 +1,6 @@
-#include "tools/qzhsm/FileIo.h"
+#include "service/FileIo.h"
 
-#include "tools/qzhsm/Report.h"
+#include "service/Failure.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+/// The attribute that holds the stub text of kinds which keep it outside the file's data.
+constexpr const char* kStubTextAttribute = "user.TSTUB";
+
+/// Whether the bytes begin with valid stub text.
+bool beginsWithStubText(const std::vector<char>& bytes);
+
+/// What stub data says. Lengths are in bytes.
+struct StubFacts {
+    int textLength;
+    long long fileSize; ///< of the file that was stubbed
+    std::string meta;
+};
+/// Nothing for stub data that is not valid.
+std::optional<StubFacts> readFacts(const std::vector<char>& stubData);
+
+/// What is wrong with such stub data on a file of `size` bytes; empty if it fits.
+std::string misfit(const std::optional<StubFacts>& facts, long long size);
+
+/// The stub data that was saved in a file. Throws `Failure` if that is anything but whole stub data.
+std::vector<char> readSavedStub(const std::string& path);

@@ -1,0 +1,36 @@
+#include "service/TransparentFile.h"
+
+#include "service/Failure.h"
+
+#include <unistd.h>
+#include <utility>
+
+TransparentFile::TransparentFile(QZHSMLowLevel& backEnd, std::string path, int flags)
+    : m_backEnd(backEnd), m_path(std::move(path)) {
+    checked(backEnd, backEnd.openFileTrans(m_path.c_str(), flags, 0));
+}
+
+TransparentFile::~TransparentFile() {
+    if (m_open)
+        m_backEnd.closeFileTrans();
+}
+
+// Where the bytes go is said in both ways: the extent variant goes by the offset, the others by the position.
+void TransparentFile::write(const std::vector<char>& bytes, long long offset) {
+    if (m_backEnd.seekFileTrans(offset, SEEK_SET) < 0)
+        throw Failure(m_backEnd);
+    for (size_t done = 0; done < bytes.size();) {
+        const auto rest = static_cast<int>(bytes.size() - done);
+        const int written =
+            checked(m_backEnd, m_backEnd.writeFileTrans(bytes.data() + done, rest,
+                                                        offset + static_cast<long long>(done)));
+        if (written == 0)
+            throw Failure(QZHSM_FAILURE, "Failed to write all data into " + m_path);
+        done += static_cast<size_t>(written);
+    }
+}
+
+void TransparentFile::close() {
+    m_open = false;
+    checked(m_backEnd, m_backEnd.closeFileTrans());
+}

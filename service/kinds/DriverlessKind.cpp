@@ -1,0 +1,81 @@
+#include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+#include "platform/stub/StubText.h"
+#include "service/FileIo.h"
+#include "service/TransparentFile.h"
+#include "service/kinds/Kinds.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+
+namespace {
+
+/// The stub text lies at the beginning of the file itself, in place of its data.
+class DriverlessKind : public StubKind {
+public:
+    explicit DriverlessKind(QZHSMLowLevelDriverless& backEnd) : StubKind(backEnd) {}
+
+    std::string advice(const std::string& path, int code) override {
+        const std::string removal = "\"setfattr -x user.NkStubFile " + path + "\" ";
+        // The back-end creates its mark and never replaces it.
+        if (code == EEXIST)
+            return path +
+                   " is a stub already, or an earlier stubbing was refused after marking it. In the second "
+                   "case its data is still there: \"qzhsm info\" shows the allocated size, and " +
+                   removal + "takes the mark away.";
+        if (code == QZHSM_NOT_A_STUB && backEnd().isStub(path.c_str()) == 1)
+            return "It is marked, but has no stub text: a recall may have been killed at its end. If it is "
+                   "whole, " +
+                   removal + "makes it an ordinary file.";
+        return {};
+    }
+
+    void beforeStubbing(const std::string& path, const std::string& meta, const struct stat& st) override {
+        StubKind::beforeStubbing(path, meta, st);
+        if (beginsWithStubText(readUpTo(openForReading(path).get(), kStubTextPrefix, path)))
+            throw Failure(QZHSM_FAILURE,
+                          "Not stubbing " + path + ": it is a copy of a stub and holds no data");
+        const int length = qzhsm_meta2stub(meta.c_str(), st.st_size, nullptr, 0);
+        if (st.st_size <= length)
+            throw Failure(QZHSM_FAILURE,
+                          "Not stubbing " + path + ": the stub text of " + std::to_string(length) +
+                              " bytes would not be shorter than its " + std::to_string(st.st_size));
+    }
+
+    /// Whatever holds stub text can be saved, marked or not.
+    void beforeBackup(const std::string&, const struct stat&) override {}
+
+    /// A refusal can come after the file was marked.
+    void undoRestoring(const std::string& path, const struct stat& before) override {
+        backEnd().restoreDone(path.c_str(), true, {});
+        StubKind::undoRestoring(path, before);
+    }
+
+    /// Two recalls at once would each take the other's first writes for the stub's.
+    UniqueFd beforeRecall(const std::string& path, const struct stat& st) override {
+        if (!S_ISREG(st.st_mode))
+            return UniqueFd();
+        UniqueFd lock = openForReading(path);
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
+            throw Failure(QZHSM_BUSY, "Another recall of " + path + " is under way");
+        return lock;
+    }
+
+    /// The beginning of the source tells, and costs it no change of times.
+    bool isStubAsSource(const std::string&, const struct stat&) override { return false; }
+
+    bool putBack(const std::string& path, const std::vector<char>& stubData, long long size) override {
+        TransparentFile file(backEnd(), path, O_WRONLY | O_TRUNC);
+        file.write(stubData, 0);
+        if (size > static_cast<long long>(stubData.size()))
+            file.write({'\0'}, size - 1);
+        file.close();
+        return true;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<StubKind> makeKind(QZHSMLowLevelDriverless& backEnd) {
+    return std::make_unique<DriverlessKind>(backEnd);
+}

@@ -1,0 +1,106 @@
+#include "service/kinds/StubKind.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+StubKind::~StubKind() = default;
+
+void StubKind::requireSight() const {}
+
+void StubKind::requirePath(const std::string&) const {}
+
+bool StubKind::isStub(const std::string& path, const struct stat& st) {
+    // Nothing else is ever a stub, and to look into a pipe would be to wait for its writer.
+    if (!S_ISREG(st.st_mode))
+        return false;
+    if (::access(path.c_str(), R_OK) < 0)
+        throw systemFailure("Failed to read from ", path, errno);
+    return ask(path);
+}
+
+bool StubKind::ask(const std::string& path) {
+    return answered(m_backEnd, m_backEnd.isStub(path.c_str()));
+}
+
+std::string StubKind::advice(const std::string&, int) {
+    return {};
+}
+
+Failure StubKind::lastFailure(const std::string& path) {
+    const Failure failure(m_backEnd);
+    return {failure.code(), failure.what(), advice(path, failure.code())};
+}
+
+void StubKind::refuseStub(const std::string& path, const struct stat& st) {
+    if (isStub(path, st))
+        throw Failure(EEXIST, "Not replacing the stub " + path + ": File exists", advice(path, EEXIST));
+}
+
+void StubKind::beforeStubbing(const std::string& path, const std::string&, const struct stat& st) {
+    if (!S_ISREG(st.st_mode))
+        throw Failure(QZHSM_FAILURE, "Not stubbing special file " + path);
+    refuseStub(path, st);
+}
+
+void StubKind::afterStubbing(const std::string&) {}
+
+void StubKind::beforeBackup(const std::string& path, const struct stat& st) {
+    // A back-end may say no more than "is not a stub", whatever went wrong; this question tells.
+    if (!isStub(path, st))
+        throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub", advice(path, QZHSM_NOT_A_STUB));
+}
+
+void StubKind::refuseEmpty(const std::string& path, const StubFacts& saved) {
+    if (saved.fileSize == 0)
+        throw Failure(QZHSM_FAILURE, "Stub " + path + " is of an empty file, which cannot be restored here");
+}
+
+void StubKind::requireTarget(const std::string& path, const struct stat* before, bool force) {
+    if (!before)
+        return;
+    if (!S_ISREG(before->st_mode))
+        throw Failure(QZHSM_FAILURE, "Not restoring a stub over special file " + path);
+    refuseStub(path, *before);
+    if (before->st_size > 0 && !force)
+        throw Failure(QZHSM_FAILURE, "Not restoring a stub over " + path + ": it holds data",
+                      "With --force its data is given up.");
+}
+
+void StubKind::beforeRestoring(const std::string& path, const StubFacts& saved, const struct stat* before,
+                               bool force) {
+    refuseEmpty(path, saved);
+    requireTarget(path, before, force);
+}
+
+void StubKind::undoRestoring(const std::string& path, const struct stat& before) {
+    if (before.st_size == 0) [[maybe_unused]]
+        const int result = ::truncate(path.c_str(), 0);
+}
+
+UniqueFd StubKind::beforeRecall(const std::string&, const struct stat&) {
+    return UniqueFd();
+}
+
+bool StubKind::isStubAsSource(const std::string& path, const struct stat& st) {
+    return isStub(path, st);
+}
+
+std::string StubKind::pathToOpen(const std::string& path) const {
+    return path;
+}
+
+bool StubKind::shortensLast() const {
+    return false;
+}
+
+bool StubKind::putBack(const std::string&, const std::vector<char>&, long long) {
+    return false;
+}
+
+std::string StubKind::hsmState(const std::string&) {
+    throw Failure(QZHSM_NOT_IMPLEMENTED, "hsm-state is for Lustre only: --fs LUSTRE_FS");
+}
+
+void StubKind::release(const std::string&) {
+    throw Failure(QZHSM_NOT_IMPLEMENTED, "release is for Lustre only: --fs LUSTRE_FS");
+}

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "platform/files/UniqueFd.h"
+#include "service/Failure.h"
+#include "service/StubData.h"
+
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+/// What an HSM service has to know about one kind of stubs beyond the interface that all back-ends share:
+/// what to look at before and after a back-end acts, and how a recall deals with the file. The defaults suit
+/// a back-end about which nothing special is known.
+///
+/// What must not be done, or did not work, throws `Failure`.
+class StubKind {
+public:
+    explicit StubKind(QZHSMLowLevel& backEnd) : m_backEnd(backEnd) {}
+    StubKind(const StubKind&) = delete;
+    StubKind& operator=(const StubKind&) = delete;
+    virtual ~StubKind();
+
+    QZHSMLowLevel& backEnd() const { return m_backEnd; }
+
+    // --- Any file ---
+
+    /// Throws if this process cannot see stubs of this kind at all.
+    virtual void requireSight() const;
+    /// Throws if the back-end would take this path for another one.
+    virtual void requirePath(const std::string& path) const;
+    /// Whether the file is a stub. A file that may not be looked at throws, and never counts as no stub.
+    bool isStub(const std::string& path, const struct stat& st);
+    /// What to do about a failure with `code` on this file; empty if there is nothing to say. Asks the
+    /// back-end, so its last error is lost.
+    virtual std::string advice(const std::string& path, int code);
+    /// The back-end's last error, with the advice on it.
+    Failure lastFailure(const std::string& path);
+
+    // --- Making stubs and saving them ---
+
+    /// Throws if the file `st` must not become a stub with this metadata, or could not be recalled then.
+    virtual void beforeStubbing(const std::string& path, const std::string& meta, const struct stat& st);
+    /// Throws if the file is no stub although the back-end reported a success.
+    virtual void afterStubbing(const std::string& path);
+    /// Throws if there is no stub to save.
+    virtual void beforeBackup(const std::string& path, const struct stat& st);
+
+    // --- Restoring stubs ---
+
+    /// Throws if the saved stub must not be restored at `path`. `before` is the file there, or null; one that
+    /// holds data needs `force`.
+    virtual void beforeRestoring(const std::string& path, const StubFacts& saved, const struct stat* before,
+                                 bool force);
+    /// Takes from a file that was there before what a failed restore has left on it.
+    virtual void undoRestoring(const std::string& path, const struct stat& before);
+
+    // --- Recalling ---
+
+    /// Throws if this stub cannot be recalled from here now. An open descriptor, of the stub itself, keeps
+    /// other recalls of it away.
+    virtual UniqueFd beforeRecall(const std::string& path, const struct stat& st);
+    /// Whether a file that is to provide a recall's data is itself a stub.
+    virtual bool isStubAsSource(const std::string& path, const struct stat& st);
+    /// The path to hand to `openFileTrans` for this stub.
+    virtual std::string pathToOpen(const std::string& path) const;
+    /// Whether the file can be shortened only when it is no stub any more.
+    virtual bool shortensLast() const;
+    /// Makes a half-recalled file of `size` bytes the stub that it was. False if it never ceased to be one.
+    virtual bool putBack(const std::string& path, const std::vector<char>& stubData, long long size);
+
+    // --- What only Lustre's own HSM has; for any other kind code 38 ---
+
+    /// Lustre's state of a file as "lfs" tells it, without the path.
+    virtual std::string hsmState(const std::string& path);
+    /// Has Lustre give the data of an archived file up.
+    virtual void release(const std::string& path);
+
+protected:
+    /// Whether this regular, readable file is a stub.
+    virtual bool ask(const std::string& path);
+
+    // Steps that several kinds take.
+
+    /// Throws for a stub: another one in its place would lose the metadata.
+    void refuseStub(const std::string& path, const struct stat& st);
+    /// Throws for the stub of an empty file.
+    static void refuseEmpty(const std::string& path, const StubFacts& saved);
+    /// Throws unless `before` is null or a file that may become a restored stub.
+    void requireTarget(const std::string& path, const struct stat* before, bool force);
+
+private:
+    QZHSMLowLevel& m_backEnd;
+};
+
+/// The kind of stubs that a back-end keeps. It uses the back-end and does not own it.
+std::unique_ptr<StubKind> kindOf(QZHSMLowLevel& backEnd);

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# driver.sh PATH-OF-QZHSM PATH-OF-DRIVER-EMULATOR: the tool on the filter driver's stubs.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/common.sh"
+expect 1 'FSF driver is not loaded \(code -1\)' --fs qzfs info "$work/data"
+export QZHSM_EMULATOR_STATE=$work/watched
+# A sanitizer's library has to come before the emulator.
+preload="LD_PRELOAD='$(ldd "$plain" | awk '/lib[a-z]*san\./ { print $3; exit }') $2'"
+wrapped "$preload" '--fs qzfs'
+on tmpfs
+expect 0 '^no +no ' info "$f"
+expect 1 'not watched' stub "$f" --meta m
+expect 0 '^$' watch "$fs"
+expect 0 '^yes' watched "$fs"
+expect 0 '^$' resubmit
+refused "$f" 'Metadata of 2048 bytes: the driver takes at most 2047' stub "$f" --meta "$(printf %2048s x)"
+expect 1 'Path of 2048 bytes' stub "$(printf %2048s x)" --meta m
+
+becomes_stub "$(printf %2047s m)"
+comes_back
+expect 1 'a name of 248 bytes cannot be recalled' restore-stub "$fs/$(printf %0248d 1)" "$work/saved"
+refused "$f" 'again is a stub or' recall "$f" --from "$fs/again"
+: >"$fs/again"
+setfattr -x user.nkfsdm.stub "$fs/again" # no stub any more
+QZHSM_EMULATOR_FAIL=16:5:1 refused "$fs/again" 'QZHSM_RESTORE_STUB\) failed: Input/output error' restore-stub "$fs/again" "$work/saved"
+QZHSM_EMULATOR_FAIL=1:5:-1 expect 1 'QZHSM_STAT.* failed: Input/output error' backup "$f"
+QZHSM_EMULATOR_FAIL=8:5:1 refused "$f" 'still a stub, to be recalled again' recall "$f" --from "$work/data"
+QZHSM_EMULATOR_FAIL=4:5:-1 expect 1 'still a stub' recall "$f" --from "$work/data"
+expect 1 'has more than the 3000000 bytes' recall "$f" --from - < <(cat "$work"/{data,data})
+rm "$fs/again"
+
+# A recall that comes late must not write over what was written since.
+ln -s "$f" "$work/link"
+feed
+expect 0 '^$' recall "$work/link" --from "$work/data"
+printf user | dd of="$f" bs=1 seek=5 conv=notrunc status=none
+unchanged "$f" ended 1 'has ceased to be a stub'
+
+for name in qzfs qzfs_extent; do
+    wrapped "$preload" "--fs $name"
+    becomes_stub m
+    is_recalled
+    expect 0 '^$' stub "$f" --meta m
+    expect 0 'warning' recall "$f" --from "$work/five" --force
+    same "$f" "$work/five"
+done
+[ "$(ls -A "$fs")" = file ] || fail "left behind: $(ls -A "$fs")"
+finish

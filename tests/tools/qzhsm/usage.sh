@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# How the tool takes its command line, right and wrong.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/common.sh"
+expect 2 'frob' frobnicate
+expect 2 'meta' stub /tmp
+expect 2 'excludes' --fs qzfs --kind 2 info /
+expect 2 'PATH' info
+expect 1 'for Lustre only.*code 38' release /
+expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work/data" --meta m
+for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit release hsm-state scan; do
+    expect 0 "Usage: qzhsm $verb" "$verb" --help
+done
+printf '%s\0' "$work/data" "$work/missing" "$work/five" >"$work/paths"
+[ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | wc -l)" = 2 ] || fail "a missing path ended the list"
+"$qzhsm" info / >/dev/full 2>/dev/null && fail "a full standard output went unnoticed"
+finish

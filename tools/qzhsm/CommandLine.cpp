@@ -1,0 +1,148 @@
+#include "tools/qzhsm/CommandLine.h"
+
+#include "lowlevel/QZHSMLowLevelCtx.h"
+#include "tools/qzhsm/Verbs.h"
+
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+namespace {
+
+constexpr int kKindDriverless = 2;
+constexpr int kMany = 1 << 20;
+
+/// Does the action on each path that `nextPath` gives.
+template <class Paths>
+void forEach(Paths nextPath, StubKind& kind, Report& report, const PathAction& action) {
+    for (std::string path; nextPath(path);) {
+        try {
+            kind.requirePath(path);
+            action(kind, report, path);
+        } catch (const OutputFailure&) {
+            throw;
+        } catch (const Failure& failure) {
+            report.failure(failure);
+        }
+    }
+}
+
+} // namespace
+
+CommandLine::CommandLine()
+    : m_app("Stubs of a hierarchical storage management service: looks at them, makes and recalls them",
+            "qzhsm"),
+      m_fs(addText(&m_app, "--fs", m_fsName, "The back-end by the name of its file system")),
+      m_kind(kKindDriverless) {
+    m_app.require_subcommand(1);
+    m_app.set_version_flag("--version", "qzhsm " QZHSM_VERSION);
+    m_fs->option_text("NAME");
+    m_app.add_option("--kind", m_kind, "The back-end by its kind; 2, driverless, without either option")
+        ->option_text("N")
+        ->excludes(m_fs);
+
+    addQueryVerbs(*this);
+    addStubVerbs(*this);
+    addRecallVerb(*this);
+    addWatchVerbs(*this);
+    addLustreVerbs(*this);
+    addScanVerb(*this);
+}
+
+CLI::Option* addText(CLI::App* verb, const std::string& name, std::string& target, const std::string& help) {
+    const auto assign = [&target](const CLI::results_t& values) {
+        target = values.front();
+        return true;
+    };
+    return verb->add_option(name, assign, help);
+}
+
+void CommandLine::addJson(CLI::App* verb) {
+    verb->add_flag("--json", m_json, "Print JSON, one object a line");
+}
+
+CLI::App* CommandLine::addVerb(const std::string& name, const std::string& help, const Action& action) {
+    CLI::App* verb = m_app.add_subcommand(name, help);
+    verb->callback([this, action] { m_action = action; });
+    return verb;
+}
+
+CLI::App* CommandLine::addPathVerb(const std::string& name, const std::string& help, const std::string& what,
+                                   const std::string& whatHelp, const PathAction& action) {
+    const auto path = std::make_shared<std::string>();
+    CLI::App* verb = addVerb(name, help, [path, action](StubKind& kind, Report& report) {
+        kind.requirePath(*path);
+        action(kind, report, *path);
+    });
+    addText(verb, what, *path, whatHelp)->required()->option_text(" ");
+    return verb;
+}
+
+CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
+                                    const PathAction& action) {
+    CLI::App* verb = m_app.add_subcommand(name, help);
+    // The parser would take a path like "[a,b]" apart if the list were open. One of a great length is left
+    // alone, and may be shorter.
+    CLI::Option* paths =
+        verb->add_option(
+                "PATH", [](const CLI::results_t&) { return true; }, "The files or directories")
+            ->take_all()
+            ->expected(kMany, CLI::detail::expected_max_vector_size)
+            ->option_text("...");
+    const std::string nullHelp = "Read the paths from standard input, separated by NUL";
+    CLI::Option* null = verb->add_flag("-0,--null", nullHelp)->excludes(paths);
+    verb->callback([this, paths, null, action] {
+        if (paths->count() == 0 && null->count() == 0)
+            throw CLI::RequiredError("PATH");
+        m_action = [paths, null, action](StubKind& kind, Report& report) {
+            if (null->count() > 0) {
+                forEach([](std::string& path) { return !!std::getline(std::cin, path, '\0'); }, kind, report,
+                        action);
+                if (std::cin.bad())
+                    throw Failure(QZHSM_FAILURE, "Failed to read from standard input");
+                return;
+            }
+            auto next = paths->results().begin();
+            const auto end = paths->results().end();
+            forEach(
+                [&](std::string& path) {
+                    if (next == end)
+                        return false;
+                    path = *next++;
+                    return true;
+                },
+                kind, report, action);
+        };
+    });
+    return verb;
+}
+
+void CommandLine::parse(int argc, char** argv) {
+    try {
+        m_app.parse(argc, argv);
+    } catch (const CLI::RequiredError&) {
+        // A verb that does not exist is named rather than missed.
+        const std::vector<std::string> unknown = m_app.remaining();
+        if (m_app.get_subcommands().empty() && !unknown.empty())
+            throw CLI::ExtrasError("qzhsm", unknown);
+        throw;
+    }
+}
+
+std::string CommandLine::answer(const CLI::Success& call) const {
+    std::ostringstream text;
+    m_app.exit(call, text, text);
+    return text.str();
+}
+
+void CommandLine::run(Report& report) {
+    QZHSMLowLevelCtx registry(m_kind);
+    const bool byName = m_fs->count() > 0;
+    QZHSMLowLevel* backEnd = byName ? registry.getByFSName(m_fsName.c_str()) : registry.getByFileName("");
+    if (!backEnd)
+        throw Failure(QZHSM_FAILURE,
+                      "There is no back-end for " + (byName ? m_fsName : "kind " + std::to_string(m_kind)));
+    const std::unique_ptr<StubKind> kind = kindOf(*backEnd);
+    kind->requireSight();
+    m_action(*kind, report);
+}
