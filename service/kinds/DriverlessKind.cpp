@@ -42,6 +42,20 @@ public:
                               " bytes would not be shorter than its " + std::to_string(st.st_size));
     }
 
+    bool keepsTextInFile() const override { return true; }
+
+    /// The back-end follows links, this one too, so no name is needed again.
+    std::string pathOf(const OpenFile& file) const override { return file.path(); }
+
+    FileLook look(const OpenFile& file, bool inside) override { return lookAt(file, inside); }
+
+    UniqueFd hold(const OpenFile& file) override {
+        UniqueFd lock = file.open(O_RDONLY | O_NONBLOCK);
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
+            throw Failure(QZHSM_BUSY, "Another recall of " + file.name() + " is under way");
+        return lock;
+    }
+
     /// Whatever holds stub text can be saved, marked or not.
     void beforeBackup(const std::string&, const struct stat&) override {}
 

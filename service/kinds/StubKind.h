@@ -2,6 +2,7 @@
 
 #include "platform/files/UniqueFd.h"
 #include "service/Failure.h"
+#include "service/FileState.h"
 #include "service/StubData.h"
 
 #include <memory>
@@ -36,6 +37,18 @@ public:
     virtual std::string advice(const std::string& path, int code);
     /// The back-end's last error, with the advice on it.
     Failure lastFailure(const std::string& path);
+
+    // --- Files that are opened once ---
+
+    /// Whether stubs carry their text at the beginning of the file itself, in place of its data.
+    virtual bool keepsTextInFile() const;
+    /// The path by which the back-end gets to this very file. Throws if the file has none any more.
+    virtual std::string pathOf(const OpenFile& file) const;
+    /// What the file is. With `inside` the content of a file without a mark is looked at too.
+    virtual FileLook look(const OpenFile& file, bool inside = false);
+    /// A descriptor to flush the file through. While it is open no recall of the file by others begins.
+    /// Throws if this kind of stubs is not recalled from here.
+    virtual UniqueFd hold(const OpenFile& file);
 
     // --- Making stubs and saving them ---
 
