@@ -73,8 +73,8 @@ void reportFailedCreation() {
 
 QZHSMLowLevelCtx::~QZHSMLowLevelCtx() {
     const NkCriticalSectionLock lock(&m_lock);
-    // One at a time, in the names' order, each gone from the map only after its destructor has run: objects of
-    // a service's own rely on that order.
+    // One at a time, in the names' order, each gone from the map only after its destructor has run: objects
+    // of a service's own rely on that order.
     while (!m_objects.empty()) {
         m_objects.begin()->second.reset();
         m_objects.erase(m_objects.begin());

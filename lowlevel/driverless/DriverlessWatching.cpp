@@ -34,9 +34,9 @@ int QZHSMLowLevelDriverless::isDMRFS(const char* path) {
     bool skip = false;
     // No failure, so the code stays clear; the text tells why. Its wording and its last blank are known to
     // callers.
-    m_errorText = "Extended Attribute is not supported in [ " +
-                  skipFS::getInstance().GetFsType(path, skip, nullptr) +
-                  " ] or extended attributed is disabled in mount option. ";
+    explain(*this, "Extended Attribute is not supported in [ " +
+                       skipFS::getInstance().GetFsType(path, skip, nullptr) +
+                       " ] or extended attributed is disabled in mount option. ");
     return 0;
 }
 

@@ -34,6 +34,10 @@ void presetNotAStub(QZHSMLowLevel& backEnd, const char* path) {
     backEnd.m_errorText.assign(path).append(" is not a stub");
 }
 
+void explain(QZHSMLowLevel& backEnd, std::string text) {
+    backEnd.m_errorText = std::move(text);
+}
+
 int codeFor(int err) {
     return err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE;
 }

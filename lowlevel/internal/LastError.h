@@ -22,5 +22,8 @@ int refuse(QZHSMLowLevel& backEnd, std::string_view operation);
 /// room, so that a query of a plain file allocates nothing.
 void presetNotAStub(QZHSMLowLevel& backEnd, const char* path);
 
+/// Sets the text alone, code 0 staying: for an answer that is no failure but calls for a reason.
+void explain(QZHSMLowLevel& backEnd, std::string text);
+
 /// The code for an errno: 4 for a missing file, else -1.
 int codeFor(int err);
