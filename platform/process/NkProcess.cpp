@@ -1,91 +1,15 @@
 #include "platform/process/NkProcess.h"
 
 #include "platform/errors/ErrorText.h"
-#include "platform/files/UniqueFd.h"
+#include "platform/process/ChildProcess.h"
 
 #include <cerrno>
-#include <csignal>
-#include <fcntl.h>
+#include <iterator>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
-
-constexpr int kFirstFd = STDERR_FILENO + 1;
-
-/// A pipe whose ends lie beyond the standard descriptors, which may be closed in this process.
-struct Pipe {
-    Pipe() {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) < 0)
-            return;
-        const UniqueFd low[2] = {UniqueFd(ends[0]), UniqueFd(ends[1])};
-        reading = UniqueFd(::fcntl(ends[0], F_DUPFD_CLOEXEC, kFirstFd));
-        writing = UniqueFd(::fcntl(ends[1], F_DUPFD_CLOEXEC, kFirstFd));
-    }
-    bool isOpen() const { return reading.isOpen() && writing.isOpen(); }
-
-    UniqueFd reading;
-    UniqueFd writing;
-};
-
-/// A running command; its owner waits for it.
-class Child {
-public:
-    Child() = default;
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
-        int status = 0;
-        if (m_pid > 0)
-            wait(status);
-    }
-
-    /// 0, or an errno.
-    int start(const char* command, int outFd, int errFd) {
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        ::posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
-        ::posix_spawn_file_actions_addclosefrom_np(&actions, kFirstFd);
-        posix_spawnattr_t attributes;
-        ::posix_spawnattr_init(&attributes);
-        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-        sigset_t signals;
-        ::sigfillset(&signals);
-        ::posix_spawnattr_setsigdefault(&attributes, &signals);
-        ::sigemptyset(&signals);
-        ::posix_spawnattr_setsigmask(&attributes, &signals);
-
-        std::string text = command;
-        char shell[] = "sh";
-        char option[] = "-c";
-        char* const arguments[] = {shell, option, text.data(), nullptr};
-        const int err = ::posix_spawn(&m_pid, "/bin/sh", &actions, &attributes, arguments, environ);
-        ::posix_spawnattr_destroy(&attributes);
-        ::posix_spawn_file_actions_destroy(&actions);
-        if (err != 0)
-            m_pid = -1;
-        return err;
-    }
-
-    /// False where somebody else has learned the status.
-    bool wait(int& status) {
-        const pid_t child = std::exchange(m_pid, -1);
-        pid_t ended = -1;
-        do
-            ended = ::waitpid(child, &status, 0);
-        while (ended < 0 && errno == EINTR);
-        return ended == child;
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 /// Reads both to their ends, whichever has something: a command that waits for room in one never blocks.
 void drain(int outFd, std::string& out, int errFd, std::string& err) {
@@ -124,12 +48,12 @@ int NkProcess::system(const char* command, std::string* out, std::string* err, i
     };
 
     constexpr int kUnknownStatus = 255;
-    Child child; // outlives the pipes: where it is given up it finds them closed, and ends
+    ChildProcess child; // outlives the pipes: where it is given up it finds them closed, and ends
     Pipe outPipe;
     Pipe errPipe;
     if (!outPipe.isOpen() || !errPipe.isOpen())
         return cannotRun("Failed to make a pipe", errno);
-    if (const int reason = child.start(command, outPipe.writing.get(), errPipe.writing.get()))
+    if (const int reason = child.start(command, -1, outPipe.writing.get(), errPipe.writing.get()))
         return cannotRun("Failed to run /bin/sh", reason);
     outPipe.writing = UniqueFd();
     errPipe.writing = UniqueFd();
