@@ -33,7 +33,7 @@ ArchiveJob::ArchiveJob(StubKind& kind, OpenFile file)
 
 void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     m_flushable = m_kind.hold(m_file);
-    m_data = m_file.open(O_RDONLY | O_NONBLOCK);
+    m_data = openData();
     requireClosed();
     const ObjectRecord facts = ObjectRecord::describe(m_data.get(), m_file.name());
     m_look.st = m_file.stat();
@@ -44,7 +44,7 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
         store.remove(m_record.object);
         throw;
     }
-    m_meta = composeMetadata(store, m_record);
+    m_meta = StubMetadata(store, m_record).toText();
     m_text = stubText(m_meta, m_look.st.st_size);
     m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
 }
@@ -80,8 +80,8 @@ void ArchiveJob::stub() {
     // Emptying a file takes its capabilities, and may take more of its mode; its times come back in whole
     // seconds.
     if (!m_record.capability.empty() &&
-        ::setxattr(m_file.path().c_str(), kCapabilities, m_record.capability.data(), m_record.capability.size(),
-                   0) < 0)
+        ::setxattr(m_file.path().c_str(), kCapabilities, m_record.capability.data(),
+                   m_record.capability.size(), 0) < 0)
         throw systemFailure("Failed to put back the capabilities of ", m_file.name(), errno);
     if (m_file.stat().st_mode != st.st_mode && ::chmod(m_file.path().c_str(), st.st_mode & 07777) < 0)
         throw systemFailure("Failed to put back the mode of ", m_file.name(), errno);
@@ -97,6 +97,14 @@ void ArchiveJob::end() {
 
 long long ArchiveJob::freed() const {
     return allocatedBytes(m_look.st) - allocatedBytes(m_file.stat());
+}
+
+/// One open file for all, as a second one would be "somebody else" to the lease.
+UniqueFd ArchiveJob::openData() const {
+    struct stat held {};
+    if (::fstat(m_flushable.get(), &held) == 0 && isSameFile(held, m_look.st))
+        return UniqueFd(::fcntl(m_flushable.get(), F_DUPFD_CLOEXEC, 0));
+    return m_file.open(O_RDONLY | O_NONBLOCK);
 }
 
 /// A write lease is given only if nobody else has the file open. It is given back at once: to whoever opens

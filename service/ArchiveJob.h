@@ -36,6 +36,7 @@ public:
     const ObjectRecord& record() const { return m_record; }
 
 private:
+    UniqueFd openData() const;
     void requireClosed() const;
     void requireUnchanged(const struct stat& since) const;
     void putBackMark();

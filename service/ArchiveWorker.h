@@ -37,7 +37,8 @@ private:
 /// Archives files, several together: each step is taken for all of them, and flushed once.
 class ArchiveWorker final : public FileWorker {
 public:
-    ArchiveWorker(StubKind& kind, Store& store, const ArchiveRules& rules, SeenFiles& seen, Observer& observer);
+    ArchiveWorker(StubKind& kind, Store& store, const ArchiveRules& rules, SeenFiles& seen,
+                  Observer& observer);
 
     void take(OpenFile file) override;
     void finish() override;

@@ -1,0 +1,85 @@
+#include "service/stores/Checksums.h"
+
+#include "service/stores/Encoding.h"
+
+#include <algorithm>
+#include <new>
+#include <xxh_x86dispatch.h> // the same functions, with the widest vectors that the processor has
+
+namespace {
+
+constexpr size_t kZeros = 65536; // small enough for the processor's own caches
+constexpr char zeros[kZeros] = {};
+
+/// Calls back with zeros, `count` in all.
+template <typename Take>
+void forZeros(std::uint64_t count, Take take) {
+    for (; count > 0; count -= std::min<std::uint64_t>(count, kZeros))
+        take(zeros, std::min<std::uint64_t>(count, kZeros));
+}
+
+std::uint64_t zeroPieceChecksum() {
+    static const std::uint64_t checksum = [] {
+        ChecksumStream stream;
+        forZeros(kPieceSize, [&](const char* bytes, size_t size) { stream.add(bytes, size); });
+        return stream.finish().pieces[0];
+    }();
+    return checksum;
+}
+
+} // namespace
+
+std::uint64_t pieceChecksum(const char* bytes, size_t size) {
+    return XXH3_64bits(bytes, size);
+}
+
+void ChecksumStream::Free::operator()(XXH3_state_s* state) const {
+    XXH3_freeState(state);
+}
+
+ChecksumStream::ChecksumStream() : m_piece(XXH3_createState()), m_whole(XXH3_createState()) {
+    if (!m_piece || !m_whole)
+        throw std::bad_alloc();
+    XXH3_64bits_reset(m_piece.get());
+    XXH3_128bits_reset(m_whole.get());
+}
+
+void ChecksumStream::endPiece() {
+    m_sums.pieces.push_back(XXH3_64bits_digest(m_piece.get()));
+    XXH3_64bits_reset(m_piece.get());
+    m_inPiece = 0;
+}
+
+void ChecksumStream::add(const char* bytes, size_t size) {
+    XXH3_128bits_update(m_whole.get(), bytes, size);
+    while (size > 0) {
+        const size_t now = std::min<std::uint64_t>(size, kPieceSize - m_inPiece);
+        XXH3_64bits_update(m_piece.get(), bytes, now);
+        m_inPiece += now;
+        if (m_inPiece == kPieceSize)
+            endPiece();
+        bytes += now;
+        size -= now;
+    }
+}
+
+void ChecksumStream::addZeros(std::uint64_t count) {
+    const auto addAll = [this](const char* bytes, size_t size) { add(bytes, size); };
+    const std::uint64_t begun = m_inPiece == 0 ? 0 : std::min(count, kPieceSize - m_inPiece);
+    forZeros(begun, addAll);
+    count -= begun;
+    for (; count >= kPieceSize; count -= kPieceSize) {
+        m_sums.pieces.push_back(zeroPieceChecksum());
+        forZeros(kPieceSize,
+                 [this](const char* bytes, size_t size) { XXH3_128bits_update(m_whole.get(), bytes, size); });
+    }
+    forZeros(count, addAll);
+}
+
+Checksums ChecksumStream::finish() {
+    if (m_inPiece > 0)
+        endPiece();
+    const XXH128_hash_t whole = XXH3_128bits_digest(m_whole.get());
+    m_sums.whole = hexText(whole.high64) + hexText(whole.low64);
+    return std::move(m_sums);
+}

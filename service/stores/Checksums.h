@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct XXH3_state_s;
+
+/// The unit that is compared on its own, so that a part of an object can be trusted without the rest.
+constexpr std::uint64_t kPieceSize = 4 * 1024 * 1024;
+
+/// The checksums of a content, holes counting as the zeros that they read as. They find damage, not malice.
+struct Checksums {
+    std::vector<std::uint64_t> pieces; ///< XXH3-64 of each piece; the last may be shorter than the others
+    std::string whole;                 ///< XXH3-128, 32 lower-case hexadecimal digits, as `xxhsum -H2` prints
+
+    bool operator==(const Checksums&) const = default;
+};
+
+/// The checksum of one piece.
+std::uint64_t pieceChecksum(const char* bytes, size_t size);
+
+/// Computes the checksums of a content that goes by.
+class ChecksumStream {
+public:
+    ChecksumStream();
+
+    void add(const char* bytes, size_t size);
+    /// The same as adding so many zeros, at less cost.
+    void addZeros(std::uint64_t count);
+    /// Ends the stream.
+    Checksums finish();
+
+private:
+    struct Free {
+        void operator()(XXH3_state_s* state) const;
+    };
+    using State = std::unique_ptr<XXH3_state_s, Free>;
+
+    void endPiece();
+
+    State m_piece;
+    State m_whole;
+    std::uint64_t m_inPiece = 0; ///< bytes of the piece that is not complete
+    Checksums m_sums;
+};

@@ -1,0 +1,86 @@
+#include "service/stores/Content.h"
+
+#include "service/Failure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::uint64_t kBuffer = 256 * 1024;           // still in the processor's cache when it is summed up
+constexpr std::uint64_t kHoleStep = 1024 * 1024 * 1024; // between two reports
+
+[[noreturn]] void becameShorter(const ObjectRecord& record) {
+    throw Failure(QZHSM_BUSY, record.path + " became shorter while it was read");
+}
+
+/// Where the data that begins at `at` ends. A file system that knows no holes has data only.
+std::uint64_t endOfData(int fd, std::uint64_t at, const ObjectRecord& record) {
+    if (record.holes.size() >= ObjectRecord::kHolesMax)
+        return record.size;
+    const off_t end = ::lseek(fd, static_cast<off_t>(at), SEEK_HOLE);
+    return end < 0 ? record.size : std::min(static_cast<std::uint64_t>(end), record.size);
+}
+
+std::uint64_t endOfHole(int fd, std::uint64_t at, const ObjectRecord& record) {
+    const off_t end = ::lseek(fd, static_cast<off_t>(at), SEEK_DATA);
+    if (end >= 0)
+        return std::min(static_cast<std::uint64_t>(end), record.size);
+    struct stat st {};
+    if (errno != ENXIO || ::fstat(fd, &st) < 0) // which is the answer where no data follows
+        throw systemFailure("Failed to look for holes in ", record.path, errno);
+    if (static_cast<std::uint64_t>(st.st_size) < record.size)
+        becameShorter(record);
+    return record.size;
+}
+
+size_t readAt(int fd, char* buffer, size_t size, std::uint64_t at, const ObjectRecord& record) {
+    ssize_t got = -1;
+    do
+        got = ::pread(fd, buffer, size, static_cast<off_t>(at));
+    while (got < 0 && errno == EINTR);
+    if (got < 0)
+        throw systemFailure("Failed to read from ", record.path, errno);
+    if (got == 0)
+        becameShorter(record);
+    return static_cast<size_t>(got);
+}
+
+} // namespace
+
+ContentSink::~ContentSink() = default;
+
+void readContent(int fd, ObjectRecord& record, ContentSink& sink, const OnBytes& onBytes) {
+    const std::uint64_t room = std::min(record.size, kBuffer);
+    const auto buffer = std::make_unique_for_overwrite<char[]>(room);
+    ChecksumStream sums;
+    record.holes.clear();
+    std::uint64_t at = 0;
+    const auto advance = [&](std::uint64_t size) {
+        at += size;
+        if (onBytes)
+            onBytes(at);
+    };
+    while (at < record.size) {
+        for (const std::uint64_t end = endOfData(fd, at, record); at < end;) {
+            const size_t got = readAt(fd, buffer.get(), std::min(room, end - at), at, record);
+            sums.add(buffer.get(), got);
+            sink.data(at, buffer.get(), got);
+            advance(got);
+        }
+        if (at == record.size)
+            break;
+        const std::uint64_t end = endOfHole(fd, at, record);
+        if (end > at)
+            record.holes.push_back({at, end - at});
+        while (at < end) {
+            const Extent step{at, std::min(end - at, kHoleStep)};
+            sums.addZeros(step.length);
+            sink.hole(step);
+            advance(step.length);
+        }
+    }
+    record.checksums = sums.finish();
+}

@@ -1,0 +1,115 @@
+#include "service/stores/DirectoryMarker.h"
+
+#include "platform/files/UniqueFd.h"
+#include "service/Failure.h"
+#include "service/stores/StoreFiles.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr const char* kMarker = "qzhsm-store.json";
+constexpr const char* kNewMarker = "qzhsm-store.json.new";
+constexpr const char* kTemporary = "tmp";
+constexpr int kFormat = 1;
+constexpr size_t kMarkerMax = 4096;
+
+/// Takes what a run that was cut short has made out of the way. False for anything else.
+bool isOutOfTheWay(int directory, const std::string& file) {
+    if (file == "lost+found")
+        return true;
+    if (file == kNewMarker)
+        return ::unlinkat(directory, file.c_str(), 0) == 0;
+    const auto& parts = storeParts();
+    const bool isOurs = file == kTemporary || std::find(parts.begin(), parts.end(), file) != parts.end();
+    return isOurs && ::unlinkat(directory, file.c_str(), AT_REMOVEDIR) == 0;
+}
+
+void flush(int fd, const std::string& name) {
+    if (::fsync(fd) < 0)
+        throw systemFailure("Failed to flush ", name, errno);
+}
+
+void writeMarker(int root, const std::string& directory) {
+    const nlohmann::ordered_json marker{{"format", kFormat}, {"uuid", ObjectId::generate().text()}};
+    const std::string text = marker.dump() + '\n';
+    NewFile file(root, kNewMarker, directory + '/' + kNewMarker);
+    file.write(0, text.data(), text.size());
+    file.flush();
+    file.close();
+    if (::renameat(root, kNewMarker, root, kMarker) < 0)
+        throw systemFailure("Failed to rename ", directory + '/' + kNewMarker, errno);
+}
+
+} // namespace
+
+void makeStore(const std::string& directory) {
+    if (::mkdir(directory.c_str(), 0700) < 0 && errno != EEXIST)
+        throw systemFailure("Failed to create ", directory, errno);
+    const UniqueFd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!root.isOpen())
+        throw systemFailure("Failed to open ", directory, errno);
+    if (::faccessat(root.get(), kMarker, F_OK, AT_SYMLINK_NOFOLLOW) == 0)
+        throw Failure(QZHSM_FAILURE, directory + " is a store already");
+    std::vector<std::string> files;
+    forEachName(root.get(), directory, [&](const char* file) { files.emplace_back(file); });
+    for (const std::string& file : files)
+        if (!isOutOfTheWay(root.get(), file))
+            throw Failure(QZHSM_FAILURE,
+                          "Failed to make a store of " + directory + ": there is something in it");
+    if (::fchmod(root.get(), 0700) < 0)
+        throw systemFailure("Failed to set the mode of ", directory, errno);
+    for (const std::string& part : storeParts())
+        if (::mkdirat(root.get(), part.c_str(), 0700) < 0)
+            throw systemFailure("Failed to create ", directory + '/' + part, errno);
+    if (::mkdirat(root.get(), kTemporary, 0700) < 0)
+        throw systemFailure("Failed to create ", directory + '/' + kTemporary, errno);
+    flush(root.get(), directory);
+    writeMarker(root.get(), directory);
+    flush(root.get(), directory);
+    const UniqueFd above(::openat(root.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (above.isOpen()) // one that may not be read cannot be flushed
+        flush(above.get(), directory + "/..");
+}
+
+std::string readMarker(int directory, const std::string& name) {
+    const std::optional<std::string> text = readText(directory, kMarker, name + '/' + kMarker, kMarkerMax);
+    if (!text)
+        throw Failure(QZHSM_FAILURE, name + " is not a store",
+                      "If a disk belongs there, is it mounted? 'qzhsm store create' makes a new store.");
+    const auto marker = nlohmann::json::parse(*text, nullptr, false);
+    if (!marker.is_object() || marker.value("format", nlohmann::json()) != kFormat)
+        throw Failure(QZHSM_FAILURE, name + " is a store of a format that is not known");
+    const auto uuid = marker.value("uuid", nlohmann::json());
+    const auto id = uuid.is_string() ? ObjectId::parse(uuid.get_ref<const std::string&>()) : std::nullopt;
+    if (!id)
+        throw Failure(QZHSM_FAILURE, name + '/' + kMarker + " holds no UUID");
+    return std::string(id->text());
+}
+
+const std::vector<std::string>& storeParts() {
+    static const std::vector<std::string> parts = [] {
+        constexpr std::string_view digits = "0123456789abcdef";
+        std::vector<std::string> all;
+        for (const char first : digits)
+            for (const char second : digits)
+                all.push_back({first, second});
+        return all;
+    }();
+    return parts;
+}
+
+std::string pathOf(int directory) {
+    std::error_code error;
+    const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), error);
+    if (error)
+        throw systemFailure("Failed to find out the path of ", "the store", error.value());
+    return path;
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// What makes a directory a store.
+
+/// See `DirectoryStore::create`.
+void makeStore(const std::string& directory);
+
+/// The store's UUID. Throws `Failure` where the directory, which `name` names, is no store.
+std::string readMarker(int directory, const std::string& name);
+
+/// The directories over which objects are spread, by the first two digits of their names.
+const std::vector<std::string>& storeParts();
+
+/// An open directory's absolute path, free of symbolic links.
+std::string pathOf(int directory);

@@ -1,0 +1,59 @@
+#include "service/stores/FileIdentity.h"
+
+#include "service/Failure.h"
+#include "service/stores/Encoding.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/statfs.h>
+
+namespace {
+
+/// The kernel's record of a file system's UUID; headers older than 6.9 lack it.
+struct FsUuid {
+    std::uint8_t length;
+    std::uint8_t uuid[16];
+};
+constexpr unsigned long kGetFsUuid = _IOR(0x15, 0, FsUuid);
+
+std::string_view bytesOf(const void* start, size_t size) {
+    return {static_cast<const char*>(start), size};
+}
+
+} // namespace
+
+FileIdentity FileIdentity::of(int fd, const std::string& name) {
+    FileIdentity identity;
+    alignas(file_handle) char room[sizeof(file_handle) + MAX_HANDLE_SZ] = {};
+    auto* handle = reinterpret_cast<file_handle*>(room);
+    handle->handle_bytes = MAX_HANDLE_SZ;
+    int mount = 0;
+    if (::name_to_handle_at(fd, "", handle, &mount, AT_EMPTY_PATH) == 0) {
+        identity.handleType = handle->handle_type;
+        identity.handle = bytesOf(handle->f_handle, handle->handle_bytes);
+    } else if (errno != EOPNOTSUPP && errno != EOVERFLOW && errno != ENOSYS) {
+        throw systemFailure("Failed to get the file handle of ", name, errno);
+    }
+
+    struct statfs fs {};
+    if (::fstatfs(fd, &fs) < 0)
+        throw systemFailure("Failed to look at the file system of ", name, errno);
+    std::uint64_t fsid = 0;
+    static_assert(sizeof fsid == sizeof fs.f_fsid);
+    std::memcpy(&fsid, &fs.f_fsid, sizeof fsid);
+    identity.fsid = hexText(fsid);
+
+    FsUuid uuid{};
+    if (::ioctl(fd, kGetFsUuid, &uuid) == 0 && uuid.length <= sizeof uuid.uuid)
+        identity.fsUuid = hexText(bytesOf(uuid.uuid, uuid.length));
+    return identity;
+}
+
+bool FileIdentity::matches(const FileIdentity& other) const {
+    const bool haveUuids = !fsUuid.empty() && !other.fsUuid.empty();
+    return !handle.empty() && handleType == other.handleType && handle == other.handle &&
+           (haveUuids ? fsUuid == other.fsUuid : fsid == other.fsid);
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+/// Which file of which file system, across renames, mounts and restarts: what tells a stub from a copy of it.
+struct FileIdentity {
+    int handleType = 0;
+    std::string handle; ///< the bytes of name_to_handle_at; empty where the file system has no handles
+    std::string fsid;   ///< statfs's, 16 hexadecimal digits; on some file systems that of the device
+    std::string fsUuid; ///< the file system's UUID, 32 hexadecimal digits; empty where the kernel tells none
+
+    /// Of the file behind the descriptor. Throws `Failure` with `name` where it cannot be asked.
+    static FileIdentity of(int fd, const std::string& name);
+
+    /// Whether both are the same file. File systems are compared by UUID where both have one, else by fsid.
+    /// Without a handle nothing matches.
+    bool matches(const FileIdentity& other) const;
+};

@@ -1,0 +1,186 @@
+#include "service/stores/ObjectRecord.h"
+
+#include "service/Failure.h"
+#include "service/stores/Encoding.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kFormat = 1;
+constexpr const char* kCapability = "security.capability";
+
+std::int64_t nanoseconds(const timespec& time) {
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+[[noreturn]] void wrong(const std::string& what) {
+    throw Failure(QZHSM_FAILURE, "The record is damaged: " + what);
+}
+
+/// A member that must be there, and must be of this kind.
+const Json& member(const Json& json, const char* key, bool (Json::*isOfKind)() const noexcept) {
+    const auto found = json.find(key);
+    if (found == json.end() || !((*found).*isOfKind)())
+        wrong(std::string("no good \"") + key + '"');
+    return *found;
+}
+
+template <typename Number>
+Number number(const Json& json, const char* key) {
+    if constexpr (std::is_signed_v<Number>)
+        return member(json, key, &Json::is_number_integer).get<Number>();
+    const auto value = member(json, key, &Json::is_number_unsigned).get<std::uint64_t>();
+    if (value > std::numeric_limits<Number>::max())
+        wrong(std::string("no good \"") + key + '"');
+    return static_cast<Number>(value);
+}
+
+const std::string& text(const Json& json, const char* key) {
+    return member(json, key, &Json::is_string).get_ref<const std::string&>();
+}
+
+template <typename Value>
+Value decoded(std::optional<Value> value, const char* key) {
+    if (!value)
+        wrong(std::string("no good \"") + key + '"');
+    return *std::move(value);
+}
+
+std::vector<Extent> holesOf(const Json& json, std::uint64_t size) {
+    std::vector<Extent> holes;
+    std::uint64_t end = 0;
+    for (const Json& pair : json) {
+        if (!pair.is_array() || pair.size() != 2 || !pair[0].is_number_unsigned() ||
+            !pair[1].is_number_unsigned())
+            wrong("no good \"holes\"");
+        const Extent hole{pair[0].get<std::uint64_t>(), pair[1].get<std::uint64_t>()};
+        if (hole.offset < end || hole.offset > size || hole.length > size - hole.offset)
+            wrong("no good \"holes\"");
+        end = hole.end();
+        holes.push_back(hole);
+    }
+    return holes;
+}
+
+Checksums checksumsOf(const Json& json, std::uint64_t size) {
+    Checksums sums;
+    const Json& pieces = member(json, "xxh3", &Json::is_array);
+    const std::uint64_t expected = size / kPieceSize + (size % kPieceSize != 0);
+    if (number<std::uint64_t>(json, "pieceSize") != kPieceSize || pieces.size() != expected)
+        wrong("checksums of other pieces");
+    sums.pieces.reserve(pieces.size());
+    for (const Json& piece : pieces) {
+        if (!piece.is_string())
+            wrong("no good \"xxh3\"");
+        sums.pieces.push_back(decoded(hexNumber(piece.get_ref<const std::string&>()), "xxh3"));
+    }
+    sums.whole = text(json, "xxh128");
+    if (sums.whole.size() != 32 || !hexBytes(sums.whole))
+        wrong("no good \"xxh128\"");
+    return sums;
+}
+
+} // namespace
+
+ObjectRecord ObjectRecord::describe(int fd, std::string path) {
+    struct stat st {};
+    if (::fstat(fd, &st) < 0)
+        throw systemFailure("Failed to stat ", path, errno);
+    ObjectRecord record;
+    record.size = static_cast<std::uint64_t>(st.st_size);
+    record.atime = nanoseconds(st.st_atim);
+    record.mtime = nanoseconds(st.st_mtim);
+    record.ctime = nanoseconds(st.st_ctim);
+    record.mode = st.st_mode;
+    record.uid = st.st_uid;
+    record.gid = st.st_gid;
+    record.file = FileIdentity::of(fd, path);
+    char capability[64]; // larger than any version of it
+    const ssize_t length = ::fgetxattr(fd, kCapability, capability, sizeof capability);
+    if (length >= 0)
+        record.capability.assign(capability, static_cast<size_t>(length));
+    else if (errno != ENODATA && errno != EOPNOTSUPP)
+        throw systemFailure("Failed to read the file capabilities of ", path, errno);
+    record.path = std::move(path);
+    return record;
+}
+
+std::string ObjectRecord::toText() const {
+    Json json; // member by member: a list of them in braces costs an array for each
+    json["format"] = kFormat;
+    json["object"] = object.text();
+    json["path"] = percentText(path);
+    json["size"] = size;
+    json["atime"] = atime;
+    json["mtime"] = mtime;
+    json["ctime"] = ctime;
+    json["stored"] = stored;
+    json["mode"] = mode;
+    json["uid"] = uid;
+    json["gid"] = gid;
+    json["handleType"] = file.handleType;
+    json["handle"] = hexText(file.handle);
+    json["fsid"] = file.fsid;
+    json["fsUuid"] = file.fsUuid;
+    if (!capability.empty())
+        json["capability"] = hexText(capability);
+    for (const Extent& hole : holes)
+        json["holes"].push_back({hole.offset, hole.length});
+    json["pieceSize"] = kPieceSize;
+    Json& pieces = json["xxh3"] = Json::array();
+    for (const std::uint64_t piece : checksums.pieces)
+        pieces.push_back(hexText(piece));
+    json["xxh128"] = checksums.whole;
+    return json.dump() + '\n';
+}
+
+ObjectRecord ObjectRecord::fromText(std::string_view from) {
+    const Json json = Json::parse(from, nullptr, false);
+    if (!json.is_object())
+        wrong("no JSON object");
+    if (number<int>(json, "format") != kFormat)
+        wrong("of a format that is not known");
+    ObjectRecord record;
+    record.object = decoded(ObjectId::parse(text(json, "object")), "object");
+    record.path = decoded(percentBytes(text(json, "path")), "path");
+    record.size = number<std::uint64_t>(json, "size");
+    record.atime = number<std::int64_t>(json, "atime");
+    record.mtime = number<std::int64_t>(json, "mtime");
+    record.ctime = number<std::int64_t>(json, "ctime");
+    record.stored = number<std::int64_t>(json, "stored");
+    record.mode = number<std::uint32_t>(json, "mode");
+    record.uid = number<std::uint32_t>(json, "uid");
+    record.gid = number<std::uint32_t>(json, "gid");
+    record.file.handleType = number<int>(json, "handleType");
+    record.file.handle = decoded(hexBytes(text(json, "handle")), "handle");
+    record.file.fsid = text(json, "fsid");
+    record.file.fsUuid = text(json, "fsUuid");
+    if (json.contains("capability"))
+        record.capability = decoded(hexBytes(text(json, "capability")), "capability");
+    if (json.contains("holes"))
+        record.holes = holesOf(member(json, "holes", &Json::is_array), record.size);
+    record.checksums = checksumsOf(json, record.size);
+    return record;
+}
+
+std::vector<Extent> ObjectRecord::dataWithin(const Extent& part) const {
+    std::vector<Extent> data;
+    std::uint64_t at = part.offset;
+    auto hole = std::partition_point(holes.begin(), holes.end(),
+                                     [&](const Extent& candidate) { return candidate.end() <= at; });
+    for (; hole != holes.end() && hole->offset < part.end(); ++hole) {
+        if (hole->offset > at)
+            data.push_back({at, hole->offset - at});
+        at = hole->end();
+    }
+    if (at < part.end())
+        data.push_back({at, part.end() - at});
+    return data;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "service/stores/Checksums.h"
+#include "service/stores/FileIdentity.h"
+#include "service/stores/ObjectId.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// A part of a content, in bytes.
+struct Extent {
+    std::uint64_t offset;
+    std::uint64_t length;
+
+    std::uint64_t end() const { return offset + length; }
+    bool operator==(const Extent&) const = default;
+};
+
+/// What a store keeps beside an object: where its data came from, and how to tell that it is whole.
+///
+/// As text it is one JSON object of ASCII characters. Names and values: "format" 1; "object"; "path" as
+/// `percentText` has it, since names may hold any bytes; "size"; "atime", "mtime", "ctime" and "stored" in
+/// nanoseconds since 1970; "mode", "uid" and "gid" as numbers; "handleType", "handle", "fsid" and "fsUuid"
+/// as in `FileIdentity`, bytes in hexadecimal; "capability", the bytes of "security.capability" in
+/// hexadecimal, where the file has them; "holes", pairs of offset and length, where it has some;
+/// "pieceSize", "xxh3" with one text for each piece, and "xxh128".
+struct ObjectRecord {
+    /// More holes than these are stored as the zeros that they read as.
+    static constexpr size_t kHolesMax = 65536;
+    /// No record's text is longer, in bytes.
+    static constexpr size_t kTextMax = 256 * 1024 * 1024;
+
+    ObjectId object;
+    std::string path; ///< where the file was when it was put; a hint for people, and never opened
+    std::uint64_t size = 0;
+    std::int64_t atime = 0; ///< these four in nanoseconds
+    std::int64_t mtime = 0;
+    std::int64_t ctime = 0;
+    std::int64_t stored = 0; ///< when it was put
+    std::uint32_t mode = 0;  ///< st_mode
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    FileIdentity file;
+    std::string capability;    ///< the attribute "security.capability", or nothing
+    std::vector<Extent> holes; ///< in ascending order
+    Checksums checksums;
+
+    /// What there is to know of an open file before it is put. Throws `Failure`.
+    static ObjectRecord describe(int fd, std::string path);
+
+    std::string toText() const;
+    /// Throws `Failure` with what is wrong in a text that `toText` does not make.
+    static ObjectRecord fromText(std::string_view text);
+
+    /// The parts of this part of the content that are data; none where it is all hole.
+    std::vector<Extent> dataWithin(const Extent& part) const;
+};

@@ -1,0 +1,75 @@
+#include "service/stores/VerifiedReader.h"
+
+#include "service/Failure.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::uint64_t kBuffer = 256 * 1024;
+
+[[noreturn]] void damaged(const Store& store, const ObjectRecord& record, std::uint64_t offset) {
+    throw Failure(QZHSM_FAILURE, "Object " + std::string(record.object.text()) + " in store " + store.name() +
+                                     " is damaged: wrong checksum in the piece at byte " +
+                                     std::to_string(offset));
+}
+
+} // namespace
+
+VerifiedReader::VerifiedReader(Store& store, const ObjectRecord& record, std::uint64_t first,
+                               std::uint64_t count)
+    : m_store(store), m_record(record) {
+    const std::uint64_t pieces = record.checksums.pieces.size();
+    first = std::min(first, pieces);
+    count = std::min(count, pieces - first);
+    m_at = std::min(record.size, first * kPieceSize);
+    m_end = std::min(record.size, (first + count) * kPieceSize);
+    if (m_at < m_end)
+        m_reader = store.open(record, {m_at, m_end - m_at});
+    m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_end - m_at, kPieceSize));
+}
+
+std::optional<Piece> VerifiedReader::next() {
+    if (m_at == m_end) {
+        if (m_reader)
+            m_reader->finish();
+        m_reader.reset();
+        return std::nullopt;
+    }
+    Piece piece{{m_at, std::min(kPieceSize, m_end - m_at)}, {}};
+    if (m_record.dataWithin(piece.part).empty()) {
+        m_reader->skip(piece.part.length);
+    } else {
+        piece.bytes = {m_buffer.get(), piece.part.length};
+        m_reader->read(m_buffer.get(), piece.bytes.size());
+        if (pieceChecksum(piece.bytes.data(), piece.bytes.size()) !=
+            m_record.checksums.pieces[m_at / kPieceSize])
+            damaged(m_store, m_record, m_at);
+    }
+    m_at = piece.part.end();
+    return piece;
+}
+
+void verifyObject(Store& store, const ObjectRecord& record, const OnBytes& onBytes) {
+    const std::unique_ptr<ObjectReader> reader = store.open(record, {0, record.size});
+    const auto buffer = std::make_unique_for_overwrite<char[]>(std::min(record.size, kBuffer));
+    ChecksumStream stream;
+    for (std::uint64_t at = 0; at < record.size;) {
+        const size_t size = std::min(kBuffer, record.size - at);
+        reader->read(buffer.get(), size);
+        stream.add(buffer.get(), size);
+        at += size;
+        if (onBytes)
+            onBytes(at);
+    }
+    reader->finish();
+    const Checksums found = stream.finish();
+    const auto& pieces = found.pieces;
+    const auto different =
+        std::ranges::mismatch(pieces, record.checksums.pieces).in1; // of one length, as the sizes are
+    if (different != pieces.end())
+        damaged(store, record, static_cast<std::uint64_t>(different - pieces.begin()) * kPieceSize);
+    if (found.whole != record.checksums.whole)
+        throw Failure(QZHSM_FAILURE, "Object " + std::string(record.object.text()) + " in store " +
+                                         store.name() + " is damaged: wrong checksum of the whole");
+}
