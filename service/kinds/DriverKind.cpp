@@ -32,13 +32,6 @@ public:
         requireTarget(path, before, force);
     }
 
-    /// The driver makes a file beside the stub, on the same file system: not beside a link to it.
-    std::string pathToOpen(const std::string& path) const override {
-        std::string real = std::filesystem::canonical(path);
-        requirePath(real);
-        return real;
-    }
-
     /// To shorten a stub would be to recall it.
     bool shortensLast() const override { return true; }
 

@@ -24,9 +24,7 @@ public:
                    "case its data is still there: \"qzhsm info\" shows the allocated size, and " +
                    removal + "takes the mark away.";
         if (code == QZHSM_NOT_A_STUB && backEnd().isStub(path.c_str()) == 1)
-            return "It is marked, but has no stub text: a recall may have been killed at its end. If it is "
-                   "whole, " +
-                   removal + "makes it an ordinary file.";
+            return "It is marked, but has no stub text: \"qzhsm repair\" leads out of this.";
         return {};
     }
 
@@ -42,6 +40,21 @@ public:
                               " bytes would not be shorter than its " + std::to_string(st.st_size));
     }
 
+    bool keepsTextInFile() const override { return true; }
+
+    /// The back-end follows links, this one too, so no name is needed again.
+    std::string pathOf(const OpenFile& file) const override { return file.path(); }
+
+    FileLook look(const OpenFile& file, bool inside) override { return lookAt(file, inside); }
+
+    /// Two recalls at once would each take the other's first writes for the stub's.
+    UniqueFd hold(const OpenFile& file) override {
+        UniqueFd lock = file.open(O_RDONLY | O_NONBLOCK);
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
+            throw Failure(QZHSM_BUSY, "Another recall of " + file.name() + " is under way");
+        return lock;
+    }
+
     /// Whatever holds stub text can be saved, marked or not.
     void beforeBackup(const std::string&, const struct stat&) override {}
 
@@ -49,16 +62,6 @@ public:
     void undoRestoring(const std::string& path, const struct stat& before) override {
         backEnd().restoreDone(path.c_str(), true, {});
         StubKind::undoRestoring(path, before);
-    }
-
-    /// Two recalls at once would each take the other's first writes for the stub's.
-    UniqueFd beforeRecall(const std::string& path, const struct stat& st) override {
-        if (!S_ISREG(st.st_mode))
-            return UniqueFd();
-        UniqueFd lock = openForReading(path);
-        if (::flock(lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
-            throw Failure(QZHSM_BUSY, "Another recall of " + path + " is under way");
-        return lock;
     }
 
     /// The beginning of the source tells, and costs it no change of times.

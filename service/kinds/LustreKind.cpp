@@ -59,8 +59,8 @@ public:
         StubKind::undoRestoring(path, before);
     }
 
-    UniqueFd beforeRecall(const std::string& path, const struct stat&) override {
-        throw Failure(QZHSM_NOT_IMPLEMENTED, "Nothing but Lustre recalls " + path,
+    UniqueFd hold(const OpenFile& file) override {
+        throw Failure(QZHSM_NOT_IMPLEMENTED, "Nothing but Lustre recalls " + file.name(),
                       "It does so when the file is read, or by \"lfs hsm_restore\".");
     }
 

@@ -1,7 +1,11 @@
 #include "service/kinds/StubKind.h"
 
+#include "service/FileIo.h"
+
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 StubKind::~StubKind() = default;
@@ -21,6 +25,54 @@ bool StubKind::isStub(const std::string& path, const struct stat& st) {
 
 bool StubKind::ask(const std::string& path) {
     return answered(m_backEnd, m_backEnd.isStub(path.c_str()));
+}
+
+bool StubKind::keepsTextInFile() const {
+    return false;
+}
+
+std::string StubKind::pathOf(const OpenFile& file) const {
+    char real[PATH_MAX];
+    const ssize_t length = ::readlink(file.path().c_str(), real, sizeof real);
+    if (length < 0)
+        throw systemFailure("Failed to find ", file.name(), errno);
+    std::string path(real, static_cast<size_t>(length));
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) < 0 || !isSameFile(st, file.stat()))
+        throw Failure(QZHSM_NOT_FOUND, file.name() + " was moved or removed");
+    requirePath(path);
+    return path;
+}
+
+FileLook StubKind::look(const OpenFile& file, bool) {
+    FileLook look;
+    look.st = file.stat();
+    const std::string path = pathOf(file);
+    if (!isStub(path, look.st))
+        return look;
+    look.state = FileState::Stub;
+    look.marked = true;
+    std::vector<char> data;
+    if (m_backEnd.backupStub(path.c_str(), data) < 0)
+        throw lastFailure(path);
+    if (const std::optional<StubFacts> facts = readFacts(data)) {
+        look.text.assign(data.begin(), data.end());
+        look.recordedSize = facts->fileSize;
+        look.meta = facts->meta;
+        look.why = misfit(facts, look.st.st_size);
+        if (!look.why.empty())
+            look.state = FileState::ChangedStub;
+    }
+    return look;
+}
+
+UniqueFd StubKind::hold(const OpenFile& file) {
+    // Not the file itself: to open it could be to recall it.
+    const std::string parent = std::filesystem::path(pathOf(file)).parent_path();
+    UniqueFd directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isOpen())
+        throw systemFailure("Failed to open ", parent, errno);
+    return directory;
 }
 
 std::string StubKind::advice(const std::string&, int) {
@@ -79,16 +131,8 @@ void StubKind::undoRestoring(const std::string& path, const struct stat& before)
         ::utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
-UniqueFd StubKind::beforeRecall(const std::string&, const struct stat&) {
-    return UniqueFd();
-}
-
 bool StubKind::isStubAsSource(const std::string& path, const struct stat& st) {
     return isStub(path, st);
-}
-
-std::string StubKind::pathToOpen(const std::string& path) const {
-    return path;
 }
 
 bool StubKind::shortensLast() const {

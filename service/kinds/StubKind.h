@@ -2,6 +2,7 @@
 
 #include "platform/files/UniqueFd.h"
 #include "service/Failure.h"
+#include "service/FileState.h"
 #include "service/StubData.h"
 
 #include <memory>
@@ -37,6 +38,18 @@ public:
     /// The back-end's last error, with the advice on it.
     Failure lastFailure(const std::string& path);
 
+    // --- Files that are opened once ---
+
+    /// Whether stubs carry their text at the beginning of the file itself, in place of its data.
+    virtual bool keepsTextInFile() const;
+    /// The path by which the back-end gets to this very file. Throws if the file has none any more.
+    virtual std::string pathOf(const OpenFile& file) const;
+    /// What the file is. With `inside` the content of a file without a mark is looked at too.
+    virtual FileLook look(const OpenFile& file, bool inside = false);
+    /// A descriptor to flush the file through. While it is open no recall of the file by others begins.
+    /// Throws if this kind of stubs is not recalled from here.
+    virtual UniqueFd hold(const OpenFile& file);
+
     // --- Making stubs and saving them ---
 
     /// Throws if the file `st` must not become a stub with this metadata, or could not be recalled then.
@@ -57,13 +70,8 @@ public:
 
     // --- Recalling ---
 
-    /// Throws if this stub cannot be recalled from here now. An open descriptor, of the stub itself, keeps
-    /// other recalls of it away.
-    virtual UniqueFd beforeRecall(const std::string& path, const struct stat& st);
     /// Whether a file that is to provide a recall's data is itself a stub.
     virtual bool isStubAsSource(const std::string& path, const struct stat& st);
-    /// The path to hand to `openFileTrans` for this stub.
-    virtual std::string pathToOpen(const std::string& path) const;
     /// Whether the file can be shortened only when it is no stub any more.
     virtual bool shortensLast() const;
     /// Makes a half-recalled file of `size` bytes the stub that it was. False if it never ceased to be one.

@@ -43,7 +43,9 @@ CommandLine::CommandLine()
 
     addQueryVerbs(*this);
     addStubVerbs(*this);
+    addArchiveVerbs(*this);
     addRecallVerb(*this);
+    addStoreVerbs(*this);
     addWatchVerbs(*this);
     addLustreVerbs(*this);
     addScanVerb(*this);
@@ -80,6 +82,11 @@ CLI::App* CommandLine::addPathVerb(const std::string& name, const std::string& h
 
 CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
                                     const PathAction& action) {
+    return addPathsVerb(name, help, action, [](StubKind&, Report&) {});
+}
+
+CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
+                                    const PathAction& action, const Action& finish) {
     CLI::App* verb = m_app.add_subcommand(name, help);
     // The parser would take a path like "[a,b]" apart if the list were open. One of a great length is left
     // alone, and may be shorter.
@@ -91,13 +98,14 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
             ->option_text("...");
     const std::string nullHelp = "Read the paths from standard input, separated by NUL";
     CLI::Option* null = verb->add_flag("-0,--null", nullHelp)->excludes(paths);
-    verb->callback([this, paths, null, action] {
+    verb->callback([this, paths, null, action, finish] {
         if (paths->count() == 0 && null->count() == 0)
             throw CLI::RequiredError("PATH");
-        m_action = [paths, null, action](StubKind& kind, Report& report) {
+        m_action = [paths, null, action, finish](StubKind& kind, Report& report) {
             if (null->count() > 0) {
                 forEach([](std::string& path) { return !!std::getline(std::cin, path, '\0'); }, kind, report,
                         action);
+                finish(kind, report);
                 if (std::cin.bad())
                     throw Failure(QZHSM_FAILURE, "Failed to read from standard input");
                 return;
@@ -112,6 +120,7 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
                     return true;
                 },
                 kind, report, action);
+            finish(kind, report);
         };
     });
     return verb;
@@ -135,14 +144,17 @@ std::string CommandLine::answer(const CLI::Success& call) const {
     return text.str();
 }
 
-void CommandLine::run(Report& report) {
-    QZHSMLowLevelCtx registry(m_kind);
-    const bool byName = m_fs->count() > 0;
-    QZHSMLowLevel* backEnd = byName ? registry.getByFSName(m_fsName.c_str()) : registry.getByFileName("");
+OwnBackEnd::OwnBackEnd(const std::string& fsName, int kind) : m_registry(kind) {
+    QZHSMLowLevel* backEnd =
+        fsName.empty() ? m_registry.getByFileName("") : m_registry.getByFSName(fsName.c_str());
     if (!backEnd)
-        throw Failure(QZHSM_FAILURE,
-                      "There is no back-end for " + (byName ? m_fsName : "kind " + std::to_string(m_kind)));
-    const std::unique_ptr<StubKind> kind = kindOf(*backEnd);
-    kind->requireSight();
-    m_action(*kind, report);
+        throw Failure(QZHSM_FAILURE, "There is no back-end for " +
+                                         (fsName.empty() ? "kind " + std::to_string(kind) : fsName));
+    m_kind = kindOf(*backEnd);
+    m_kind->requireSight();
+}
+
+void CommandLine::run(Report& report) {
+    const std::unique_ptr<OwnBackEnd> own = openBackEnd();
+    m_action(own->kind(), report);
 }

@@ -1,16 +1,31 @@
 #pragma once
 
+#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/kinds/StubKind.h"
 #include "tools/qzhsm/Report.h"
 
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 /// What a verb does. What fails throws `Failure`.
 using Action = std::function<void(StubKind&, Report&)>;
 using PathAction = std::function<void(StubKind&, Report&, const std::string& path)>;
+
+/// A back-end of a worker's own, with the registry that it belongs to.
+class OwnBackEnd {
+public:
+    /// By name, or by kind if the name is empty. Throws if it cannot be made, or could not see its stubs.
+    OwnBackEnd(const std::string& fsName, int kind);
+
+    StubKind& kind() { return *m_kind; }
+
+private:
+    QZHSMLowLevelCtx m_registry;
+    std::unique_ptr<StubKind> m_kind;
+};
 
 /// The verbs, and the options that come before them. A verb's own options are its file's business: they live
 /// in an object that its action shares.
@@ -27,6 +42,9 @@ public:
     /// A verb for any number of paths, given as arguments or on standard input. It goes on with the next path
     /// after a failure.
     CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action);
+    /// The same for work that goes on after the last path was given; `finish` then brings it to its end.
+    CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action,
+                           const Action& finish);
     void addJson(CLI::App* verb);
 
     // --- For the program ---
@@ -38,6 +56,9 @@ public:
     bool isJson() const { return m_json; }
     /// Does what the verb says, with the back-end that was chosen.
     void run(Report& report);
+
+    /// One more back-end like the one that was chosen.
+    std::unique_ptr<OwnBackEnd> openBackEnd() const { return std::make_unique<OwnBackEnd>(m_fsName, m_kind); }
 
 private:
     CLI::App m_app;

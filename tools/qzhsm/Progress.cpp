@@ -2,13 +2,18 @@
 
 #include "lowlevel/QZHSMLowLevel.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 
 namespace {
 
 constexpr auto kInterval = std::chrono::milliseconds(100);
+
+void put(const std::string& text) {
+    QZHSMLowLevel::writeAll(STDERR_FILENO, text.data(), static_cast<int>(text.size()));
+}
+
+} // namespace
 
 std::string sizeText(long long bytes) {
     constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
@@ -21,12 +26,6 @@ std::string sizeText(long long bytes) {
     return text;
 }
 
-void put(const std::string& text) {
-    QZHSMLowLevel::writeAll(STDERR_FILENO, text.data(), static_cast<int>(text.size()));
-}
-
-} // namespace
-
 Progress::Progress() : m_terminal(::isatty(STDERR_FILENO) == 1), m_start(Clock::now()), m_last(m_start) {}
 
 bool Progress::isDue() {
@@ -36,16 +35,9 @@ bool Progress::isDue() {
     return true;
 }
 
-void Progress::bytes(long long done, long long total) {
-    constexpr long long kWidth = 40;
-    if (!isDue())
-        return;
-    if (total <= 0)
-        return draw(sizeText(done));
-    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
-    const auto filled = static_cast<size_t>(part * kWidth);
-    draw('[' + std::string(filled, '#') + std::string(kWidth - filled, '-') + "] " +
-         std::to_string(static_cast<int>(part * 100)) + "%  " + sizeText(done) + " of " + sizeText(total));
+void Progress::work(long long files, long long bytes) {
+    if (isDue())
+        draw(std::to_string(files) + " files, " + sizeText(bytes));
 }
 
 void Progress::files(long long count) {

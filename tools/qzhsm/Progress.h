@@ -3,6 +3,9 @@
 #include <chrono>
 #include <string>
 
+/// "12.5 MiB", for people.
+std::string sizeText(long long bytes);
+
 /// One line on standard error that is written over again, at most ten times a second; nothing if standard
 /// error is no terminal.
 class Progress {
@@ -12,8 +15,8 @@ public:
     Progress& operator=(const Progress&) = delete;
     ~Progress() { clear(); }
 
-    /// A bar of bytes; only their number if `total` is 0, which means unknown.
-    void bytes(long long done, long long total);
+    /// Files and bytes that are done.
+    void work(long long files, long long bytes);
     /// A count and its rate.
     void files(long long count);
     /// Takes the line away, before anything else is written to the terminal.

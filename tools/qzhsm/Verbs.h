@@ -6,7 +6,9 @@ class CommandLine;
 
 void addQueryVerbs(CommandLine& line);
 void addStubVerbs(CommandLine& line);
+void addArchiveVerbs(CommandLine& line);
 void addRecallVerb(CommandLine& line);
+void addStoreVerbs(CommandLine& line);
 void addWatchVerbs(CommandLine& line);
 void addLustreVerbs(CommandLine& line);
 void addScanVerb(CommandLine& line);

@@ -1,86 +1,93 @@
 #include "service/FileIo.h"
-#include "service/Recall.h"
-#include "tools/qzhsm/CommandLine.h"
-#include "tools/qzhsm/Progress.h"
+#include "service/RecallWorker.h"
+#include "service/StoreSource.h"
+#include "tools/qzhsm/FileCrew.h"
 #include "tools/qzhsm/Verbs.h"
 
-#include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+/// Where the data comes from: a file somebody named, a store somebody named, or the one that the stub names.
+struct Sources {
+    std::string from;
+    std::string store;
+    bool force = false;
 
-/// While it lives, the signals that ask the tool to stop are noted, and cut a waiting read short.
-class NoteSignals {
-public:
-    NoteSignals() {
-        struct sigaction note {};
-        note.sa_handler = [](int) { interrupted = 1; };
-        for (auto& [signal, before] : m_signals) {
-            ::sigaction(signal, nullptr, &before);
-            if (before.sa_handler != SIG_IGN)
-                ::sigaction(signal, &note, nullptr);
-        }
-    }
-    NoteSignals(const NoteSignals&) = delete;
-    NoteSignals& operator=(const NoteSignals&) = delete;
-    ~NoteSignals() {
-        for (const auto& [signal, before] : m_signals)
-            ::sigaction(signal, &before, nullptr);
+    std::unique_ptr<DataSource> find(StubKind& kind, const OpenFile& file, const FileLook& look) {
+        if (from == "-")
+            return std::make_unique<FileSource>("standard input",
+                                                UniqueFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)), look.st,
+                                                force, isInterrupted);
+        if (!from.empty() && !force && kind.isStubAsSource(from, statFollowing(from)))
+            throw Failure(QZHSM_FAILURE, from + " is a stub or the copy of one: it holds no data",
+                          "With --force it is recalled all the same.");
+        if (!from.empty())
+            return std::make_unique<FileSource>(from, openForReading(from), look.st, force, isInterrupted);
+        const StubMetadata metadata = readMetadata(file, look);
+        Store& found = opened ? *opened : named.find(metadata);
+        return std::make_unique<StoreSource>(found, findRecord(found, metadata, file, look), isInterrupted);
     }
 
-private:
-    std::pair<int, struct sigaction> m_signals[3] = {{SIGINT, {}}, {SIGTERM, {}}, {SIGHUP, {}}};
+    NamedStores named{};
+    std::unique_ptr<Store> opened{};
 };
 
-/// Shows a recall on the terminal.
-class ShownRecall : public RecallObserver {
-public:
-    explicit ShownRecall(Report& report) : m_report(report) {}
-
-    void bytes(long long done, long long total) override { m_progress.bytes(done, total); }
-    void note(const std::string& text) override {
-        m_progress.clear();
-        m_report.note(text);
+struct Recalling {
+    Recalling(const CommandLine& line, Report& report, Sources& sources, int count)
+        : shown(report), crew(line, shown, count, [this, &sources](StubKind& kind) {
+              return std::make_unique<RecallWorker>(
+                  kind, sources.force,
+                  [&sources, &kind](const OpenFile& file, const FileLook& look) {
+                      return sources.find(kind, file, look);
+                  },
+                  shown);
+          }) {
+        isInterrupted(); // signals are noted from here on
+        if (!sources.store.empty())
+            sources.opened = openStore(sources.store);
     }
-    void failed(const Failure& failure) override {
-        m_progress.clear();
-        m_report.failure(failure);
-    }
-    bool isInterrupted() const override { return interrupted != 0; }
 
-private:
-    Report& m_report;
-    Progress m_progress;
+    ShownWork shown;
+    FileCrew crew;
 };
-
-RecallSource openSource(const std::string& from) {
-    if (from == "-")
-        return {"standard input", UniqueFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)), false};
-    return {from, openForReading(from), true};
-}
 
 } // namespace
 
 void addRecallVerb(CommandLine& line) {
     struct Options {
-        std::string from;
-        bool force = false;
+        Sources sources;
+        int workers = 1;
+        std::string only; ///< the path that the data of --from is for
+        std::unique_ptr<Recalling> work;
     };
     const auto options = std::make_shared<Options>();
-    CLI::App* verb = line.addPathVerb("recall", "Give a stub its data back", "PATH", "The stub",
-                                      [options](StubKind& kind, Report& report, const std::string& path) {
-                                          ShownRecall observer(report);
-                                          Recall recall(kind, path, options->force, observer);
-                                          const RecallSource source = openSource(options->from);
-                                          const NoteSignals signals;
-                                          recall.run(source);
-                                      });
-    addText(verb, "--from", options->from, "The file that holds the data, or - for standard input")
-        ->option_text("FILE (required)")
-        ->required();
-    verb->add_flag("--force", options->force, "Also if the sizes are not what the stub records");
+    CLI::App* verb = line.addPathsVerb(
+        "recall", "Give stubs their data back; directories with all that is below",
+        [options, &line](StubKind&, Report& report, const std::string& path) {
+            if (!options->work)
+                options->work = std::make_unique<Recalling>(line, report, options->sources, options->workers);
+            if (!options->sources.from.empty() && !std::exchange(options->only, path).empty())
+                throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is one too many");
+            options->work->crew.walk().from(path);
+        },
+        [options](StubKind&, Report&) {
+            if (!options->work)
+                return;
+            options->work->crew.finish();
+            options->work->shown.summarise("recalled");
+        });
+    CLI::Option* from = addText(verb, "--from", options->sources.from,
+                                "Take the data from this file, or - for standard input, not from a store");
+    from->option_text("FILE");
+    addText(verb, "--store", options->sources.store, "The store to ask, whatever the stubs say")
+        ->option_text("STORE")
+        ->excludes(from);
+    verb->add_flag("--force", options->sources.force,
+                   "Also stubs that were changed, and data of another length than the stub records");
+    verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
+        ->check(CLI::Range(1, 64))
+        ->option_text("N");
+    line.addJson(verb);
 }

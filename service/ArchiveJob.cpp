@@ -1,0 +1,141 @@
+#include "service/ArchiveJob.h"
+
+#include "platform/stub/StubText.h"
+#include "service/FileIo.h"
+#include "service/stores/StubMetadata.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kCapabilities = "security.capability";
+
+bool isSameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+std::string stubText(const std::string& meta, long long size) {
+    const int length = qzhsm_meta2stub(meta.c_str(), size, nullptr, 0);
+    if (length < 0)
+        return {};
+    std::string text(static_cast<size_t>(length), '\0');
+    qzhsm_meta2stub(meta.c_str(), size, text.data(), length);
+    return text;
+}
+
+} // namespace
+
+ArchiveJob::ArchiveJob(StubKind& kind, OpenFile file)
+    : m_kind(kind), m_file(std::move(file)), m_look(kind.look(m_file)) {}
+
+void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
+    m_flushable = m_kind.hold(m_file);
+    m_data = openData();
+    requireClosed();
+    const ObjectRecord facts = ObjectRecord::describe(m_data.get(), m_file.name());
+    m_look.st = m_file.stat();
+    m_record = store.put(m_data.get(), facts, onBytes);
+    try {
+        requireUnchanged(m_look.st);
+    } catch (const Failure&) {
+        store.remove(m_record.object);
+        throw;
+    }
+    m_meta = StubMetadata(store, m_record).toText();
+    m_text = stubText(m_meta, m_look.st.st_size);
+    m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
+}
+
+void ArchiveJob::keep() {
+    requireUnchanged(m_look.st);
+    if (m_kind.keepsTextInFile())
+        keepText(m_file, {m_text, false});
+    m_kept = m_file.stat();
+}
+
+void ArchiveJob::stub() {
+    try {
+        requireUnchanged(m_kept);
+        requireClosed();
+    } catch (const Failure&) {
+        end();
+        throw;
+    }
+    QZHSMLowLevel& backEnd = m_kind.backEnd();
+    const std::string path = m_kind.pathOf(m_file);
+    const auto& st = m_look.st;
+    if (backEnd.stubFile(path.c_str(), m_meta.c_str(), st.st_mtim.tv_sec, st.st_size) < 0) {
+        const Failure failure = m_kind.lastFailure(path);
+        if (m_file.stat().st_blocks == st.st_blocks) { // refused: nothing of the data is gone
+            putBackMark();
+            throw failure;
+        }
+    }
+    if (m_kind.keepsTextInFile())
+        completeText();
+    m_kind.afterStubbing(path);
+    // Emptying a file takes its capabilities, and may take more of its mode; its times come back in whole
+    // seconds.
+    if (!m_record.capability.empty() &&
+        ::setxattr(m_file.path().c_str(), kCapabilities, m_record.capability.data(),
+                   m_record.capability.size(), 0) < 0)
+        throw systemFailure("Failed to put back the capabilities of ", m_file.name(), errno);
+    if (m_file.stat().st_mode != st.st_mode && ::chmod(m_file.path().c_str(), st.st_mode & 07777) < 0)
+        throw systemFailure("Failed to put back the mode of ", m_file.name(), errno);
+    const timespec times[] = {st.st_atim, st.st_mtim};
+    if (::utimensat(AT_FDCWD, m_file.path().c_str(), times, 0) < 0)
+        throw systemFailure("Failed to change time of ", m_file.name(), errno);
+}
+
+void ArchiveJob::end() {
+    if (m_kind.keepsTextInFile())
+        dropKeptText(m_file);
+}
+
+long long ArchiveJob::freed() const {
+    return allocatedBytes(m_look.st) - allocatedBytes(m_file.stat());
+}
+
+/// One open file for all, as a second one would be "somebody else" to the lease.
+UniqueFd ArchiveJob::openData() const {
+    struct stat held {};
+    if (::fstat(m_flushable.get(), &held) == 0 && isSameFile(held, m_look.st))
+        return UniqueFd(::fcntl(m_flushable.get(), F_DUPFD_CLOEXEC, 0));
+    return m_file.open(O_RDONLY | O_NONBLOCK);
+}
+
+/// A write lease is given only if nobody else has the file open. It is given back at once: to whoever opens
+/// the file a lease that is held is a pause of up to 45 seconds.
+void ArchiveJob::requireClosed() const {
+    if (::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0)
+        ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK);
+    else if (errno == EAGAIN)
+        throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
+}
+
+void ArchiveJob::requireUnchanged(const struct stat& since) const {
+    const struct stat now = m_file.stat();
+    if (now.st_size != since.st_size || !isSameTime(now.st_mtim, since.st_mtim) ||
+        !isSameTime(now.st_ctim, since.st_ctim))
+        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was archived");
+}
+
+/// A refusal may come after the file was marked. It was no stub before, which was looked at.
+void ArchiveJob::putBackMark() {
+    m_kind.backEnd().restoreDone(m_kind.pathOf(m_file).c_str(), true, {});
+    end();
+}
+
+/// What stands in the file now is looked at, and mended if it is not the whole text: a full disk or a short
+/// write may have left less.
+void ArchiveJob::completeText() {
+    std::string found(m_text.size(), '\0');
+    const ssize_t got = ::pread(m_data.get(), found.data(), found.size(), 0);
+    const bool isWhole = got == static_cast<ssize_t>(m_text.size()) && found == m_text &&
+                         m_file.stat().st_size == std::max<off_t>(m_look.st.st_size, got);
+    if (!isWhole)
+        m_kind.putBack(m_file.path(), {m_text.begin(), m_text.end()}, m_look.st.st_size);
+}

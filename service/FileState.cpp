@@ -1,0 +1,183 @@
+#include "service/FileState.h"
+
+#include "lowlevel/driverless/StubMark.h"
+#include "platform/stub/StubText.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr long long kPage = 4096;
+/// How much of a file that should be a hole is read to see whether it holds only zeros. A stub's last byte is
+/// written, and takes a block.
+constexpr long long kMostZeros = 1 << 20;
+
+void lookForMark(const OpenFile& file, FileLook& look) {
+    char value[2];
+    const ssize_t got = ::getxattr(file.path().c_str(), kStubMark, value, sizeof value);
+    if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP && errno != ERANGE)
+        throw systemFailure("Failed to read attribute user.NkStubFile of ", file.name(), errno);
+    look.attributes = got >= 0 || errno != EOPNOTSUPP;
+    look.marked = got == 1 && value[0] == kStubMarkValue;
+}
+
+std::string readAt(int fd, const OpenFile& file, long long offset, size_t size) {
+    std::string bytes(size, '\0');
+    size_t total = 0;
+    while (total < size) {
+        const ssize_t got =
+            ::pread(fd, bytes.data() + total, size - total, offset + static_cast<long long>(total));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            throw systemFailure("Failed to read from ", file.name(), errno);
+        if (got == 0)
+            break;
+        total += static_cast<size_t>(got);
+    }
+    bytes.resize(total);
+    return bytes;
+}
+
+bool allZero(std::string_view bytes) {
+    return std::ranges::all_of(bytes, [](char c) { return c == '\0'; });
+}
+
+/// Whether nothing but zeros lies from `offset` on.
+bool isHole(int fd, const OpenFile& file, long long offset, long long size) {
+    long long looked = 0;
+    while (offset < size) {
+        const off_t data = ::lseek(fd, offset, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)
+            return true;
+        if (data < 0)
+            throw systemFailure("Failed to look for data in ", file.name(), errno);
+        const off_t hole = std::max<off_t>(::lseek(fd, data, SEEK_HOLE), data + 1);
+        const long long length = std::min<long long>(hole, size) - data;
+        looked += length;
+        if (looked > kMostZeros || !allZero(readAt(fd, file, data, static_cast<size_t>(length))))
+            return false;
+        offset = hole;
+    }
+    return true;
+}
+
+/// What the file's own beginning, and the rest of it, look like.
+struct Content {
+    std::string text;        ///< the stub text at the beginning, if there is a valid one
+    std::string beginning;   ///< up to a page, or up to the text's end if that is longer
+    bool restIsHole = false; ///< behind `beginning`
+
+    /// Whether there is no data, or only what a torn write of stub text can leave.
+    bool isEmpty() const { return restIsHole && (allZero(beginning) || beginning.starts_with("QZHSMSTUB ")); }
+    /// Whether there is nothing but the first bytes of `whole`.
+    bool isBeginningOf(const std::string& whole) const {
+        const size_t end = beginning.find_last_not_of('\0') + 1;
+        return restIsHole && whole.starts_with(beginning.substr(0, end));
+    }
+};
+
+Content readContent(const OpenFile& file, long long size) {
+    const UniqueFd fd = file.open(O_RDONLY);
+    Content content;
+    content.beginning = readAt(fd.get(), file, 0, kPage);
+    int length = 0;
+    if (qzhsm_stub2meta(content.beginning.c_str(), &length, nullptr, nullptr, 0, true)) {
+        if (static_cast<size_t>(length) > content.beginning.size())
+            content.beginning = readAt(fd.get(), file, 0, static_cast<size_t>(length));
+        std::vector<char> meta(kStubTextMax + 1);
+        if (static_cast<size_t>(length) <= content.beginning.size() &&
+            qzhsm_stub2meta(content.beginning.c_str(), nullptr, nullptr, meta.data(),
+                            static_cast<int>(meta.size()), true))
+            content.text = content.beginning.substr(0, static_cast<size_t>(length));
+    }
+    content.restIsHole = isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), size);
+    return content;
+}
+
+/// Empty if the file is the stub that its text describes, untouched.
+std::string changeOf(const FileLook& look, const Content& content) {
+    const auto textLength = static_cast<long long>(look.text.size());
+    // A file shorter than its text grew to the text's length.
+    if (look.st.st_size != std::max(look.recordedSize, textLength) && look.st.st_size != look.recordedSize)
+        return "header says " + std::to_string(look.recordedSize) + " bytes, file has " +
+               std::to_string(look.st.st_size);
+    if (!content.restIsHole || !allZero(std::string_view(content.beginning).substr(look.text.size())))
+        return "there is data behind its stub text";
+    return {};
+}
+
+void setText(FileLook& look, std::string text) {
+    look.text = std::move(text);
+    std::vector<char> meta(kStubTextMax + 1);
+    if (qzhsm_stub2meta(look.text.c_str(), nullptr, &look.recordedSize, meta.data(),
+                        static_cast<int>(meta.size()), false))
+        look.meta = meta.data();
+}
+
+FileState stateOf(FileLook& look, const Content& content) {
+    if (!look.marked && look.attributes) {
+        if (!content.text.empty() && changeOf(look, content).empty())
+            return FileState::Copy;
+        return look.kept ? FileState::Leftover : FileState::Plain;
+    }
+    if (look.kept && look.kept->recalling)
+        return FileState::HalfRecalled;
+    if (!content.text.empty() && content.text == look.text) {
+        look.why = changeOf(look, content);
+        return look.why.empty() ? FileState::Stub : FileState::ChangedStub;
+    }
+    if (!look.attributes)
+        return FileState::Plain;
+    if (look.kept)
+        return content.isBeginningOf(look.kept->text) ? FileState::Emptied : FileState::MarkedWhole;
+    return content.isEmpty() ? FileState::Lost : FileState::MarkedWhole;
+}
+
+} // namespace
+
+const char* nameOf(FileState state) {
+    switch (state) {
+    case FileState::Plain:
+        return "plain";
+    case FileState::Stub:
+        return "stub";
+    case FileState::ChangedStub:
+        return "changed stub";
+    case FileState::MarkedWhole:
+        return "marked and whole";
+    case FileState::Emptied:
+        return "emptied";
+    case FileState::Lost:
+        return "marked and empty";
+    case FileState::HalfRecalled:
+        return "half recalled";
+    case FileState::Leftover:
+        return "plain with leftover stub text";
+    case FileState::Copy:
+        return "copy of a stub";
+    }
+    return "";
+}
+
+FileLook lookAt(const OpenFile& file, bool inside) {
+    FileLook look;
+    look.st = file.stat();
+    if (!S_ISREG(look.st.st_mode))
+        return look;
+    lookForMark(file, look);
+    if (look.attributes)
+        look.kept = readKeptText(file);
+    if (look.attributes && !look.marked && !look.kept && !inside)
+        return look;
+    const Content content = readContent(file, look.st.st_size);
+    setText(look, look.kept ? look.kept->text : content.text);
+    look.state = stateOf(look, content);
+    return look;
+}

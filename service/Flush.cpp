@@ -1,0 +1,24 @@
+#include "service/Flush.h"
+
+#include "service/Failure.h"
+
+#include <cerrno>
+#include <map>
+#include <unistd.h>
+
+void flushAll(const std::vector<Flushable>& files) {
+    constexpr size_t kFew = 2; // a flush of the whole file system also waits for what others wrote
+    std::map<dev_t, std::vector<int>> byDevice;
+    for (const Flushable& file : files)
+        byDevice[file.device].push_back(file.fd);
+    for (const auto& [device, fds] : byDevice) {
+        if (fds.size() > kFew) {
+            if (::syncfs(fds.front()) < 0)
+                throw systemFailure("Failed to flush the file system", "", errno);
+            continue;
+        }
+        for (const int fd : fds)
+            if (::fsync(fd) < 0)
+                throw systemFailure("Failed to flush a file", "", errno);
+    }
+}

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <sys/types.h>
+#include <vector>
+
+struct Flushable {
+    int fd; ///< open for reading or writing, from before what is to be flushed
+    dev_t device;
+};
+
+/// Brings files, with their attributes and times, to the disk. Many files of one file system go together.
+/// Throws `Failure` if any of them may not have got there.
+void flushAll(const std::vector<Flushable>& files);

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "service/OpenFile.h"
+
+#include <optional>
+#include <string>
+
+/// A stub's text, kept in the file's attribute "user.TSTUB" while the text in the file itself is about to
+/// come or go. Whatever ends the work in between, the pointer to the data is still there: `backupStub` reads
+/// it before the file.
+struct KeptText {
+    std::string text;       ///< the whole stub text, as it stands in the stub
+    bool recalling = false; ///< kept for a recall; else for an archiving
+};
+
+/// What is kept in the file's attribute; nothing if there is no such attribute or no stub text in it. Throws
+/// if that cannot be learned.
+std::optional<KeptText> readKeptText(const OpenFile& file);
+
+/// Keeps a text. False if the file system has no attributes or no room for one of this length, in which case
+/// nothing is kept; what else goes wrong throws. Not flushed.
+bool keepText(const OpenFile& file, const KeptText& kept);
+
+/// Removes what is kept, if anything. Throws if that fails. Not flushed.
+void dropKeptText(const OpenFile& file);

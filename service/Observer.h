@@ -1,0 +1,26 @@
+#pragma once
+
+#include "service/Failure.h"
+
+#include <string>
+
+/// Hears how work on many files goes. Workers call it one at a time; whoever waits for it holds them up.
+class Observer {
+public:
+    Observer() = default;
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
+    virtual ~Observer() = default;
+
+    /// Work on a file begins; `size` is how many bytes there will be, 0 if it is not known.
+    virtual void started(const std::string& name, long long size) = 0;
+    /// So many further bytes are done.
+    virtual void bytes(long long count) = 0;
+    /// All that was promised for this file is on the disk.
+    virtual void done(const std::string& name, const std::string& what) = 0;
+    virtual void failed(const std::string& name, const Failure& failure) = 0;
+    /// Nothing was done to this file, for a reason that is no failure.
+    virtual void skipped(const std::string& name, const std::string& reason) = 0;
+    /// Something that people should know, of a file on which work goes on.
+    virtual void note(const std::string& text) = 0;
+};

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "platform/files/UniqueFd.h"
+#include "service/Failure.h"
+
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+
+/// One file, opened once. All that is done through this object is done to that very file, whatever happens to
+/// its name in the meantime: users may own the tree in which a service works, and swap files in it.
+class OpenFile {
+public:
+    /// Opens the file at a path that somebody named. A symbolic link in its last component is not followed.
+    /// Nothing is read, and no driver or lease is woken. Throws if there is no such file.
+    static OpenFile named(const std::string& path);
+    /// Opens an entry of an open directory; `shown` is the path that users know it by.
+    static OpenFile in(int directory, const char* entry, std::string shown);
+
+    /// Of the file alone, open for no access: fit for fstat(2) and the *at calls.
+    int fd() const { return m_fd.get(); }
+    /// What messages call the file.
+    const std::string& name() const { return m_name; }
+    /// A path that leads to this very file, for interfaces that take paths and follow links.
+    const std::string& path() const { return m_path; }
+
+    /// What the file is now.
+    struct stat stat() const;
+    /// The file, opened with open(2)'s `flags`. Reading leaves the access time alone if the system allows.
+    UniqueFd open(int flags) const;
+
+    /// Runs `act`. A failure's text names the file as users know it.
+    template <class Act>
+    auto as(Act act) const {
+        try {
+            return act();
+        } catch (const Failure& failure) {
+            throw renamed(failure);
+        }
+    }
+
+private:
+    OpenFile(UniqueFd fd, std::string name);
+    Failure renamed(const Failure& failure) const;
+
+    UniqueFd m_fd;
+    std::string m_name;
+    std::string m_path;
+};

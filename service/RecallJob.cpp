@@ -1,0 +1,233 @@
+#include "service/RecallJob.h"
+
+#include "service/TransparentFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/falloc.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr size_t kBlock = 4096;
+constexpr const char* kCapabilities = "security.capability";
+constexpr const char* kAllTheSame = "With --force it is recalled all the same.";
+
+std::string readCapabilities(const OpenFile& file) {
+    char value[256];
+    const ssize_t got = ::getxattr(file.path().c_str(), kCapabilities, value, sizeof value);
+    return got > 0 ? std::string(value, static_cast<size_t>(got)) : std::string();
+}
+
+bool allZero(const char* bytes, size_t count) {
+    return std::all_of(bytes, bytes + count, [](char c) { return c == '\0'; });
+}
+
+} // namespace
+
+RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer)
+    : m_kind(kind), m_file(std::move(file)), m_force(force), m_observer(observer) {}
+
+// --- What is looked at before the stub is touched ---
+
+bool RecallJob::isDone() {
+    m_flushable = m_kind.hold(m_file);
+    m_look = m_kind.look(m_file);
+    const std::string& name = m_file.name();
+    switch (m_look.state) {
+    case FileState::Stub:
+    case FileState::HalfRecalled:
+    case FileState::Emptied:
+        return false;
+    case FileState::Leftover:
+        dropKeptText(m_file);
+        return true;
+    case FileState::ChangedStub:
+        suspect(name + " was changed since it was stubbed: " + m_look.why);
+        return false;
+    case FileState::MarkedWhole:
+    case FileState::Lost:
+        throw Failure(QZHSM_NOT_A_STUB, name + " has no valid stub text: it is " + nameOf(m_look.state),
+                      "\"qzhsm repair\" leads out of this state.");
+    case FileState::Copy:
+        throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark",
+                      "\"qzhsm adopt\" makes it a stub of its own.");
+    case FileState::Plain:
+        break;
+    }
+    throw Failure(QZHSM_NOT_A_STUB, name + " is not a stub", m_kind.advice(name, QZHSM_NOT_A_STUB));
+}
+
+/// What points to data being lost is a failure, unless it is wanted.
+void RecallJob::suspect(const std::string& text) {
+    if (!m_force)
+        throw Failure(QZHSM_FAILURE, text, kAllTheSame);
+    m_observer.note("warning: " + text);
+}
+
+void RecallJob::examineLength(long long total) {
+    if (total != m_look.recordedSize)
+        suspect(m_source->name() + " has " + std::to_string(total) + " bytes, but the stub " + m_file.name() +
+                " records " + std::to_string(m_look.recordedSize));
+}
+
+// --- The steps ---
+
+void RecallJob::begin(std::unique_ptr<DataSource> source) {
+    m_source = std::move(source);
+    // A file that was half recalled has times of its own making.
+    const std::optional<timespec> modified = m_source->modified();
+    const timespec& found = m_look.st.st_mtim;
+    const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
+                                                                          found.tv_nsec > modified->tv_nsec));
+    if (m_look.state == FileState::Stub && isLater)
+        suspect(m_file.name() + " was changed since it was stubbed: it was written to later");
+    if (m_source->size())
+        examineLength(*m_source->size());
+    m_capabilities = readCapabilities(m_file);
+    putTimesBack(); // who may not do that could not end the recall
+    if (m_kind.keepsTextInFile())
+        m_kept = keepText(m_file, {m_look.text, true});
+}
+
+void RecallJob::writeRest() {
+    const size_t page = (std::max<size_t>(m_look.text.size(), 1) + kBlock - 1) / kBlock * kBlock;
+    std::vector<char> piece = m_source->next();
+    m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
+    requireStub();
+    punch(static_cast<long long>(page));
+    TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
+    for (size_t skip = m_page.size(); !piece.empty(); piece = m_source->next(), skip = 0) {
+        if (m_total > 0)
+            requireStub();
+        m_written = true;
+        write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
+        m_total += static_cast<long long>(piece.size());
+        if (m_total > m_look.recordedSize && !m_source->size() && !m_force)
+            examineLength(m_total);
+        m_observer.bytes(static_cast<long long>(piece.size()));
+    }
+    file.close();
+    if (!m_source->size())
+        examineLength(m_total);
+}
+
+void RecallJob::writePage() {
+    requireStub();
+    m_written = m_pageWritten = true;
+    TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
+    file.write(m_page, 0);
+    file.close();
+}
+
+void RecallJob::end() {
+    const bool shortens = m_total < m_look.st.st_size;
+    const auto shorten = [&] {
+        if (shortens && ::truncate(m_file.path().c_str(), m_total) < 0)
+            throw systemFailure("Failed to truncate ", m_file.name(), errno);
+    };
+    if (!m_kind.shortensLast())
+        shorten();
+    if (!m_capabilities.empty() &&
+        ::setxattr(m_file.path().c_str(), kCapabilities, m_capabilities.data(), m_capabilities.size(), 0) < 0)
+        throw systemFailure("Failed to put back the capabilities of ", m_file.name(), errno);
+    if (m_file.stat().st_mode != m_look.st.st_mode &&
+        ::chmod(m_file.path().c_str(), m_look.st.st_mode & 07777) < 0)
+        throw systemFailure("Failed to put back the mode of ", m_file.name(), errno);
+    putTimesBack();
+    QZHSMLowLevel& backEnd = m_kind.backEnd();
+    if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
+        throw Failure(backEnd);
+    if (m_kept)
+        dropKeptText(m_file);
+    if (m_kind.shortensLast() && shortens) {
+        shorten();
+        putTimesBack();
+    }
+}
+
+// --- The way back ---
+
+void RecallJob::putBack(const Failure& failure) {
+    const std::string& name = m_file.name();
+    m_observer.failed(name, failure);
+    QZHSMLowLevel& backEnd = m_kind.backEnd();
+    try {
+        if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
+            m_observer.failed(name, Failure(backEnd));
+        if (m_written && !m_kind.keepsTextInFile()) {
+            putTimesBack();
+            return m_observer.note(name + ": still a stub, to be recalled again");
+        }
+        if (m_written && !m_kept && !m_pageWritten) {
+            punch(static_cast<long long>((m_look.text.size() + kBlock - 1) / kBlock * kBlock));
+            if (!m_skipsZeros)
+                throw Failure(QZHSM_FAILURE, name + ": what was written cannot be taken out again");
+        } else if (m_written) {
+            m_kind.putBack(m_file.path(), {m_look.text.begin(), m_look.text.end()},
+                           std::max(m_look.recordedSize, static_cast<long long>(m_look.text.size())));
+        }
+        if (m_written)
+            putTimesBack();
+        if (::fsync(m_flushable.get()) < 0)
+            throw systemFailure("Failed to flush ", name, errno);
+        if (m_kept)
+            dropKeptText(m_file);
+        m_observer.note(name +
+                        (m_written ? ": the stub was put back as it was" : ": the stub was not touched"));
+    } catch (const Failure& further) {
+        m_observer.failed(name, further);
+        m_observer.note(name + (m_kept || !m_pageWritten ? ": half recalled, to be recalled again"
+                                                         : ": its stub text was: " + m_look.text));
+    }
+}
+
+// --- Pieces of the above ---
+
+/// Another recall may have ended in the meantime, and the file be in use again.
+void RecallJob::requireStub() {
+    if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
+        throw Failure(QZHSM_NOT_A_STUB, m_file.name() + " has ceased to be a stub");
+}
+
+/// Blocks of zeros stay the holes that they are.
+void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, long long offset) const {
+    for (size_t from = 0; from < count;) {
+        size_t to = from;
+        const auto isZero = [&](size_t at) { return allZero(bytes + at, std::min(kBlock, count - at)); };
+        while (to < count && !(m_skipsZeros && isZero(to)))
+            to = std::min(to + kBlock, count);
+        if (to > from)
+            file.write({bytes + from, bytes + to}, offset + static_cast<long long>(from));
+        from = to;
+        while (from < count && m_skipsZeros && isZero(from))
+            from = std::min(from + kBlock, count);
+    }
+}
+
+/// Makes a hole of all from there on, so that zeros need not be written. An earlier recall may have left
+/// data.
+void RecallJob::punch(long long from) {
+    if (!m_kind.keepsTextInFile() || from >= m_look.st.st_size) {
+        m_skipsZeros = m_kind.keepsTextInFile();
+        return;
+    }
+    const UniqueFd file = m_file.open(O_WRONLY);
+    m_skipsZeros = ::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, from,
+                               m_look.st.st_size - from) == 0;
+    if (m_skipsZeros)
+        return;
+    // A file system that cannot punch can shorten, and lengthen again.
+    m_skipsZeros = ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
+}
+
+/// To the nanosecond, if the source knows them; the interface's own way takes whole seconds.
+void RecallJob::putTimesBack() {
+    const timespec modified = m_source && m_source->modified() ? *m_source->modified() : m_look.st.st_mtim;
+    const timespec times[] = {m_look.st.st_atim, modified};
+    if (::utimensat(AT_FDCWD, m_file.path().c_str(), times, 0) < 0)
+        throw systemFailure("Failed to change time of ", m_file.name(), errno);
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "service/DataSource.h"
+#include "service/FileState.h"
+#include "service/Observer.h"
+#include "service/TransparentFile.h"
+#include "service/kinds/StubKind.h"
+
+#include <memory>
+#include <optional>
+
+/// The recall of one stub, step by step. Between two steps everything is to be flushed; whatever ends the
+/// process in the meantime, the next recall ends well:
+///
+///  1. `begin`: the stub's text is kept in the file's attribute, if it has room for it;
+///  2. `writeRest`: the data behind the page of the stub's text;
+///  3. `writePage`: that page;
+///  4. `end`: length, times, mode, capabilities; the mark goes, then the kept text.
+///
+/// If the text cannot be kept, it stands in its page until step 3, which is alone what makes the file whole.
+/// A step that throws has to be followed by `putBack`.
+class RecallJob {
+public:
+    RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer);
+
+    /// Looks at the file. True if there is nothing more to do than what was done here: a recall had ended but
+    /// for its last step. Throws if it is no stub, or not to be recalled.
+    bool isDone();
+    const FileLook& look() const { return m_look; }
+
+    void begin(std::unique_ptr<DataSource> source);
+    void writeRest();
+    void writePage();
+    void end();
+
+    /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
+    /// both.
+    void putBack(const Failure& failure);
+
+    const OpenFile& file() const { return m_file; }
+    /// To be flushed after each step, by fsync(2), or syncfs(2) for several jobs of one file system.
+    int flushable() const { return m_flushable.get(); }
+    long long written() const { return m_total; }
+
+private:
+    void suspect(const std::string& text);
+    void examineLength(long long total);
+    void requireStub();
+    void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
+    void punch(long long from);
+    void putTimesBack();
+
+    StubKind& m_kind;
+    OpenFile m_file;
+    bool m_force;
+    Observer& m_observer;
+    UniqueFd m_flushable; ///< locked against other recalls
+    FileLook m_look;
+    std::unique_ptr<DataSource> m_source;
+    std::vector<char> m_page;
+    std::string m_capabilities;
+    long long m_total = 0;
+    bool m_kept = false;       ///< the text stands in the attribute
+    bool m_skipsZeros = false; ///< what is not written is a hole already
+    bool m_written = false;
+    bool m_pageWritten = false;
+};

@@ -1,0 +1,133 @@
+#include "service/ArchiveWorker.h"
+#include "service/Repair.h"
+#include "service/stores/StoreConfig.h"
+#include "tools/qzhsm/FileCrew.h"
+#include "tools/qzhsm/Verbs.h"
+
+#include <ctime>
+#include <fnmatch.h>
+
+namespace {
+
+/// The work of one run, which begins with the first path.
+struct Archiving {
+    Archiving(const CommandLine& line, Report& report, const std::string& storeName,
+              const ArchiveRules& asked, const std::vector<std::string>& excluded, int count)
+        : shown(report), store(openStore(storeName)), rules(asked),
+          crew(line, shown, count, [this](StubKind& kind) {
+              return std::make_unique<ArchiveWorker>(kind, *store, rules, seen, shown);
+          }) {
+        crew.walk().leaveOut([excluded](const std::string& path, const std::string& name) {
+            return std::ranges::any_of(excluded, [&](const std::string& glob) {
+                return ::fnmatch(glob.c_str(),
+                                 glob.find('/') == std::string::npos ? name.c_str() : path.c_str(), 0) == 0;
+            });
+        });
+    }
+
+    ShownWork shown;
+    std::unique_ptr<Store> store;
+    ArchiveRules rules;
+    SeenFiles seen;
+    FileCrew crew;
+};
+
+/// "90d" as a point in time: so long ago.
+std::time_t timeBefore(const std::string& age) {
+    const std::map<std::string, std::time_t> units{
+        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
+    std::string text = age;
+    return std::time(nullptr) - std::stoll(CLI::AsNumberWithUnit(units)(text).empty() ? text : "0");
+}
+
+void requireDriverless(const StubKind& kind, const char* verb) {
+    if (!kind.keepsTextInFile())
+        throw Failure(QZHSM_NOT_IMPLEMENTED, std::string(verb) + " is for driverless stubs only");
+}
+
+void addArchive(CommandLine& line) {
+    struct Options {
+        std::string store;
+        std::string olderThan;
+        std::uint64_t largerThan = 0;
+        std::vector<std::string> excluded;
+        bool keep = false;
+        bool dryRun = false;
+        int workers = 1;
+        std::unique_ptr<Archiving> work;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* verb = line.addPathsVerb(
+        "archive", "Put files into a store and turn them into stubs; directories with all that is below",
+        [options, &line](StubKind& kind, Report& report, const std::string& path) {
+            requireDriverless(kind, "archive");
+            if (!options->work) {
+                ArchiveRules rules;
+                rules.largerThan = static_cast<long long>(options->largerThan);
+                if (!options->olderThan.empty())
+                    rules.modifiedBefore = timeBefore(options->olderThan);
+                rules.keepData = options->keep;
+                rules.dryRun = options->dryRun;
+                options->work = std::make_unique<Archiving>(line, report, options->store, rules,
+                                                            options->excluded, options->workers);
+            }
+            options->work->crew.walk().from(path);
+        },
+        [options](StubKind&, Report&) {
+            if (!options->work)
+                return;
+            options->work->crew.finish();
+            options->work->shown.summarise("archived");
+        });
+    addText(verb, "--store", options->store,
+            "The store: the NAME of its section [Store/NAME], or its directory")
+        ->required()
+        ->option_text("STORE (required)");
+    addText(verb, "--older-than", options->olderThan, "Only files not modified for so long: 90d, 12h, 2w")
+        ->option_text("AGE");
+    verb->add_option("--larger-than", options->largerThan, "Only files of more bytes: 1M, 64K")
+        ->transform(CLI::AsSizeValue(false))
+        ->option_text("SIZE");
+    verb->add_option("--exclude", options->excluded,
+                     "Leave out what has such a name, or path if there is a \"/\"")
+        ->option_text("GLOB")
+        ->expected(1)
+        ->take_all();
+    verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");
+    verb->add_flag("--dry-run", options->dryRun, "Only tell what would be archived (with --json)");
+    verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
+        ->check(CLI::Range(1, 64))
+        ->option_text("N");
+    line.addJson(verb);
+}
+
+void addRepair(CommandLine& line) {
+    struct Options {
+        bool dryRun = false;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* verb = line.addPathsVerb(
+        "repair", "Lead files out of what a kill, a power cut or a refusal has left; directories too",
+        [options](StubKind& kind, Report& report, const std::string& path) {
+            requireDriverless(kind, "repair");
+            ShownWork shown(report);
+            Walk walk(shown, [&](const OpenFile& file) {
+                file.as([&] {
+                    const FileLook look = kind.look(file);
+                    if (look.state != FileState::Plain)
+                        repair(kind, file, options->dryRun, shown);
+                });
+            });
+            walk.from(path);
+            shown.summarise(options->dryRun ? "to be mended" : "mended");
+        });
+    verb->add_flag("--dry-run", options->dryRun, "Only tell what would be done");
+    line.addJson(verb);
+}
+
+} // namespace
+
+void addArchiveVerbs(CommandLine& line) {
+    addArchive(line);
+    addRepair(line);
+}
