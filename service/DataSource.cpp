@@ -4,12 +4,15 @@
 #include "service/FileIo.h"
 #include "service/StubData.h"
 
+#include "platform/stub/StubText.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <sys/stat.h>
 
 namespace {
 
-constexpr size_t kPiece = size_t{4} << 20;
+constexpr size_t kPiece = size_t{1} << 20;
 
 } // namespace
 
@@ -22,8 +25,13 @@ FileSource::FileSource(std::string name, UniqueFd file, const struct stat& stub,
         throw systemFailure("Failed to read from ", this->name(), EISDIR);
     if (isSameFile(st, stub))
         throw Failure(QZHSM_FAILURE, this->name() + " is the stub itself");
-    if (S_ISREG(st.st_mode) && ::lseek(m_file.get(), 0, SEEK_CUR) == 0)
-        m_size = st.st_size;
+    if (!S_ISREG(st.st_mode) || ::lseek(m_file.get(), 0, SEEK_CUR) != 0)
+        return;
+    m_size = st.st_size;
+    std::vector<char> head(kStubTextPrefix);
+    head.resize(
+        static_cast<size_t>(std::max<ssize_t>(::pread(m_file.get(), head.data(), head.size(), 0), 0)));
+    refuseStubText(head);
 }
 
 std::vector<char> FileSource::next() {
@@ -33,8 +41,13 @@ std::vector<char> FileSource::next() {
     };
     std::vector<char> piece = readUpTo(m_file.get(), kPiece, name(), stopIfAsked);
     stopIfAsked();
-    if (!std::exchange(m_begun, true) && !m_force && beginsWithStubText(piece))
+    if (!std::exchange(m_begun, true))
+        refuseStubText(piece);
+    return piece;
+}
+
+void FileSource::refuseStubText(const std::vector<char>& head) const {
+    if (!m_force && beginsWithStubText(head))
         throw Failure(QZHSM_FAILURE, name() + " is a stub or the copy of one: it holds no data",
                       "With --force it is recalled all the same.");
-    return piece;
 }

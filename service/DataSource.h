@@ -43,6 +43,8 @@ public:
     std::vector<char> next() override;
 
 private:
+    void refuseStubText(const std::vector<char>& head) const;
+
     UniqueFd m_file;
     bool m_force;
     StopRequest m_stop;

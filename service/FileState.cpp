@@ -50,7 +50,12 @@ bool allZero(std::string_view bytes) {
 }
 
 /// Whether nothing but zeros lies from `offset` on.
-bool isHole(int fd, const OpenFile& file, long long offset, long long size) {
+bool isHole(int fd, const OpenFile& file, long long offset, const struct stat& st, bool attributes) {
+    const long long size = st.st_size;
+    // File systems without attributes tell no holes either, and fill those that anybody reads: there is no
+    // telling there.
+    if (!attributes)
+        return true;
     long long looked = 0;
     while (offset < size) {
         const off_t data = ::lseek(fd, offset, SEEK_DATA);
@@ -83,7 +88,7 @@ struct Content {
     }
 };
 
-Content readContent(const OpenFile& file, long long size) {
+Content readContent(const OpenFile& file, const struct stat& st, bool attributes) {
     const UniqueFd fd = file.open(O_RDONLY);
     Content content;
     content.beginning = readAt(fd.get(), file, 0, kPage);
@@ -97,7 +102,8 @@ Content readContent(const OpenFile& file, long long size) {
                             static_cast<int>(meta.size()), true))
             content.text = content.beginning.substr(0, static_cast<size_t>(length));
     }
-    content.restIsHole = isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), size);
+    content.restIsHole =
+        isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), st, attributes);
     return content;
 }
 
@@ -176,7 +182,7 @@ FileLook lookAt(const OpenFile& file, bool inside) {
         look.kept = readKeptText(file);
     if (look.attributes && !look.marked && !look.kept && !inside)
         return look;
-    const Content content = readContent(file, look.st.st_size);
+    const Content content = readContent(file, look.st, look.attributes);
     setText(look, look.kept ? look.kept->text : content.text);
     look.state = stateOf(look, content);
     return look;

@@ -74,6 +74,12 @@ void RecallJob::examineLength(long long total) {
                 " records " + std::to_string(m_look.recordedSize));
 }
 
+void RecallJob::tellLonger() {
+    if (!std::exchange(m_longerTold, true))
+        suspect(m_source->name() + " has more than the " + std::to_string(m_look.recordedSize) +
+                " bytes that the stub " + m_file.name() + " records");
+}
+
 // --- The steps ---
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
@@ -103,15 +109,17 @@ void RecallJob::writeRest() {
     for (size_t skip = m_page.size(); !piece.empty(); piece = m_source->next(), skip = 0) {
         if (m_total > 0)
             requireStub();
+        // Before it is written: a stub that grew would pass for that of a longer file.
+        const auto length = static_cast<long long>(piece.size());
+        if (m_total + length > m_look.recordedSize && !m_source->size())
+            tellLonger();
         m_written = true;
         write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
-        m_total += static_cast<long long>(piece.size());
-        if (m_total > m_look.recordedSize && !m_source->size() && !m_force)
-            examineLength(m_total);
-        m_observer.bytes(static_cast<long long>(piece.size()));
+        m_total += length;
+        m_observer.bytes(length);
     }
     file.close();
-    if (!m_source->size())
+    if (!m_source->size() && m_total <= m_look.recordedSize)
         examineLength(m_total);
 }
 
@@ -156,6 +164,8 @@ void RecallJob::putBack(const Failure& failure) {
     m_observer.failed(name, failure);
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     try {
+        if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
+            return m_observer.note(name + ": no stub any more, left as it is");
         if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
             m_observer.failed(name, Failure(backEnd));
         if (m_written && !m_kind.keepsTextInFile()) {

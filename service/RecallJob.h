@@ -45,6 +45,7 @@ public:
 private:
     void suspect(const std::string& text);
     void examineLength(long long total);
+    void tellLonger();
     void requireStub();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from);
@@ -64,4 +65,5 @@ private:
     bool m_skipsZeros = false; ///< what is not written is a hole already
     bool m_written = false;
     bool m_pageWritten = false;
+    bool m_longerTold = false;
 };

@@ -1,5 +1,6 @@
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 
+#include "platform/config/ConfigFile.h"
 #include "platform/config/NkRegKey.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/errors/NkException.h"
@@ -10,8 +11,8 @@ QZHSMLowLevelGlusterFs::QZHSMLowLevelGlusterFs() {
     // An empty store id would go into every stub: better no back-end than one that has not seen its own.
     if (result > 0)
         throw NkException("QZHSMLowLevelGlusterFs::QZHSMLowLevelGlusterFs",
-                          errnoText({"Failed to read the configuration"}, result), "QZHSMLowLevelGlusterFs",
-                          13, QZHSM_FAILURE);
+                          errnoText({"Failed to read ", ConfigFile::path()}, result),
+                          "QZHSMLowLevelGlusterFs", 13, QZHSM_FAILURE);
     const char* id = result == 0 ? key.getValue("storeId") : nullptr;
     if (id)
         storeId = id;

@@ -63,6 +63,8 @@ void ShownWork::note(const std::string& text) {
 
 void ShownWork::summarise(const std::string& done) {
     m_progress.clear();
+    if (m_done + m_skipped + m_failed <= 1) // one file has been told of already
+        return;
     m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) + " left alone, " +
                   std::to_string(m_failed) + " failed, " + sizeText(m_bytes));
 }

@@ -20,7 +20,8 @@ public:
     void skipped(const std::string& name, const std::string& reason) override;
     void note(const std::string& text) override;
 
-    /// One line for all: how many files are `done`, how many were left alone or failed, how many bytes.
+    /// One line for all, if they are several: how many files are `done`, how many were left alone or failed,
+    /// how many bytes.
     void summarise(const std::string& done);
 
 private:
