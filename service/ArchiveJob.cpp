@@ -47,18 +47,22 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     m_meta = StubMetadata(store, m_record).toText();
     m_text = stubText(m_meta, m_look.st.st_size);
     m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
+    // Without attributes that look has put times back, to the second, which shows in the change time.
+    m_since = m_file.stat();
+    if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
+        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was archived");
 }
 
 void ArchiveJob::keep() {
-    requireUnchanged(m_look.st);
+    requireUnchanged(m_since);
     if (m_kind.keepsTextInFile())
         keepText(m_file, {m_text, false});
-    m_kept = m_file.stat();
+    m_since = m_file.stat();
 }
 
 void ArchiveJob::stub() {
     try {
-        requireUnchanged(m_kept);
+        requireUnchanged(m_since);
         requireClosed();
     } catch (const Failure&) {
         end();

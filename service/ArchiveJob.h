@@ -50,5 +50,5 @@ private:
     ObjectRecord m_record;
     std::string m_meta;
     std::string m_text;
-    struct stat m_kept {}; ///< what the file was when its text had been kept
+    struct stat m_since {}; ///< what the file was after the last that was done to it here
 };
