@@ -2,6 +2,7 @@
 
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
+#include "service/Repair.h"
 #include "service/stores/StubMetadata.h"
 
 #include <cerrno>
@@ -36,6 +37,10 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     m_data = openData();
     requireClosed();
     const ObjectRecord facts = ObjectRecord::describe(m_data.get(), m_file.name());
+    if (!facts.file.matches(facts.file))
+        throw Failure(QZHSM_FAILURE,
+                      m_file.name() +
+                          " could not be told from a copy later: its file system has no file handles");
     m_look.st = m_file.stat();
     m_record = store.put(m_data.get(), facts, onBytes);
     try {
@@ -44,7 +49,7 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
         store.remove(m_record.object);
         throw;
     }
-    m_meta = StubMetadata(store, m_record).toText();
+    m_meta = StubMetadata(store, m_record).toText() + ";" + kModified + std::to_string(m_record.mtime);
     m_text = stubText(m_meta, m_look.st.st_size);
     m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
     // Without attributes that look has put times back, to the second, which shows in the change time.

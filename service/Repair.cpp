@@ -1,6 +1,9 @@
 #include "service/Repair.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,9 +22,21 @@ void makePlain(StubKind& kind, const OpenFile& file, const FileLook& look, int f
     flush(fd, file);
 }
 
+void putTimeBack(const OpenFile& file, const FileLook& look) {
+    constexpr long long kSecond = 1'000'000'000;
+    const size_t at = look.meta.find(kModified);
+    if (at == std::string::npos)
+        return;
+    const long long modified = std::atoll(look.meta.c_str() + at + std::strlen(kModified));
+    const timespec times[] = {look.st.st_atim, {modified / kSecond, modified % kSecond}};
+    if (::utimensat(AT_FDCWD, file.path().c_str(), times, 0) < 0)
+        throw systemFailure("Failed to change time of ", file.name(), errno);
+}
+
 /// The text that is kept comes back into the file, which is a stub then.
 void makeStub(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
     kind.putBack(file.path(), {look.text.begin(), look.text.end()}, look.recordedSize);
+    putTimeBack(file, look);
     flush(fd, file);
     dropKeptText(file);
     flush(fd, file);
