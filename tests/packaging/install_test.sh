@@ -30,8 +30,7 @@ eval "${command/%PREFIX/$work/usr}" >/dev/null
 cmake --build build/examples >/dev/null
 ctest --test-dir build/examples --output-on-failure >said || fail "$(cat said)"
 
-holding=$(grep -rlF -e "$source/" -e "$build" usr "$build/lowlevel" "$build/tools" --include='*.so.*' \
-    --include='*.h' --include='*.cmake' --include='*.pc' --include=qzhsm --exclude-dir=CMakeFiles --exclude=cmake_install.cmake || true)
+holding=$(grep -rlF -e "$source/" -e "$build" usr "$build"/{lowlevel,emulator}/*.so "$build/tools/qzhsm/qzhsm" || true)
 [ -z "$holding" ] || fail "These hold the directory that they were built in: $holding"
 
 # Each installed header stands on its own.
