@@ -28,6 +28,10 @@ done
 cp "$BUILD/${object#library/}" "$object" 2>/dev/null || exec "$@"
 EOF
 chmod +x take
+fail() {
+    echo "$*" >&2
+    exit 1
+}
 stubs() { # PROGRAM
     rm -f file copy
     head -c 100000 /dev/urandom >file
@@ -37,10 +41,10 @@ stubs() { # PROGRAM
 cmake -G Ninja -S . -B build -DCMAKE_CXX_COMPILER_LAUNCHER="$work/take" >/dev/null
 cmake --build build >/dev/null
 stubs build/program
-[ "$(cd build/library && echo */)" = "CMakeFiles/ lowlevel/ platform/" ]
+[ "$(cd build/library && echo */)" = "CMakeFiles/ lowlevel/ platform/" ] || fail "More than the library was built."
 ! grep -q Wconversion build/build.ninja # warnings are the parent's to choose
 cmake --install build --prefix "$work/nothing" >/dev/null
-[ ! -e nothing ]
+[ ! -e nothing ] || fail "Something was installed: $(find nothing -type f)"
 
 cmake -DQZHSM_INSTALL=ON build >/dev/null
 cmake --build build >/dev/null
