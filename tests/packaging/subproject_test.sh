@@ -42,7 +42,7 @@ cmake -G Ninja -S . -B build -DCMAKE_CXX_COMPILER_LAUNCHER="$work/take" >/dev/nu
 cmake --build build >/dev/null
 stubs build/program
 [ "$(cd build/library && echo */)" = "CMakeFiles/ lowlevel/ platform/" ] || fail "More than the library was built."
-! grep -q Wconversion build/build.ninja # warnings are the parent's to choose
+if grep -q Wconversion build/build.ninja; then fail "Warnings are the parent's to choose."; fi
 cmake --install build --prefix "$work/nothing" >/dev/null
 [ ! -e nothing ] || fail "Something was installed: $(find nothing -type f)"
 
