@@ -80,7 +80,7 @@ void ArchiveJob::stub() {
         const Failure failure = m_kind.lastFailure(path);
         if (m_file.stat().st_blocks == st.st_blocks) { // refused: nothing of the data is gone
             putBackMark();
-            throw failure;
+            throw Failure(failure);
         }
     }
     if (m_kind.keepsTextInFile())

@@ -22,6 +22,11 @@ std::string readCapabilities(const OpenFile& file) {
     return got > 0 ? std::string(value, static_cast<size_t>(got)) : std::string();
 }
 
+/// Where the blocks that hold a stub's text end.
+size_t endOfPage(const std::string& text) {
+    return (std::max<size_t>(text.size(), 1) + kBlock - 1) / kBlock * kBlock;
+}
+
 bool allZero(const char* bytes, size_t count) {
     return std::all_of(bytes, bytes + count, [](char c) { return c == '\0'; });
 }
@@ -100,7 +105,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
 }
 
 void RecallJob::writeRest() {
-    const size_t page = (std::max<size_t>(m_look.text.size(), 1) + kBlock - 1) / kBlock * kBlock;
+    const size_t page = endOfPage(m_look.text);
     std::vector<char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireStub();
@@ -173,7 +178,7 @@ void RecallJob::putBack(const Failure& failure) {
             return m_observer.note(name + ": still a stub, to be recalled again");
         }
         if (m_written && !m_kept && !m_pageWritten) {
-            punch(static_cast<long long>((m_look.text.size() + kBlock - 1) / kBlock * kBlock));
+            punch(static_cast<long long>(endOfPage(m_look.text)));
             if (!m_skipsZeros)
                 throw Failure(QZHSM_FAILURE, name + ": what was written cannot be taken out again");
         } else if (m_written) {
