@@ -2,17 +2,15 @@
 
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
+#include "service/FileRights.h"
 #include "service/Repair.h"
 #include "service/stores/StubMetadata.h"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
-
-constexpr const char* kCapabilities = "security.capability";
 
 bool isSameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -45,17 +43,17 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     m_record = store.put(m_data.get(), facts, onBytes);
     try {
         requireUnchanged(m_look.st);
-    } catch (const Failure&) {
+        m_meta = StubMetadata(store, m_record).toText() + ";" + kModified + std::to_string(m_record.mtime);
+        m_text = stubText(m_meta, m_look.st.st_size);
+        m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
+        // Without attributes that look has put times back, to the second, which shows in the change time.
+        m_since = m_file.stat();
+        if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
+            throw changed();
+    } catch (...) {
         store.remove(m_record.object);
         throw;
     }
-    m_meta = StubMetadata(store, m_record).toText() + ";" + kModified + std::to_string(m_record.mtime);
-    m_text = stubText(m_meta, m_look.st.st_size);
-    m_kind.beforeStubbing(m_kind.pathOf(m_file), m_meta, m_look.st);
-    // Without attributes that look has put times back, to the second, which shows in the change time.
-    m_since = m_file.stat();
-    if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
-        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was archived");
 }
 
 void ArchiveJob::keep() {
@@ -78,7 +76,7 @@ void ArchiveJob::stub() {
     const auto& st = m_look.st;
     if (backEnd.stubFile(path.c_str(), m_meta.c_str(), st.st_mtim.tv_sec, st.st_size) < 0) {
         const Failure failure = m_kind.lastFailure(path);
-        if (m_file.stat().st_blocks == st.st_blocks) { // refused: nothing of the data is gone
+        if (!isEmptied()) { // refused: nothing of the data is gone
             putBackMark();
             throw Failure(failure);
         }
@@ -86,26 +84,13 @@ void ArchiveJob::stub() {
     if (m_kind.keepsTextInFile())
         completeText();
     m_kind.afterStubbing(path);
-    // Emptying a file takes its capabilities, and may take more of its mode; its times come back in whole
-    // seconds.
-    if (!m_record.capability.empty() &&
-        ::setxattr(m_file.path().c_str(), kCapabilities, m_record.capability.data(),
-                   m_record.capability.size(), 0) < 0)
-        throw systemFailure("Failed to put back the capabilities of ", m_file.name(), errno);
-    if (m_file.stat().st_mode != st.st_mode && ::chmod(m_file.path().c_str(), st.st_mode & 07777) < 0)
-        throw systemFailure("Failed to put back the mode of ", m_file.name(), errno);
-    const timespec times[] = {st.st_atim, st.st_mtim};
-    if (::utimensat(AT_FDCWD, m_file.path().c_str(), times, 0) < 0)
-        throw systemFailure("Failed to change time of ", m_file.name(), errno);
+    putRightsBack(m_file, m_record.capability, st.st_mode);
+    putTimesBack(m_file, st.st_atim, st.st_mtim);
 }
 
 void ArchiveJob::end() {
     if (m_kind.keepsTextInFile())
         dropKeptText(m_file);
-}
-
-long long ArchiveJob::freed() const {
-    return allocatedBytes(m_look.st) - allocatedBytes(m_file.stat());
 }
 
 /// One open file for all, as a second one would be "somebody else" to the lease.
@@ -129,7 +114,25 @@ void ArchiveJob::requireUnchanged(const struct stat& since) const {
     const struct stat now = m_file.stat();
     if (now.st_size != since.st_size || !isSameTime(now.st_mtim, since.st_mtim) ||
         !isSameTime(now.st_ctim, since.st_ctim))
-        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was archived");
+        throw changed();
+}
+
+Failure ArchiveJob::changed() const {
+    return {QZHSM_BUSY, m_file.name() + " was changed while it was archived"};
+}
+
+/// Whether stubbing that failed has given the data up.
+bool ArchiveJob::isEmptied() {
+    const FileLook now = m_kind.look(m_file, true);
+    switch (now.state) {
+    case FileState::Emptied:
+    case FileState::Lost:
+    case FileState::Stub:
+    case FileState::ChangedStub:
+        return true;
+    default: // without attributes a file that has been emptied looks like any other
+        return !now.attributes && now.st.st_blocks < m_since.st_blocks;
+    }
 }
 
 /// A refusal may come after the file was marked. It was no stub before, which was looked at.

@@ -31,14 +31,13 @@ public:
 
     const OpenFile& file() const { return m_file; }
     int flushable() const { return m_flushable.get(); }
-    dev_t device() const { return m_look.st.st_dev; }
-    long long freed() const;
-    const ObjectRecord& record() const { return m_record; }
 
 private:
     UniqueFd openData() const;
     void requireClosed() const;
     void requireUnchanged(const struct stat& since) const;
+    Failure changed() const;
+    bool isEmptied();
     void putBackMark();
     void completeText();
 

@@ -1,16 +1,11 @@
 #include "service/ArchiveWorker.h"
 
 #include "service/FileIo.h"
-#include "service/Flush.h"
 
 #include <cerrno>
 #include <new>
 
 namespace {
-
-// What is on its way together: enough files to share a flush, few enough to keep their descriptors open.
-constexpr size_t kMostJobs = 256;
-constexpr long long kMostBytes = 256LL << 20;
 
 /// What a stub's text takes: a block of the file system, 4096 bytes on most.
 constexpr long long kBlock = 4096;
@@ -19,7 +14,8 @@ constexpr long long kBlock = 4096;
 
 ArchiveWorker::ArchiveWorker(StubKind& kind, Store& store, const ArchiveRules& rules, SeenFiles& seen,
                              Observer& observer)
-    : m_kind(kind), m_store(store), m_rules(rules), m_seen(seen), m_observer(observer) {}
+    : m_kind(kind), m_store(store), m_rules(rules), m_seen(seen), m_observer(observer),
+      m_batch(Tell{observer}) {}
 
 std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& look) {
     switch (look.state) {
@@ -48,84 +44,48 @@ void ArchiveWorker::take(OpenFile file) {
     const std::string name = file.name();
     try {
         auto job = std::make_unique<ArchiveJob>(m_kind, std::move(file));
-        job->file().as([&] { begin(*job); });
-        if (!job->record().path.empty())
-            m_jobs.push_back(std::move(job));
+        job->file().as([&] { begin(job); });
     } catch (const Failure& failure) {
         m_observer.failed(name, failure);
     } catch (const std::bad_alloc&) {
         m_observer.failed(name, systemFailure("Failed to archive ", name, ENOMEM));
     }
-    if (m_jobs.size() >= kMostJobs || m_bytes >= kMostBytes)
+    if (m_batch.isFull())
         finish();
 }
 
 /// Puts the file into the store, unless there is a reason to leave it alone.
-void ArchiveWorker::begin(ArchiveJob& job) {
-    const std::string& name = job.file().name();
-    const std::string reason = reasonToSkip(job.file(), job.look());
+void ArchiveWorker::begin(std::unique_ptr<ArchiveJob>& job) {
+    const std::string& name = job->file().name();
+    const std::string reason = reasonToSkip(job->file(), job->look());
     if (!reason.empty())
         return m_observer.skipped(name, reason);
     if (m_rules.dryRun)
         return m_observer.done(name, "would be archived");
-    m_observer.started(name, job.look().st.st_size);
+    m_observer.started(name, job->look().st.st_size);
     std::uint64_t told = 0;
-    job.put(m_store, [&](std::uint64_t done) {
+    job->put(m_store, [&](std::uint64_t done) {
         m_observer.bytes(static_cast<long long>(done - told));
         told = done;
     });
-    m_bytes += job.look().st.st_size;
+    const long long bytes = job->look().st.st_size;
+    m_batch.add(std::move(job), bytes);
 }
 
 void ArchiveWorker::finish() {
-    if (m_jobs.empty())
+    if (m_batch.isEmpty())
         return;
     try {
         m_store.flush();
     } catch (const Failure& failure) {
-        return failAll(failure);
+        return m_batch.giveUpAll(failure);
     }
     if (!m_rules.keepData) {
-        step([](ArchiveJob& job) { job.keep(); });
-        step([](ArchiveJob& job) { job.stub(); });
-        step([](ArchiveJob& job) { job.end(); });
-    }
-    for (const auto& job : m_jobs)
-        m_observer.done(job->file().name(), "archived");
-    m_jobs.clear();
-    m_bytes = 0;
-}
-
-void ArchiveWorker::step(const std::function<void(ArchiveJob&)>& act) {
-    std::erase_if(m_jobs, [&](const std::unique_ptr<ArchiveJob>& job) {
-        const std::string& name = job->file().name();
-        try {
-            job->file().as([&] { act(*job); });
-            return false;
-        } catch (const Failure& failure) {
-            m_observer.failed(name, failure);
-        } catch (const std::bad_alloc&) {
-            m_observer.failed(name, systemFailure("Failed to archive ", name, ENOMEM));
+        for (void (ArchiveJob::*step)() : {&ArchiveJob::keep, &ArchiveJob::stub}) {
+            m_batch.step([step](ArchiveJob& job) { (job.*step)(); });
+            m_batch.flush();
         }
-        return true;
-    });
-    flush();
-}
-
-void ArchiveWorker::flush() {
-    std::vector<Flushable> files;
-    for (const auto& job : m_jobs)
-        files.push_back({job->flushable(), job->device()});
-    try {
-        flushAll(files);
-    } catch (const Failure& failure) {
-        failAll(failure);
+        m_batch.step([](ArchiveJob& job) { job.end(); });
     }
-}
-
-void ArchiveWorker::failAll(const Failure& failure) {
-    for (const auto& job : m_jobs)
-        m_observer.failed(job->file().name(), failure);
-    m_jobs.clear();
-    m_bytes = 0;
+    m_batch.finish([this](const ArchiveJob& job) { m_observer.done(job.file().name(), "archived"); });
 }

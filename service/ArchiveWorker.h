@@ -1,10 +1,10 @@
 #pragma once
 
 #include "service/ArchiveJob.h"
+#include "service/JobBatch.h"
 #include "service/Workers.h"
 
 #include <ctime>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -46,16 +46,19 @@ public:
 private:
     /// Why this file is left alone; empty for one to be archived. Throws for one that needs mending first.
     std::string reasonToSkip(const OpenFile& file, const FileLook& look);
-    void begin(ArchiveJob& job);
-    void step(const std::function<void(ArchiveJob&)>& act);
-    void flush();
-    void failAll(const Failure& failure);
+    void begin(std::unique_ptr<ArchiveJob>& job);
+
+    struct Tell {
+        Observer& observer;
+        void operator()(const ArchiveJob& job, const Failure& failure) const {
+            observer.failed(job.file().name(), failure);
+        }
+    };
 
     StubKind& m_kind;
     Store& m_store;
     const ArchiveRules& m_rules;
     SeenFiles& m_seen;
     Observer& m_observer;
-    std::vector<std::unique_ptr<ArchiveJob>> m_jobs;
-    long long m_bytes = 0;
+    JobBatch<ArchiveJob, Tell> m_batch;
 };

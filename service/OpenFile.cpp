@@ -19,7 +19,9 @@ OpenFile::OpenFile(UniqueFd fd, std::string name)
     : m_fd(std::move(fd)), m_name(std::move(name)), m_path("/proc/self/fd/" + std::to_string(m_fd.get())) {}
 
 OpenFile OpenFile::named(const std::string& path) {
-    return in(AT_FDCWD, path.c_str(), path);
+    OpenFile file = in(AT_FDCWD, path.c_str(), path);
+    file.m_named = true;
+    return file;
 }
 
 OpenFile OpenFile::in(int directory, const char* entry, std::string shown) {

@@ -24,6 +24,9 @@ public:
     /// A path that leads to this very file, for interfaces that take paths and follow links.
     const std::string& path() const { return m_path; }
 
+    /// Whether somebody named this very file, rather than a directory above it.
+    bool isNamed() const { return m_named; }
+
     /// What the file is now.
     struct stat stat() const;
     /// The file, opened with open(2)'s `flags`. Reading leaves the access time alone if the system allows.
@@ -46,4 +49,5 @@ private:
     UniqueFd m_fd;
     std::string m_name;
     std::string m_path;
+    bool m_named = false;
 };

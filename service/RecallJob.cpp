@@ -1,26 +1,19 @@
 #include "service/RecallJob.h"
 
+#include "service/FileRights.h"
 #include "service/TransparentFile.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/falloc.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
 namespace {
 
 constexpr size_t kBlock = 4096;
-constexpr const char* kCapabilities = "security.capability";
 constexpr const char* kAllTheSame = "With --force it is recalled all the same.";
-
-std::string readCapabilities(const OpenFile& file) {
-    char value[256];
-    const ssize_t got = ::getxattr(file.path().c_str(), kCapabilities, value, sizeof value);
-    return got > 0 ? std::string(value, static_cast<size_t>(got)) : std::string();
-}
 
 /// Where the blocks that hold a stub's text end.
 size_t endOfPage(const std::string& text) {
@@ -58,8 +51,7 @@ bool RecallJob::isDone() {
         throw Failure(QZHSM_NOT_A_STUB, name + " has no valid stub text: it is " + nameOf(m_look.state),
                       "\"qzhsm repair\" leads out of this state.");
     case FileState::Copy:
-        throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark",
-                      "\"qzhsm adopt\" makes it a stub of its own.");
+        throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data");
     case FileState::Plain:
         break;
     }
@@ -144,16 +136,12 @@ void RecallJob::end() {
     };
     if (!m_kind.shortensLast())
         shorten();
-    if (!m_capabilities.empty() &&
-        ::setxattr(m_file.path().c_str(), kCapabilities, m_capabilities.data(), m_capabilities.size(), 0) < 0)
-        throw systemFailure("Failed to put back the capabilities of ", m_file.name(), errno);
-    if (m_file.stat().st_mode != m_look.st.st_mode &&
-        ::chmod(m_file.path().c_str(), m_look.st.st_mode & 07777) < 0)
-        throw systemFailure("Failed to put back the mode of ", m_file.name(), errno);
+    putRightsBack(m_file, m_capabilities, m_look.st.st_mode);
     putTimesBack();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
         throw Failure(backEnd);
+    m_ended = true;
     if (m_kept)
         dropKeptText(m_file);
     if (m_kind.shortensLast() && shortens) {
@@ -167,6 +155,8 @@ void RecallJob::end() {
 void RecallJob::putBack(const Failure& failure) {
     const std::string& name = m_file.name();
     m_observer.failed(name, failure);
+    if (m_ended) // all the data is there, and a stub in its place would carry no mark
+        return m_observer.note(name + ": recalled, but its end may not be on the disk");
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     try {
         if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
@@ -239,10 +229,7 @@ void RecallJob::punch(long long from) {
     m_skipsZeros = ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
 }
 
-/// To the nanosecond, if the source knows them; the interface's own way takes whole seconds.
 void RecallJob::putTimesBack() {
-    const timespec modified = m_source && m_source->modified() ? *m_source->modified() : m_look.st.st_mtim;
-    const timespec times[] = {m_look.st.st_atim, modified};
-    if (::utimensat(AT_FDCWD, m_file.path().c_str(), times, 0) < 0)
-        throw systemFailure("Failed to change time of ", m_file.name(), errno);
+    const std::optional<timespec> modified = m_source ? m_source->modified() : std::nullopt;
+    ::putTimesBack(m_file, m_look.st.st_atim, modified.value_or(m_look.st.st_mtim));
 }

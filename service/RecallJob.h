@@ -66,4 +66,5 @@ private:
     bool m_written = false;
     bool m_pageWritten = false;
     bool m_longerTold = false;
+    bool m_ended = false; ///< it is no stub any more
 };

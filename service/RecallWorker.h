@@ -1,11 +1,11 @@
 #pragma once
 
+#include "service/JobBatch.h"
 #include "service/RecallJob.h"
 #include "service/Workers.h"
 
 #include <functional>
 #include <memory>
-#include <vector>
 
 /// Recalls stubs, several together: each step is taken for all of them, and flushed once.
 class RecallWorker final : public FileWorker {
@@ -19,14 +19,15 @@ public:
     void finish() override;
 
 private:
-    /// Takes a step with every job that has come so far, and flushes what it did.
-    void step(const std::function<void(RecallJob&)>& act);
-    void flush();
+    void begin(std::unique_ptr<RecallJob>& job);
+
+    struct PutBack {
+        void operator()(RecallJob& job, const Failure& failure) const { job.putBack(failure); }
+    };
 
     StubKind& m_kind;
     bool m_force;
     FindSource m_findSource;
     Observer& m_observer;
-    std::vector<std::unique_ptr<RecallJob>> m_jobs;
-    long long m_bytes = 0;
+    JobBatch<RecallJob, PutBack> m_batch{PutBack{}};
 };

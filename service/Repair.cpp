@@ -1,10 +1,10 @@
 #include "service/Repair.h"
 
+#include "service/FileRights.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -28,9 +28,7 @@ void putTimeBack(const OpenFile& file, const FileLook& look) {
     if (at == std::string::npos)
         return;
     const long long modified = std::atoll(look.meta.c_str() + at + std::strlen(kModified));
-    const timespec times[] = {look.st.st_atim, {modified / kSecond, modified % kSecond}};
-    if (::utimensat(AT_FDCWD, file.path().c_str(), times, 0) < 0)
-        throw systemFailure("Failed to change time of ", file.name(), errno);
+    putTimesBack(file, look.st.st_atim, {modified / kSecond, modified % kSecond});
 }
 
 /// The text that is kept comes back into the file, which is a stub then.
@@ -79,7 +77,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
         throw Failure(QZHSM_FAILURE, name + " is a copy of a stub, and holds no data");
     case FileState::Lost:
         throw Failure(QZHSM_FAILURE, name + " is marked and empty, and nothing on it tells where its data is",
-                      "A record in the store may name it: see \"qzhsm store list\".");
+                      "The records of the store, files named *.json, have the path that each object had.");
     }
     if (!dryRun)
         wayOut(kind, file, look, fd.get());

@@ -32,14 +32,6 @@ struct Archiving {
     FileCrew crew;
 };
 
-/// "90d" as a point in time: so long ago.
-std::time_t timeBefore(const std::string& age) {
-    const std::map<std::string, std::time_t> units{
-        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
-    std::string text = age;
-    return std::time(nullptr) - std::stoll(CLI::AsNumberWithUnit(units)(text).empty() ? text : "0");
-}
-
 void requireDriverless(const StubKind& kind, const char* verb) {
     if (!kind.keepsTextInFile())
         throw Failure(QZHSM_NOT_IMPLEMENTED, std::string(verb) + " is for driverless stubs only");
@@ -48,7 +40,7 @@ void requireDriverless(const StubKind& kind, const char* verb) {
 void addArchive(CommandLine& line) {
     struct Options {
         std::string store;
-        std::string olderThan;
+        std::optional<long long> olderThan; ///< seconds
         std::uint64_t largerThan = 0;
         std::vector<std::string> excluded;
         bool keep = false;
@@ -64,8 +56,8 @@ void addArchive(CommandLine& line) {
             if (!options->work) {
                 ArchiveRules rules;
                 rules.largerThan = static_cast<long long>(options->largerThan);
-                if (!options->olderThan.empty())
-                    rules.modifiedBefore = timeBefore(options->olderThan);
+                if (options->olderThan)
+                    rules.modifiedBefore = std::time(nullptr) - *options->olderThan;
                 rules.keepData = options->keep;
                 rules.dryRun = options->dryRun;
                 options->work = std::make_unique<Archiving>(line, report, options->store, rules,
@@ -83,7 +75,10 @@ void addArchive(CommandLine& line) {
             "The store: the NAME of its section [Store/NAME], or its directory")
         ->required()
         ->option_text("STORE (required)");
-    addText(verb, "--older-than", options->olderThan, "Only files not modified for so long: 90d, 12h, 2w")
+    const std::map<std::string, long long> units{
+        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
+    verb->add_option("--older-than", options->olderThan, "Only files not modified for so long: 90d, 12h, 2w")
+        ->transform(CLI::AsNumberWithUnit(units))
         ->option_text("AGE");
     verb->add_option("--larger-than", options->largerThan, "Only files of more bytes: 1M, 64K")
         ->transform(CLI::AsSizeValue(false))
@@ -91,8 +86,7 @@ void addArchive(CommandLine& line) {
     verb->add_option("--exclude", options->excluded,
                      "Leave out what has such a name, or path if there is a \"/\"")
         ->option_text("GLOB")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false); // else it would take the paths as well
     verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");
     verb->add_flag("--dry-run", options->dryRun, "Only tell what would be archived (with --json)");
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")

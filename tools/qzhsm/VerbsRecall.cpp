@@ -70,6 +70,8 @@ void addRecallVerb(CommandLine& line) {
                 options->work = std::make_unique<Recalling>(line, report, options->sources, options->workers);
             if (!options->sources.from.empty() && !std::exchange(options->only, path).empty())
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is one too many");
+            if (!options->sources.from.empty() && S_ISDIR(statFollowing(path).st_mode))
+                throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is a directory");
             options->work->crew.walk().from(path);
         },
         [options](StubKind&, Report&) {

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Archiving into a store and back: what is refused, left alone, or fails at its very end.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/common.sh"
+store=$work/store
+expect 0 '^$' store-create "$store"
+mount -t tmpfs none "$fs"
+for file in file other; do cp "$work/data" "$fs/$file"; done
+printf small >"$fs/plain"
+touch -d @1000000000.25 "$fs"/*
+
+expect 2 'older-than' archive --store "$store" --older-than soon "$fs"
+expect 1 'is not a store' archive --store "$work" "$fs"
+expect 0 '^$' archive --store "$store" --older-than 1d --exclude 'o*' "$f"
+expect 0 '1 archived, 2 left alone, 0 failed' archive --store "$store" -j 2 "$fs"
+[ "$(stat -c %.2Y "$f")" = 1000000000.25 ] || fail "archiving moved the time"
+expect 0 '2 whole, 0 left alone, 0 failed' verify "$fs"
+
+cp -p "$fs/other" "$fs/copy"
+setfattr -n user.NkStubFile -v 1 "$fs/copy" # a forged stub: its text is the other's
+refused "$fs/copy" 'was not taken from this file' recall "$fs/copy"
+rm "$fs/copy"
+printf x | dd of="$fs/other" bs=1 seek=1000000 conv=notrunc status=none
+refused "$fs/other" 'there is data behind its stub text' recall "$fs/other"
+expect 1 'data of one stub' recall "$fs" --from "$work/data"
+expect 0 '2 recalled, 1 left alone, 0 failed' recall --force "$fs"
+for file in file other; do same "$fs/$file" "$work/data"; done
+
+exec 7<"$f"
+refused "$f" 'is open elsewhere \(code 3\)' archive --store "$store" "$f"
+exec 7<&-
+# Refused after the file was marked: it is no stub, and keeps nothing of that.
+injected() { strace -qq -o /dev/null -P "$f" -e inject="$1" "$plain" "${@:2}"; }
+qzhsm=injected refused "$f" 'could not truncate' ftruncate:error=EIO archive --store "$store" "$f"
+"$plain" store-verify "$store" &>"$work/list"
+grep -q ' whole, 0 left alone, 0 failed' "$work/list" || fail "the store: $(<"$work/list")"
+
+# The last flush fails: the file is whole, and must not become a stub without a mark.
+expect 0 '^$' archive --store "$store" "$f"
+said=$(injected fsync:error=EIO:when=4 recall "$f" 2>&1)
+[[ $said == *'may not be on the disk'* ]] || fail "the last flush's failure: $said"
+same "$f" "$work/data"
+finish
