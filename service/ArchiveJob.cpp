@@ -3,6 +3,7 @@
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/FileRights.h"
+#include "service/NotedObject.h"
 #include "service/Repair.h"
 #include "service/stores/StubMetadata.h"
 
@@ -35,12 +36,14 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     m_data = openData();
     requireClosed();
     const ObjectRecord facts = ObjectRecord::describe(m_data.get(), m_file.name());
-    if (!facts.file.matches(facts.file))
+    if (!facts.owner.matches(facts.owner))
         throw Failure(QZHSM_FAILURE,
                       m_file.name() +
                           " could not be told from a copy later: its file system has no file handles");
     m_look.st = m_file.stat();
-    m_record = store.put(m_data.get(), facts, onBytes);
+    m_noted = notedObject(m_file);
+    const auto known = m_noted ? findArchived(store, *m_noted, m_data.get(), facts) : std::nullopt;
+    m_record = known ? *known : store.put(m_data.get(), facts, onBytes);
     try {
         requireUnchanged(m_look.st);
         m_meta = StubMetadata(store, m_record).toText() + ";" + kModified + std::to_string(m_record.mtime);
@@ -51,13 +54,21 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
         if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
             throw changed();
     } catch (...) {
-        store.remove(m_record.object);
+        if (!known)
+            store.remove(m_record.object);
         throw;
     }
 }
 
+void ArchiveJob::note() {
+    if (m_look.attributes)
+        noteObject(m_file, m_record.object);
+}
+
 void ArchiveJob::keep() {
     requireUnchanged(m_since);
+    if (m_noted)
+        dropNotedObject(m_file);
     if (m_kind.keepsTextInFile())
         keepText(m_file, {m_text, false});
     m_since = m_file.stat();
@@ -135,10 +146,12 @@ bool ArchiveJob::isEmptied() {
     }
 }
 
-/// A refusal may come after the file was marked. It was no stub before, which was looked at.
+/// A refusal may come after the file was marked. It was no stub before, which was looked at. What is in the
+/// store need not be sent again.
 void ArchiveJob::putBackMark() {
     m_kind.backEnd().restoreDone(m_kind.pathOf(m_file).c_str(), true, {});
     end();
+    note();
 }
 
 /// What stands in the file now is looked at, and mended if it is not the whole text: a full disk or a short

@@ -10,7 +10,7 @@
 /// The archiving of one file, step by step. Between two steps everything is to be flushed; whatever ends the
 /// process in the meantime, the data is in the file or can be recalled:
 ///
-///  1. `put`: the data goes to the store;
+///  1. `put`: the data goes to the store, unless it is there already;
 ///  2. `keep`: the text of the stub to be is kept in the file's attribute;
 ///  3. `stub`: the file becomes a stub;
 ///  4. `end`: the kept text goes.
@@ -25,6 +25,8 @@ public:
 
     /// Throws code 3 if somebody else has the file open, or changed it while it was read.
     void put(Store& store, const OnBytes& onBytes);
+    /// The end for a file that keeps its data: it carries the object's name from now on.
+    void note();
     void keep();
     void stub();
     void end();
@@ -47,6 +49,7 @@ private:
     UniqueFd m_flushable;
     UniqueFd m_data;
     ObjectRecord m_record;
+    std::optional<ObjectId> m_noted; ///< what it was put as before
     std::string m_meta;
     std::string m_text;
     struct stat m_since {}; ///< what the file was after the last that was done to it here

@@ -80,7 +80,10 @@ void ArchiveWorker::finish() {
     } catch (const Failure& failure) {
         return m_batch.giveUpAll(failure);
     }
-    if (!m_rules.keepData) {
+    if (m_rules.keepData) {
+        m_batch.step([](ArchiveJob& job) { job.note(); });
+        m_batch.flush();
+    } else {
         for (void (ArchiveJob::*step)() : {&ArchiveJob::keep, &ArchiveJob::stub}) {
             m_batch.step([step](ArchiveJob& job) { (job.*step)(); });
             m_batch.flush();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/files/UniqueFd.h"
+#include "service/stores/ObjectId.h"
 
 #include <ctime>
 #include <functional>
@@ -25,6 +26,8 @@ public:
     virtual std::optional<long long> size() const = 0;
     /// The modification time that the file had when this was its data, if it is known.
     virtual std::optional<timespec> modified() const { return {}; }
+    /// The object in a store that this is, if it is one.
+    virtual std::optional<ObjectId> object() const { return {}; }
     /// The next bytes, all of a piece but the last; none at the end. What is known to be wrong throws.
     virtual std::vector<char> next() = 0;
 

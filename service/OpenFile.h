@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <utility>
 
 /// One file, opened once. All that is done through this object is done to that very file, whatever happens to
 /// its name in the meantime: users may own the tree in which a service works, and swap files in it.
@@ -16,6 +17,9 @@ public:
     static OpenFile named(const std::string& path);
     /// Opens an entry of an open directory; `shown` is the path that users know it by.
     static OpenFile in(int directory, const char* entry, std::string shown);
+
+    /// A file that is open for no access already.
+    static OpenFile of(UniqueFd fd, std::string shown) { return {std::move(fd), std::move(shown)}; }
 
     /// Of the file alone, open for no access: fit for fstat(2) and the *at calls.
     int fd() const { return m_fd.get(); }

@@ -1,6 +1,7 @@
 #include "service/RecallJob.h"
 
 #include "service/FileRights.h"
+#include "service/NotedObject.h"
 #include "service/TransparentFile.h"
 
 #include <algorithm>
@@ -144,6 +145,8 @@ void RecallJob::end() {
     m_ended = true;
     if (m_kept)
         dropKeptText(m_file);
+    if (m_look.attributes && m_source->object())
+        noteObject(m_file, *m_source->object());
     if (m_kind.shortensLast() && shortens) {
         shorten();
         putTimesBack();

@@ -3,6 +3,7 @@
 #include "platform/logging/ProcessLog.h"
 
 #include <algorithm>
+#include <unistd.h>
 #include <utility>
 
 StoreSource::StoreSource(Store& store, ObjectRecord record, StopRequest stop)
@@ -34,24 +35,59 @@ StubMetadata readMetadata(const OpenFile& file, const FileLook& look) {
     return std::move(*metadata);
 }
 
-ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFile& file,
+namespace {
+
+ObjectRecord findObject(Store& store, const StubMetadata& metadata, const OpenFile& file,
                         const FileLook& look) {
     std::optional<ObjectRecord> record = store.look(metadata.object);
     if (!record)
         throw Failure(QZHSM_NOT_FOUND, "There is no object " + std::string(metadata.object.text()) +
                                            " in store " + store.name() + ", which the stub " + file.name() +
                                            " names");
-    const bool isFrom = record->uid == look.st.st_uid && record->gid == look.st.st_gid &&
-                        record->file.matches(FileIdentity::of(file.fd(), file.name()));
-    const bool isData = record->checksums.whole == metadata.xxh128 &&
-                        record->size == static_cast<std::uint64_t>(look.recordedSize);
-    if (isFrom && isData)
-        return std::move(*record);
+    if (record->checksums.whole != metadata.xxh128 ||
+        record->size != static_cast<std::uint64_t>(look.recordedSize))
+        throw Failure(QZHSM_FAILURE, "The stub " + file.name() + " does not fit object " +
+                                         std::string(metadata.object.text()) +
+                                         ", which it names: size or checksum differ");
+    return std::move(*record);
+}
+
+} // namespace
+
+ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFile& file,
+                        const FileLook& look) {
+    ObjectRecord record = findObject(store, metadata, file, look);
+    if (record.isOf(FileOwner::of(file.fd(), file.name())))
+        return record;
     const std::string text = "The stub " + file.name() + " names object " +
                              std::string(metadata.object.text()) + ", which was not taken from this file";
     if (CLogWriterInterface* log = processLog(-1))
         log->Write(-1, "findRecord", 0, 0, 0, "%s", text.c_str());
-    throw Failure(QZHSM_FAILURE, text,
-                  "Whoever may write a file can write such a stub. Its data was taken from " + record->path +
-                      ".");
+    throw Failure(
+        QZHSM_FAILURE, text,
+        "Its data was taken from " + record.path +
+            ", and whoever may write a file can write such a "
+            "stub. If it was moved, copied or restored from a backup, \"qzhsm adopt\" confirms it.");
+}
+
+void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner) {
+    const StubMetadata metadata = readMetadata(file, look);
+    ObjectRecord record = findObject(store, metadata, file, look);
+    const FileOwner owner = FileOwner::of(file.fd(), file.name());
+    if (record.isOf(owner))
+        return;
+    const std::string from =
+        "Not adopting the stub " + file.name() + ": its data was taken from " + record.path;
+    if (!owner.matches(owner))
+        throw Failure(QZHSM_FAILURE, file.name() +
+                                         " could not be told from a copy later: its file system has no "
+                                         "file handles");
+    const auto isHis = [&](const FileOwner& known) { return known.uid == owner.uid; };
+    if (!ofAnyOwner && !isHis(record.owner) && std::ranges::none_of(record.adopted, isHis))
+        throw Failure(QZHSM_FAILURE, from + ", which belonged to user " + std::to_string(record.owner.uid),
+                      "With --force user " + std::to_string(owner.uid) + " gets that data.");
+    if (::geteuid() != 0 && (owner.uid != ::geteuid() || look.st.st_nlink != 1))
+        throw Failure(QZHSM_FAILURE, from + ", and it is not yours alone");
+    record.adopted.push_back(owner);
+    store.replaceRecord(record);
 }

@@ -14,6 +14,7 @@ public:
 
     std::optional<long long> size() const override { return static_cast<long long>(m_record.size); }
     std::optional<timespec> modified() const override;
+    std::optional<ObjectId> object() const override { return m_record.object; }
     std::vector<char> next() override;
 
 private:
@@ -24,9 +25,15 @@ private:
 
 /// The record of the object that a stub names. Whoever may write a file can write a stub's text, so the word
 /// of the stub is not taken for it: throws unless the record says that the object was taken from this very
-/// file, of the same owner, size and checksum.
+/// file, or names it as adopted, of the same owner, size and checksum.
 ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFile& file,
                         const FileLook& look);
+
+/// Confirms that a stub which was moved, copied or restored from a backup may have the data of the object
+/// that it names, on the disk. It must belong to a user whose file the object was taken from, unless
+/// `ofAnyOwner`. Others than root may confirm their own stubs, if they have one name each. Throws for all
+/// else.
+void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner);
 
 /// What a stub's metadata says; throws if it names no object in a store.
 StubMetadata readMetadata(const OpenFile& file, const FileLook& look);

@@ -97,12 +97,7 @@ ObjectRecord CommandStore::put(int fd, ObjectRecord facts, const OnBytes& onByte
         MoverSink sink(data);
         readContent(fd, record, sink, onBytes);
         data.finish();
-        const std::string text = record.toText();
-        Mover beside(about("Failed to put the record of object ", record.object),
-                     filledIn(m_commands.put, recordName(record.object)), Mover::Data::In,
-                     m_commands.timeout);
-        beside.write(text.data(), text.size());
-        beside.finish();
+        replaceRecord(record);
     } catch (const Failure& failure) {
         if (failure.code() != QZHSM_TIMEOUT) // which the next command would only meet again
             removeQuietly(record.object);
@@ -112,6 +107,14 @@ ObjectRecord CommandStore::put(int fd, ObjectRecord facts, const OnBytes& onByte
         throw;
     }
     return record;
+}
+
+void CommandStore::replaceRecord(const ObjectRecord& record) {
+    const std::string text = record.toText();
+    Mover mover(about("Failed to put the record of object ", record.object),
+                filledIn(m_commands.put, recordName(record.object)), Mover::Data::In, m_commands.timeout);
+    mover.write(text.data(), text.size());
+    mover.finish();
 }
 
 std::optional<ObjectRecord> CommandStore::look(const ObjectId& object) {

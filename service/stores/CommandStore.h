@@ -32,6 +32,8 @@ public:
     /// throw.
     std::optional<ObjectRecord> look(const ObjectId& object) override;
     std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) override;
+    /// For movers that replace what they put under the same name, as most do.
+    void replaceRecord(const ObjectRecord& record) override;
     /// A mover that fails for what is not there makes this fail too, if there is no object.
     void remove(const ObjectId& object) override;
     /// Throws where the mover cannot list. Names of other forms are skipped.

@@ -78,7 +78,7 @@ std::string readMarker(int directory, const std::string& name) {
     const std::optional<std::string> text = readText(directory, kMarker, name + '/' + kMarker, kMarkerMax);
     if (!text)
         throw Failure(QZHSM_FAILURE, name + " is not a store",
-                      "If a disk belongs there, is it mounted? 'qzhsm store-create' makes a new store.");
+                      "If a disk belongs there, is it mounted? 'qzhsm store create' makes a new store.");
     const auto marker = nlohmann::json::parse(*text, nullptr, false);
     if (!marker.is_object() || marker.value("format", nlohmann::json()) != kFormat)
         throw Failure(QZHSM_FAILURE, name + " is a store of a format that is not known");

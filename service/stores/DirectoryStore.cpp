@@ -120,10 +120,7 @@ ObjectRecord DirectoryStore::put(int fd, ObjectRecord facts, const OnBytes& onBy
         ObjectFile object(directory, record.object, about("object ", record.object));
         readContent(fd, record, object, onBytes);
         object.close(record.size);
-        const std::string text = record.toText();
-        NewFile file(directory, recordFile(record.object), about("the record of object ", record.object));
-        file.write(0, text.data(), text.size());
-        file.close();
+        writeRecord(directory, record);
         const std::lock_guard lock(m_mutex);
         m_batch.push_back(record.object);
     } catch (...) {
@@ -132,6 +129,29 @@ ObjectRecord DirectoryStore::put(int fd, ObjectRecord facts, const OnBytes& onBy
         throw;
     }
     return record;
+}
+
+void DirectoryStore::writeRecord(int directory, const ObjectRecord& record) const {
+    const std::string text = record.toText();
+    NewFile file(directory, recordFile(record.object), about("the record of object ", record.object));
+    file.write(0, text.data(), text.size());
+    file.close();
+}
+
+void DirectoryStore::replaceRecord(const ObjectRecord& record) {
+    const int directory = session();
+    const std::string file = recordFile(record.object);
+    const std::lock_guard flushing(m_flushing);
+    try {
+        writeRecord(directory, record);
+        writeOut();
+        if (::renameat(directory, file.c_str(), m_root.get(), placed(file).c_str()) < 0)
+            throw systemFailure("Failed to rename ", about("the record of object ", record.object), errno);
+        writeOut();
+    } catch (...) {
+        ::unlinkat(directory, file.c_str(), 0);
+        throw;
+    }
 }
 
 void DirectoryStore::flush() {

@@ -35,6 +35,7 @@ public:
     ObjectRecord put(int fd, ObjectRecord facts, const OnBytes& onBytes) override;
     void flush() override;
     std::optional<ObjectRecord> look(const ObjectId& object) override;
+    void replaceRecord(const ObjectRecord& record) override;
     std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) override;
     void remove(const ObjectId& object) override;
     void list(const std::function<void(const ListedObject&)>& onObject) override;
@@ -43,6 +44,7 @@ public:
 private:
     int session();
     void requireWhole() const;
+    void writeRecord(int directory, const ObjectRecord& record) const;
     bool takeBack(const ObjectId& object);
     void writeOut();
     void giveNames(const std::vector<ObjectId>& batch);

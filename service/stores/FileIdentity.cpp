@@ -52,8 +52,24 @@ FileIdentity FileIdentity::of(int fd, const std::string& name) {
     return identity;
 }
 
-bool FileIdentity::matches(const FileIdentity& other) const {
+UniqueFd FileIdentity::open(int mount) const {
+    alignas(file_handle) char room[sizeof(file_handle) + MAX_HANDLE_SZ] = {};
+    auto* found = reinterpret_cast<file_handle*>(room);
+    if (handle.empty() || handle.size() > MAX_HANDLE_SZ) {
+        errno = EINVAL;
+        return UniqueFd();
+    }
+    found->handle_bytes = static_cast<unsigned>(handle.size());
+    found->handle_type = handleType;
+    std::memcpy(found->f_handle, handle.data(), handle.size());
+    return UniqueFd(::open_by_handle_at(mount, found, O_PATH | O_CLOEXEC));
+}
+
+bool FileIdentity::isBeside(const FileIdentity& other) const {
     const bool haveUuids = !fsUuid.empty() && !other.fsUuid.empty();
-    return !handle.empty() && handleType == other.handleType && handle == other.handle &&
-           (haveUuids ? fsUuid == other.fsUuid : fsid == other.fsid);
+    return haveUuids ? fsUuid == other.fsUuid : fsid == other.fsid;
+}
+
+bool FileIdentity::matches(const FileIdentity& other) const {
+    return !handle.empty() && handleType == other.handleType && handle == other.handle && isBeside(other);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/files/UniqueFd.h"
+
 #include <string>
 
 /// Which file of which file system, across renames, mounts and restarts: what tells a stub from a copy of it.
@@ -12,6 +14,12 @@ struct FileIdentity {
     /// Of the file behind the descriptor. Throws `Failure` with `name` where it cannot be asked.
     static FileIdentity of(int fd, const std::string& name);
 
+    /// The file, open for no access but fstat(2) and the *at calls, wherever it lies now; `mount` is any file
+    /// that is open on its file system. Closed, with errno, if it is gone (ESTALE) or cannot be opened so.
+    UniqueFd open(int mount) const;
+
+    /// Whether both lie on the same file system.
+    bool isBeside(const FileIdentity& other) const;
     /// Whether both are the same file. File systems are compared by UUID where both have one, else by fsid.
     /// Without a handle nothing matches.
     bool matches(const FileIdentity& other) const;

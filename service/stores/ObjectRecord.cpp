@@ -87,7 +87,39 @@ Checksums checksumsOf(const Json& json, std::uint64_t size) {
     return sums;
 }
 
+void addOwner(Json& json, const FileOwner& owner) {
+    json["uid"] = owner.uid;
+    json["gid"] = owner.gid;
+    json["handleType"] = owner.file.handleType;
+    json["handle"] = hexText(owner.file.handle);
+    json["fsid"] = owner.file.fsid;
+    json["fsUuid"] = owner.file.fsUuid;
+}
+
+FileOwner ownerOf(const Json& json) {
+    FileOwner owner;
+    owner.uid = number<std::uint32_t>(json, "uid");
+    owner.gid = number<std::uint32_t>(json, "gid");
+    owner.file.handleType = number<int>(json, "handleType");
+    owner.file.handle = decoded(hexBytes(text(json, "handle")), "handle");
+    owner.file.fsid = text(json, "fsid");
+    owner.file.fsUuid = text(json, "fsUuid");
+    return owner;
+}
+
 } // namespace
+
+FileOwner FileOwner::of(int fd, const std::string& name) {
+    struct stat st {};
+    if (::fstat(fd, &st) < 0)
+        throw systemFailure("Failed to stat ", name, errno);
+    return {FileIdentity::of(fd, name), st.st_uid, st.st_gid};
+}
+
+bool ObjectRecord::isOf(const FileOwner& candidate) const {
+    return owner.matches(candidate) ||
+           std::ranges::any_of(adopted, [&](const FileOwner& other) { return other.matches(candidate); });
+}
 
 ObjectRecord ObjectRecord::describe(int fd, std::string path) {
     struct stat st {};
@@ -99,9 +131,7 @@ ObjectRecord ObjectRecord::describe(int fd, std::string path) {
     record.mtime = nanoseconds(st.st_mtim);
     record.ctime = nanoseconds(st.st_ctim);
     record.mode = st.st_mode;
-    record.uid = st.st_uid;
-    record.gid = st.st_gid;
-    record.file = FileIdentity::of(fd, path);
+    record.owner = {FileIdentity::of(fd, path), st.st_uid, st.st_gid};
     char capability[64]; // larger than any version of it
     const ssize_t length = ::fgetxattr(fd, kCapability, capability, sizeof capability);
     if (length >= 0)
@@ -123,12 +153,9 @@ std::string ObjectRecord::toText() const {
     json["ctime"] = ctime;
     json["stored"] = stored;
     json["mode"] = mode;
-    json["uid"] = uid;
-    json["gid"] = gid;
-    json["handleType"] = file.handleType;
-    json["handle"] = hexText(file.handle);
-    json["fsid"] = file.fsid;
-    json["fsUuid"] = file.fsUuid;
+    addOwner(json, owner);
+    for (const FileOwner& other : adopted)
+        addOwner(json["adopted"].emplace_back(Json::object()), other);
     if (!capability.empty())
         json["capability"] = hexText(capability);
     for (const Extent& hole : holes)
@@ -156,12 +183,13 @@ ObjectRecord ObjectRecord::fromText(std::string_view from) {
     record.ctime = number<std::int64_t>(json, "ctime");
     record.stored = number<std::int64_t>(json, "stored");
     record.mode = number<std::uint32_t>(json, "mode");
-    record.uid = number<std::uint32_t>(json, "uid");
-    record.gid = number<std::uint32_t>(json, "gid");
-    record.file.handleType = number<int>(json, "handleType");
-    record.file.handle = decoded(hexBytes(text(json, "handle")), "handle");
-    record.file.fsid = text(json, "fsid");
-    record.file.fsUuid = text(json, "fsUuid");
+    record.owner = ownerOf(json);
+    if (json.contains("adopted"))
+        for (const Json& other : member(json, "adopted", &Json::is_array)) {
+            if (!other.is_object())
+                wrong("no good \"adopted\"");
+            record.adopted.push_back(ownerOf(other));
+        }
     if (json.contains("capability"))
         record.capability = decoded(hexBytes(text(json, "capability")), "capability");
     if (json.contains("holes"))

@@ -75,6 +75,10 @@ public:
     /// missing or of another length, as far as the store can tell without reading it.
     virtual std::optional<ObjectRecord> look(const ObjectId& object) = 0;
 
+    /// Puts a record in the place of the one that its object has, on the disk. After a failure one of both is
+    /// there. The object must exist.
+    virtual void replaceRecord(const ObjectRecord& record) = 0;
+
     /// Begins to read a part, which must lie within the object.
     virtual std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) = 0;
 

@@ -59,12 +59,31 @@ CLI::Option* addText(CLI::App* verb, const std::string& name, std::string& targe
     return verb->add_option(name, assign, help);
 }
 
+CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std::string& help) {
+    const std::map<std::string, long long> units{
+        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
+    return verb->add_option("--older-than", seconds, help)
+        ->transform(CLI::AsNumberWithUnit(units))
+        ->option_text("AGE");
+}
+
 void CommandLine::addJson(CLI::App* verb) {
     verb->add_flag("--json", m_json, "Print JSON, one object a line");
 }
 
+CLI::App* CommandLine::newVerb(const std::string& name, const std::string& help) {
+    const size_t blank = name.find(' ');
+    if (blank == std::string::npos)
+        return m_app.add_subcommand(name, help);
+    return m_groups.at(name.substr(0, blank))->add_subcommand(name.substr(blank + 1), help);
+}
+
+void CommandLine::addGroup(const std::string& name, const std::string& help) {
+    m_groups[name] = m_app.add_subcommand(name, help)->require_subcommand(1);
+}
+
 CLI::App* CommandLine::addVerb(const std::string& name, const std::string& help, const Action& action) {
-    CLI::App* verb = m_app.add_subcommand(name, help);
+    CLI::App* verb = newVerb(name, help);
     verb->callback([this, action] { m_action = action; });
     return verb;
 }
@@ -86,8 +105,8 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
 }
 
 CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
-                                    const PathAction& action, const Action& finish) {
-    CLI::App* verb = m_app.add_subcommand(name, help);
+                                    const PathAction& action, const Action& finish, const Action& none) {
+    CLI::App* verb = newVerb(name, help);
     // The parser would take a path like "[a,b]" apart if the list were open. One of a great length is left
     // alone, and may be shorter.
     CLI::Option* paths =
@@ -98,9 +117,13 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
             ->option_text("...");
     const std::string nullHelp = "Read the paths from standard input, separated by NUL";
     CLI::Option* null = verb->add_flag("-0,--null", nullHelp)->excludes(paths);
-    verb->callback([this, paths, null, action, finish] {
-        if (paths->count() == 0 && null->count() == 0)
-            throw CLI::RequiredError("PATH");
+    verb->callback([this, paths, null, action, finish, none] {
+        if (paths->count() == 0 && null->count() == 0) {
+            if (!none)
+                throw CLI::RequiredError("PATH");
+            m_action = none;
+            return;
+        }
         m_action = [paths, null, action, finish](StubKind& kind, Report& report) {
             if (null->count() > 0) {
                 forEach([](std::string& path) { return !!std::getline(std::cin, path, '\0'); }, kind, report,

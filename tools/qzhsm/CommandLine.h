@@ -7,7 +7,9 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 /// What a verb does. What fails throws `Failure`.
@@ -35,7 +37,9 @@ public:
 
     // --- For the files that add verbs (Verbs.h) ---
 
+    /// "store list" is the verb "list" of the group "store", whose help was given by `addGroup`.
     CLI::App* addVerb(const std::string& name, const std::string& help, const Action& action);
+    void addGroup(const std::string& name, const std::string& help);
     /// A verb for one path, which its usage calls `what`.
     CLI::App* addPathVerb(const std::string& name, const std::string& help, const std::string& what,
                           const std::string& whatHelp, const PathAction& action);
@@ -43,8 +47,9 @@ public:
     /// after a failure.
     CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action);
     /// The same for work that goes on after the last path was given; `finish` then brings it to its end.
+    /// With `none` the verb may be given without a path, and does that.
     CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action,
-                           const Action& finish);
+                           const Action& finish, const Action& none = {});
     void addJson(CLI::App* verb);
 
     // --- For the program ---
@@ -61,7 +66,10 @@ public:
     std::unique_ptr<OwnBackEnd> openBackEnd() const { return std::make_unique<OwnBackEnd>(m_fsName, m_kind); }
 
 private:
+    CLI::App* newVerb(const std::string& name, const std::string& help);
+
     CLI::App m_app;
+    std::map<std::string, CLI::App*, std::less<>> m_groups;
     Action m_action; ///< of the verb that was given
     CLI::Option* m_fs;
     std::string m_fsName;
@@ -72,3 +80,5 @@ private:
 /// An option or argument that is text as it was typed. (The parser's own conversion takes "{}" for an empty
 /// list.)
 CLI::Option* addText(CLI::App* verb, const std::string& name, std::string& target, const std::string& help);
+/// --older-than: an age like 90d, 12h or 2w, in seconds.
+CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std::string& help);

@@ -75,11 +75,7 @@ void addArchive(CommandLine& line) {
             "The store: the NAME of its section [Store/NAME], or its directory")
         ->required()
         ->option_text("STORE (required)");
-    const std::map<std::string, long long> units{
-        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
-    verb->add_option("--older-than", options->olderThan, "Only files not modified for so long: 90d, 12h, 2w")
-        ->transform(CLI::AsNumberWithUnit(units))
-        ->option_text("AGE");
+    addAge(verb, options->olderThan, "Only files not modified for so long: 90d, 12h, 2w");
     verb->add_option("--larger-than", options->largerThan, "Only files of more bytes: 1M, 64K")
         ->transform(CLI::AsSizeValue(false))
         ->option_text("SIZE");

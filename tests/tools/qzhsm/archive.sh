@@ -3,7 +3,7 @@
 # shellcheck source=tests/tools/qzhsm/common.sh
 . "$(dirname "$0")/common.sh"
 store=$work/store
-expect 0 '^$' store-create "$store"
+expect 0 '^$' store create "$store"
 mount -t tmpfs none "$fs"
 for file in file other; do cp "$work/data" "$fs/$file"; done
 printf small >"$fs/plain"
@@ -32,7 +32,7 @@ exec 7<&-
 # Refused after the file was marked: it is no stub, and keeps nothing of that.
 injected() { strace -qq -o /dev/null -P "$f" -e inject="$1" "$plain" "${@:2}"; }
 qzhsm=injected refused "$f" 'could not truncate' ftruncate:error=EIO archive --store "$store" "$f"
-"$plain" store-verify "$store" &>"$work/list"
+"$plain" verify --store "$store" &>"$work/list"
 grep -q ' whole, 0 left alone, 0 failed' "$work/list" || fail "the store: $(<"$work/list")"
 
 # The last flush fails: the file is whole, and must not become a stub without a mark.

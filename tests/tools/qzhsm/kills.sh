@@ -16,7 +16,7 @@ f=$work/fs/file
 head -c 2000000 /dev/urandom >"$work/data"
 truncate -s 3000000 "$work/data"
 touch -d @1000000000.5 "$work/data"
-"$qzhsm" store-create "$work/store"
+"$qzhsm" store create "$work/store"
 for verb in archive recall; do
     options=()
     [ $verb = recall ] || options=(--store "$work/store")
@@ -29,7 +29,7 @@ for verb in archive recall; do
         "$qzhsm" repair "$f" &>"$work/said"
         "$qzhsm" recall "$f" &>>"$work/said"
         cmp -s "$f" "$work/data" && [ "$(stat -c %.9Y "$f")" = 1000000000.500000000 ] &&
-            [ -z "$(getfattr -d --absolute-names "$f")" ] && continue
+            [ -z "$(getfattr -d --absolute-names "$f" | grep -E 'TSTUB|NkStubFile')" ] && continue
         echo "FAILED: $verb killed at call $number: $(stat -c '%s bytes, modified %y' "$f"): $(<"$work/said")"
         failures=$((failures + 1))
     done

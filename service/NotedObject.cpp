@@ -1,0 +1,55 @@
+#include "service/NotedObject.h"
+
+#include "service/stores/Content.h"
+
+#include <cerrno>
+#include <sys/xattr.h>
+
+namespace {
+
+constexpr const char* kAttribute = "user.NkObject";
+
+class NoSink : public ContentSink {
+    void data(std::uint64_t, const char*, size_t) override {}
+    void hole(const Extent&) override {}
+};
+
+} // namespace
+
+std::optional<ObjectId> notedObject(const OpenFile& file) {
+    char text[64];
+    const ssize_t got = ::getxattr(file.path().c_str(), kAttribute, text, sizeof text);
+    if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP && errno != ERANGE)
+        throw systemFailure("Failed to read attribute user.NkObject of ", file.name(), errno);
+    return got < 0 ? std::nullopt : ObjectId::parse({text, static_cast<size_t>(got)});
+}
+
+void noteObject(const OpenFile& file, const ObjectId& object) {
+    const std::string_view text = object.text();
+    if (::setxattr(file.path().c_str(), kAttribute, text.data(), text.size(), 0) < 0 && errno == EIO)
+        throw systemFailure("Failed to set attribute user.NkObject of ", file.name(), errno);
+}
+
+void dropNotedObject(const OpenFile& file) {
+    if (::removexattr(file.path().c_str(), kAttribute) < 0 && errno != ENODATA && errno != EOPNOTSUPP)
+        throw systemFailure("Failed to remove attribute user.NkObject of ", file.name(), errno);
+}
+
+std::optional<ObjectRecord> findArchived(Store& store, const ObjectId& object, int data,
+                                         const ObjectRecord& facts) {
+    std::optional<ObjectRecord> record;
+    try {
+        record = store.look(object);
+    } catch (const Failure&) { // the file is sent again then
+        return {};
+    }
+    if (!record || !record->isOf(facts.owner) || record->size != facts.size || record->mtime != facts.mtime)
+        return {};
+    ObjectRecord now = facts;
+    NoSink sink;
+    readContent(data, now, sink, {});
+    if (now.checksums != record->checksums)
+        return {};
+    record->capability = facts.capability;
+    return record;
+}

@@ -1,0 +1,98 @@
+#include "service/StoreUse.h"
+
+#include "service/NotedObject.h"
+#include "service/stores/StubMetadata.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+
+void StoreUse::addFileSystem(const std::string& directory) {
+    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.isOpen())
+        throw systemFailure("Failed to open ", directory, errno);
+    FileIdentity root = FileIdentity::of(fd.get(), directory);
+    if (std::ranges::none_of(m_fileSystems,
+                             [&](const FileSystem& known) { return known.root.isBeside(root); }))
+        m_fileSystems.push_back({std::move(root), std::move(fd)});
+}
+
+std::vector<ObjectId> StoreUse::namedBy(const OpenFile& file) {
+    std::vector<ObjectId> named;
+    const FileLook look = m_kind.look(file, true);
+    if (const auto metadata = StubMetadata::fromText(look.meta))
+        named.push_back(metadata->object);
+    if (const auto noted = notedObject(file))
+        named.push_back(*noted);
+    return named;
+}
+
+void StoreUse::add(const OpenFile& file) {
+    for (const ObjectId& object : namedBy(file))
+        m_named.push_back(object);
+    m_sorted = false;
+}
+
+std::string StoreUse::reasonToKeep(const ObjectRecord& record, bool otherFileSystems) {
+    if (!std::exchange(m_sorted, true))
+        std::ranges::sort(m_named);
+    if (std::ranges::binary_search(m_named, record.object))
+        return "it is in use";
+    std::string reason = reasonToKeep(record, record.owner.file, otherFileSystems);
+    for (const FileOwner& other : record.adopted)
+        if (reason.empty())
+            reason = reasonToKeep(record, other.file, otherFileSystems);
+    return reason;
+}
+
+std::string StoreUse::reasonToKeep(const ObjectRecord& record, const FileIdentity& file,
+                                   bool otherFileSystems) {
+    const auto isOn = [&](const FileSystem& known) { return known.root.isBeside(file); };
+    const auto found = std::ranges::find_if(m_fileSystems, isOn);
+    if (found == m_fileSystems.end())
+        return otherFileSystems ? "" : "its file lies on a file system that was not looked at";
+    UniqueFd fd = file.open(found->fd.get());
+    if (!fd.isOpen())
+        return errno == ESTALE ? "" : systemFailure("its file cannot be opened", "", errno).what();
+    const std::vector<ObjectId> named = namedBy(OpenFile::of(std::move(fd), record.path));
+    return std::ranges::find(named, record.object) == named.end() ? "" : "it is in use elsewhere";
+}
+
+void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& observer,
+           const std::function<void(const ObjectId&, const ObjectRecord*)>& onUnneeded) {
+    std::vector<ListedObject> all;
+    store.list([&](const ListedObject& object) { all.push_back(object); });
+    std::vector<ObjectId> unneeded;
+    const auto judge = [&](const ListedObject& listed) {
+        constexpr std::int64_t kSecond = 1'000'000'000;
+        const std::string name(listed.object.text());
+        std::optional<ObjectRecord> record;
+        if (!listed.leftSince) {
+            record = store.look(listed.object);
+            if (!record)
+                return;
+            const std::string reason = use.reasonToKeep(*record, rules.otherFileSystems);
+            if (!reason.empty())
+                return observer.skipped(name, reason);
+        }
+        if (listed.leftSince.value_or(record ? record->stored / kSecond : 0) >= rules.storedBefore)
+            return observer.skipped(name, "it was stored too lately");
+        if (rules.remove)
+            store.remove(listed.object);
+        onUnneeded(listed.object, record ? &*record : nullptr);
+        unneeded.push_back(listed.object);
+    };
+    for (const ListedObject& listed : all) {
+        try {
+            judge(listed);
+        } catch (const Failure& failure) {
+            observer.failed(std::string(listed.object.text()), failure);
+        }
+    }
+    store.flush();
+    for (const ObjectId& object : unneeded)
+        observer.done(std::string(object.text()), rules.remove ? "removed" : "not in use");
+    if (const size_t left = store.leftovers(rules.remove))
+        observer.note(std::to_string(left) + " files that a process left behind in store " + store.name() +
+                      (rules.remove ? " were removed" : ""));
+}

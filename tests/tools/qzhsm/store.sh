@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# What becomes of a store's objects: sent once, confirmed for files that were moved, cleared when nothing names them.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/common.sh"
+store=$work/store
+expect 0 '^$' store create "$store"
+truncate -s 64M "$work/image" && mkfs.ext4 -q "$work/image" && mount -o loop "$work/image" "$fs" && fresh
+# objects COUNT: the store has so many. unneeded PATTERN ARG...: what a clearing of it tells.
+objects() {
+    local list
+    list=$("$qzhsm" store list --store "$store" --json)
+    [ "$(grep -c '"path"' <<<"$list")" = "$1" ] || fail "not $1 objects, line ${BASH_LINENO[0]}: $list"
+}
+unneeded() { expect 0 "$1" store gc --store "$store" --older-than 0s "${@:2}"; }
+
+# A file that was put before is not sent again while it is the same.
+expect 0 '^$' archive --keep --store "$store" "$f"
+same "$f" "$work/data"
+sleep 1.1 # objects of this second are no older than none
+for _ in first second; do
+    expect 0 '^$' archive --store "$store" "$f"
+    objects 1
+    expect 0 '^$' recall "$f"
+    same "$f" "$work/data"
+    unneeded '0 not in use|^$' "$fs"
+done
+printf x | dd of="$f" bs=1 seek=9 conv=notrunc status=none
+touch -d @1000000000 "$f" # its old time hides the change
+cp "$f" "$work/changed"
+expect 0 '^$' archive --store "$store" "$f"
+objects 2
+expect 0 '^$' recall "$f"
+same "$f" "$work/changed"
+cp "$work/data" "$f" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
+
+# A stub that was copied is somebody's claim, until it is confirmed; for another owner, with force alone.
+cp -p --preserve=all --sparse=always "$f" "$work/copy"
+refused "$work/copy" 'was not taken from this file' recall "$work/copy"
+chown 1 "$work/copy"
+refused "$work/copy" 'belonged to user 0' adopt "$work/copy"
+expect 0 '^$' adopt --force "$work/copy"
+for file in "$f" "$work/copy"; do expect 0 '^$' recall "$file" && same "$file" "$work/data"; done
+[ "$(stat -c %u "$work/copy")" = 1 ] || fail "recalling an adopted stub changed its owner"
+rm "$work/copy" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
+
+# Only what nothing names is taken away.
+objects 3
+sleep 1.1
+mkdir "$fs/one" "$fs/two" && mv "$f" "$fs/one"
+unneeded '0 not in use, 4 left alone' "$work" # the mount, and objects: another file system tells nothing
+unneeded 'in use elsewhere' --json --other-file-systems "$fs/two"
+unneeded '2 not in use, 1 left alone' "$fs/two"
+expect 0 'stored too lately' store gc --store "$store" --json "$fs/two"
+mkdir "$store/tmp/left" && touch "$store/tmp/left/object"
+unneeded '1 files that a process left' "$fs/two" --remove
+objects 1
+expect 0 '^$' verify "$fs/one/file"
+rm "$fs/one/file"
+unneeded '^[0-9a-f-]{36} +3000000  .*fs/file$' --other-file-systems "$fs" --remove
+objects 0
+finish
