@@ -129,6 +129,21 @@ void RecallJob::writePage() {
     file.close();
 }
 
+void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
+    if (m_file.stat().st_size != m_look.st.st_size)
+        throw Failure(QZHSM_BUSY, m_file.name() + " was truncated or extended while it was recalled");
+    m_written = m_pageWritten = true;
+    const size_t text = offset == 0 ? std::min(endOfPage(m_look.text), bytes.size()) : 0;
+    m_skipsZeros = true;
+    m_punchesZeros = m_look.state != FileState::Stub; // an earlier recall may have left data
+    TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
+    if (text > 0)
+        file.write({bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(text)}, 0);
+    write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
+    file.close();
+    m_observer.bytes(static_cast<long long>(bytes.size()));
+}
+
 void RecallJob::end() {
     const bool shortens = m_total < m_look.st.st_size;
     const auto shorten = [&] {
@@ -213,6 +228,8 @@ void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, lo
         from = to;
         while (from < count && m_skipsZeros && isZero(from))
             from = std::min(from + kBlock, count);
+        if (from > to && m_punchesZeros)
+            punchHole(offset + static_cast<long long>(to), static_cast<long long>(from - to));
     }
 }
 
@@ -230,6 +247,12 @@ void RecallJob::punch(long long from) {
         return;
     // A file system that cannot punch can shorten, and lengthen again.
     m_skipsZeros = ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
+}
+
+void RecallJob::punchHole(long long from, long long count) const {
+    const UniqueFd file = m_file.open(O_WRONLY);
+    if (::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, from, count) < 0)
+        throw systemFailure("Failed to punch a hole into ", m_file.name(), errno);
 }
 
 void RecallJob::putTimesBack() {

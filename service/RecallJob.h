@@ -33,6 +33,13 @@ public:
     void writePage();
     void end();
 
+    /// Whether the text is kept. Then these may take the place of steps 2 and 3: the pieces of the source,
+    /// each once, in any order, with no flush in between. Readers may be let at what was written, but not
+    /// writers.
+    bool isKept() const { return m_kept; }
+    void writePiece(const std::vector<char>& bytes, long long offset);
+    void endPieces() { m_total = m_look.recordedSize; }
+
     /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
     /// both.
     void putBack(const Failure& failure);
@@ -49,6 +56,7 @@ private:
     void requireStub();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from);
+    void punchHole(long long from, long long count) const;
     void putTimesBack();
 
     StubKind& m_kind;
@@ -63,6 +71,7 @@ private:
     long long m_total = 0;
     bool m_kept = false;       ///< the text stands in the attribute
     bool m_skipsZeros = false; ///< what is not written is a hole already
+    bool m_punchesZeros = false;
     bool m_written = false;
     bool m_pageWritten = false;
     bool m_longerTold = false;

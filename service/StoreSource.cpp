@@ -7,8 +7,8 @@
 #include <utility>
 
 StoreSource::StoreSource(Store& store, ObjectRecord record, StopRequest stop)
-    : DataSource("object " + std::string(record.object.text()) + " in store " + store.name()),
-      m_record(std::move(record)), m_reader(store, m_record), m_stop(std::move(stop)) {}
+    : DataSource("object " + std::string(record.object.text()) + " in store " + store.name()), m_store(store),
+      m_record(std::move(record)), m_stop(std::move(stop)) {}
 
 std::optional<timespec> StoreSource::modified() const {
     constexpr std::int64_t kSecond = 1'000'000'000;
@@ -18,7 +18,9 @@ std::optional<timespec> StoreSource::modified() const {
 std::vector<char> StoreSource::next() {
     if (m_stop())
         throw Failure(QZHSM_FAILURE, "Recall interrupted");
-    const std::optional<Piece> piece = m_reader.next();
+    if (!m_reader)
+        goTo(0);
+    const std::optional<Piece> piece = m_reader->next();
     if (!piece)
         return {};
     std::vector<char> bytes(piece->part.length);

@@ -17,9 +17,14 @@ public:
     std::optional<ObjectId> object() const override { return m_record.object; }
     std::vector<char> next() override;
 
+    std::uint64_t pieces() const { return m_record.checksums.pieces.size(); }
+    /// The next bytes are those of this piece.
+    void goTo(std::uint64_t piece) { m_reader.emplace(m_store, m_record, piece); }
+
 private:
+    Store& m_store;
     ObjectRecord m_record;
-    VerifiedReader m_reader;
+    std::optional<VerifiedReader> m_reader;
     StopRequest m_stop;
 };
 

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+/// What a thread that waits in a system call wants of a file.
+enum class CallerWants {
+    Read,     ///< reads by read(2) or one of its variants
+    OpenRead, ///< opens for reading only
+    Truncate, ///< opens, and gives up what is in the file
+    Other,    ///< anything else, or it cannot be told
+};
+
+/// Asks the kernel. Needs CAP_SYS_PTRACE for the threads of other users.
+CallerWants wantsOf(pid_t tid);
+
+/// The thread's name as programs set it, at most 15 bytes; empty if the thread is gone.
+std::string programOf(pid_t tid);
+/// The thread's control group, "/system.slice/cron.service" for instance; empty if there is none.
+std::string controlGroupOf(pid_t tid);
+/// The process of a thread, or 0.
+pid_t processOf(pid_t tid);

@@ -1,0 +1,116 @@
+#include "platform/watch/PreContentGroup.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+
+namespace {
+
+// Headers older than the kernel lack these.
+constexpr std::uint64_t kPreAccess = 0x100000;
+constexpr std::uint8_t kRangeRecord = 6;
+constexpr std::uint32_t kErrnoShift = 24;
+struct RangeRecord {
+    fanotify_event_info_header header;
+    std::uint32_t padding;
+    std::uint64_t offset;
+    std::uint64_t count;
+};
+
+constexpr std::uint64_t kEvents = FAN_OPEN_PERM | kPreAccess;
+
+/// No other descriptor of ours is open for appending without writing.
+constexpr int kHeldFlags = O_RDONLY | O_LARGEFILE | O_NOATIME | O_APPEND;
+
+std::string pathOf(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
+} // namespace
+
+int PreContentGroup::create() {
+    // On overflow, and there is none so, the kernel lets everybody through.
+    m_group = UniqueFd(::fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE |
+                                           FAN_UNLIMITED_MARKS | FAN_REPORT_TID,
+                                       kHeldFlags));
+    return m_group.isOpen() ? 0 : errno;
+}
+
+int PreContentGroup::mark(const std::string& directory) {
+    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | FAN_MARK_FILESYSTEM, kEvents, AT_FDCWD,
+                           directory.c_str()) == 0
+               ? 0
+               : errno;
+}
+
+int PreContentGroup::ignore(int fd) {
+    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | FAN_MARK_IGNORE_SURV | FAN_MARK_EVICTABLE, kEvents,
+                           AT_FDCWD, pathOf(fd).c_str()) == 0
+               ? 0
+               : errno;
+}
+
+int PreContentGroup::heed(int fd) {
+    const int result = ::fanotify_mark(m_group.get(), FAN_MARK_REMOVE | FAN_MARK_IGNORE_SURV, kEvents,
+                                       AT_FDCWD, pathOf(fd).c_str());
+    return result == 0 || errno == ENOENT ? 0 : errno;
+}
+
+int PreContentGroup::read(std::vector<HeldAccess>& held) {
+    alignas(fanotify_event_metadata) char buffer[16384];
+    const ssize_t got = ::read(m_group.get(), buffer, sizeof buffer);
+    if (got < 0)
+        return errno;
+    ssize_t left = got;
+    for (auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer); FAN_EVENT_OK(event, left);
+         event = FAN_EVENT_NEXT(event, left)) {
+        if (event->fd < 0)
+            continue;
+        HeldAccess access{event->fd, event->pid, (event->mask & FAN_OPEN_PERM) != 0, 0, 0};
+        const char* end = reinterpret_cast<const char*>(event) + event->event_len;
+        for (const char* at = reinterpret_cast<const char*>(event) + event->metadata_len;
+             at + sizeof(fanotify_event_info_header) <= end;) {
+            RangeRecord record{};
+            std::memcpy(&record.header, at, sizeof record.header);
+            if (record.header.len < sizeof record.header)
+                break;
+            if (record.header.info_type == kRangeRecord && record.header.len >= sizeof record) {
+                std::memcpy(&record, at, sizeof record);
+                access.offset = record.offset;
+                access.count = record.count;
+            }
+            at += record.header.len;
+        }
+        held.push_back(access);
+    }
+    return 0;
+}
+
+void PreContentGroup::answer(int fd, std::uint32_t response) {
+    const fanotify_response answer{fd, response};
+    // Fails for an access whose thread was killed meanwhile.
+    static_cast<void>(::write(m_group.get(), &answer, sizeof answer) < 0);
+}
+
+void PreContentGroup::allow(int fd) {
+    answer(fd, FAN_ALLOW);
+    ::close(fd);
+}
+
+void PreContentGroup::deny(int fd, int err) {
+    denyNumber(fd, err);
+    ::close(fd);
+}
+
+void PreContentGroup::denyNumber(int number, int err) {
+    answer(number, FAN_DENY | (static_cast<std::uint32_t>(err) << kErrnoShift));
+}
+
+bool PreContentGroup::isHeldAccess(int fd) {
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 &&
+           (flags & (O_ACCMODE | O_APPEND | O_NOATIME | O_PATH)) == (O_RDONLY | O_APPEND | O_NOATIME);
+}

@@ -1,0 +1,93 @@
+#include "service/serve/ControlSocket.h"
+
+#include "service/serve/SocketMessage.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+UniqueFd ControlSocket::listen(const std::string& path) {
+    sockaddr_un address = socketAddress(path);
+    ::unlink(path.c_str()); // one that nobody serves any more: whoever starts holds the lock
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0));
+    const mode_t mask = ::umask(0177);
+    const bool works = fd.isOpen() &&
+                       ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                       ::listen(fd.get(), SOMAXCONN) == 0;
+    const int err = errno;
+    ::umask(mask);
+    if (!works)
+        throw systemFailure("Failed to make the socket ", path, err);
+    return fd;
+}
+
+ControlSocket::ControlSocket(RecallService& service, std::vector<std::string> directories)
+    : m_service(service), m_directories(std::move(directories)) {}
+
+ControlSocket::~ControlSocket() = default;
+
+void ControlSocket::addListener(UniqueFd listener) {
+    m_listeners.push_back(std::move(listener));
+}
+
+void ControlSocket::addConnection(UniqueFd connection) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0 ||
+        (peer.uid != 0 && peer.uid != ::geteuid()))
+        return;
+    const int fd = connection.get();
+    m_connections.emplace(fd, Connection{std::move(connection), peer.pid});
+}
+
+void ControlSocket::addTo(std::vector<int>& fds) const {
+    for (const UniqueFd& listener : m_listeners)
+        fds.push_back(listener.get());
+    for (const auto& [fd, connection] : m_connections)
+        fds.push_back(fd);
+}
+
+void ControlSocket::serve(int fd) {
+    if (const auto found = m_connections.find(fd); found != m_connections.end())
+        return answer(found->second);
+    UniqueFd connection(::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK));
+    if (connection.isOpen())
+        addConnection(std::move(connection));
+}
+
+void ControlSocket::answer(Connection& connection) {
+    std::string request;
+    std::vector<UniqueFd> files;
+    const int err = receiveMessage(connection.fd.get(), request, files);
+    if (err == EAGAIN || err == EINTR)
+        return;
+    const std::string text =
+        err == 0 && !request.empty() ? answerTo(connection, request, files) : std::string();
+    if (text.empty() || sendMessage(connection.fd.get(), text, {}) != 0) {
+        if (connection.exempt)
+            m_service.endExemption(connection.process);
+        m_connections.erase(connection.fd.get());
+    }
+}
+
+std::string ControlSocket::answerTo(Connection& connection, std::string_view request,
+                                    const std::vector<UniqueFd>& files) {
+    if (request == "status")
+        return m_service.status().toJson(m_directories);
+    if (request == "metrics")
+        return m_service.status().toMetrics();
+    if (request == "exempt") {
+        if (!std::exchange(connection.exempt, true))
+            m_service.exempt(connection.process);
+        return "done";
+    }
+    if (request == "heed") {
+        for (const UniqueFd& file : files)
+            m_service.heed(file.get());
+        return "done";
+    }
+    return {};
+}

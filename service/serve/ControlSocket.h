@@ -1,0 +1,77 @@
+#pragma once
+
+#include "platform/files/UniqueFd.h"
+#include "service/serve/RecallService.h"
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+// The sockets of the recall services of a machine, one for each served file system, in the runtime directory.
+// Only root may connect. A request is a message of one word, an answer one message:
+//
+//     status   the service's status as JSON
+//     metrics  the same for Prometheus
+//     exempt   from now on, and as long as it is connected, the process is not held up; answered by "done"
+//     heed     with descriptors: these files are about to become stubs; answered by "done"
+
+/// "/run/qzhsm/8:1.sock" for instance.
+std::string socketPath(const std::string& runtimeDirectory, dev_t device);
+
+/// The service's side. Belongs to one thread.
+class ControlSocket {
+public:
+    ControlSocket(RecallService& service, std::vector<std::string> directories);
+    ~ControlSocket();
+
+    /// A socket at that path, listening. Throws `Failure`.
+    static UniqueFd listen(const std::string& path);
+
+    void addListener(UniqueFd listener);
+    /// One that a process which died had accepted.
+    void addConnection(UniqueFd connection);
+
+    /// Adds the descriptors to wait for.
+    void addTo(std::vector<int>& fds) const;
+    /// One of these is ready.
+    void serve(int fd);
+
+private:
+    struct Connection {
+        UniqueFd fd;
+        pid_t process;
+        bool exempt = false;
+    };
+
+    void answer(Connection& connection);
+    std::string answerTo(Connection& connection, std::string_view request,
+                         const std::vector<UniqueFd>& files);
+
+    RecallService& m_service;
+    std::vector<std::string> m_directories;
+    std::vector<UniqueFd> m_listeners;
+    std::map<int, Connection> m_connections;
+};
+
+/// The other side: what a program of root's has to tell the services of a machine before it touches stubs.
+/// Where none runs it does nothing.
+class RecallServices {
+public:
+    /// Waits for a service that is just starting, and keeps others from starting while the object lives.
+    /// Throws `Failure` if a service does not answer.
+    explicit RecallServices(const std::string& runtimeDirectory);
+
+    /// These files, open in this process, are about to become stubs.
+    void heed(const std::vector<int>& files);
+
+    /// What each service answers to "status" or "metrics". For callers that only ask.
+    static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& request);
+
+private:
+    UniqueFd m_lock;
+    std::vector<UniqueFd> m_services;
+};
+
+/// Held by a service while it starts.
+UniqueFd lockOutTools(const std::string& runtimeDirectory);

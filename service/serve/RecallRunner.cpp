@@ -1,0 +1,223 @@
+#include "service/serve/RecallRunner.h"
+
+#include "service/KeptText.h"
+#include "service/Repair.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <new>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+/// Tells the log what a recall meets.
+class LogObserver final : public Observer {
+public:
+    void started(const std::string&, long long) override {}
+    void bytes(long long) override {}
+    void done(const std::string&, const std::string&) override {}
+    void failed(const std::string&, const Failure& failure) override { RecallService::log(failure.what()); }
+    void skipped(const std::string&, const std::string&) override {}
+    void note(const std::string& text) override { RecallService::log(text); }
+};
+
+void flush(const RecallJob& job) {
+    if (::fsync(job.flushable()) < 0)
+        throw systemFailure("Failed to flush ", job.file().name(), errno);
+}
+
+} // namespace
+
+/// One recall, which can be left and gone on with.
+class RecallRunner::Recall {
+public:
+    Recall(RecallService& service, RecallService::Stub stub, StubKind& kind, OpenFile file)
+        : m_service(service), m_stub(std::move(stub)), m_job(kind, std::move(file), false, m_observer) {}
+
+    const RecallService::Stub& stub() const { return m_stub; }
+
+    /// False if there is nothing to bring.
+    bool begin(NamedStores& stores) {
+        if (m_job.isDone())
+            return false;
+        const StubMetadata metadata = readMetadata(m_job.file(), m_job.look());
+        Store& store = stores.find(metadata);
+        auto source = std::make_unique<StoreSource>(
+            store, findRecord(store, metadata, m_job.file(), m_job.look()),
+            [this] { return m_service.isStopping() && !m_service.isSeen(*m_stub); });
+        m_source = source.get();
+        m_begun = true;
+        m_job.begin(std::move(source));
+        flush(m_job);
+        if (m_job.isKept())
+            m_service.begin(*m_stub, m_source->pieces(), kPieceSize);
+        return true;
+    }
+
+    /// False if it came to its end, true if others are more urgent.
+    bool goOn() {
+        if (m_job.isKept()) {
+            if (bringPieces())
+                return true;
+            m_job.endPieces();
+        } else { // in an order that no kill can hurt
+            m_job.writeRest();
+            flush(m_job);
+            m_job.writePage();
+        }
+        flush(m_job);
+        m_job.end();
+        flush(m_job);
+        return false;
+    }
+
+    void giveUp(const Failure& failure) {
+        m_service.log(m_stub->name() + ": recall failed");
+        // What readers may be looking at stays; the text that is kept leads on.
+        if (m_begun && !m_service.isSeen(*m_stub))
+            m_job.putBack(failure);
+        m_service.fail(m_stub, failure);
+    }
+
+private:
+    bool bringPieces() {
+        while (const std::optional<std::uint64_t> piece = m_service.wanted(*m_stub, m_next)) {
+            if (m_service.isLessUrgent(*m_stub))
+                return true;
+            if (*piece != m_next || m_next == 0)
+                m_source->goTo(*piece);
+            const std::vector<char> bytes = m_source->next();
+            m_job.writePiece(bytes, static_cast<long long>(*piece * kPieceSize));
+            m_service.fill(*m_stub, *piece, bytes.size());
+            m_next = *piece + 1;
+        }
+        return false;
+    }
+
+    RecallService& m_service;
+    RecallService::Stub m_stub;
+    LogObserver m_observer;
+    RecallJob m_job;
+    StoreSource* m_source = nullptr; ///< the job's
+    std::uint64_t m_next = 0;
+    bool m_begun = false;
+};
+
+RecallRunner::RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores)
+    : m_service(service), m_kind(kind), m_stores(stores) {}
+
+RecallRunner::~RecallRunner() = default;
+
+void RecallRunner::run() {
+    const RecallService::OwnThread own(m_service);
+    while (true) {
+        const RecallService::Stub stub = m_service.next(m_suspended.empty());
+        if (stub) {
+            serve(stub);
+        } else if (!m_suspended.empty()) {
+            std::unique_ptr<Recall> recall = std::move(m_suspended.back());
+            m_suspended.pop_back();
+            goOn(std::move(recall));
+        } else {
+            return;
+        }
+    }
+}
+
+void RecallRunner::serve(const RecallService::Stub& stub) {
+    UniqueFd fd(::fcntl(stub->fd(), F_DUPFD_CLOEXEC, 0));
+    const std::string& name = stub->name();
+    try {
+        if (!fd.isOpen())
+            throw systemFailure("Failed to open ", name, errno);
+        const OpenFile file = OpenFile::of(std::move(fd), name);
+        {
+            const UniqueFd lock = waitForHold(file);
+            if (settle(stub, file, m_kind.look(file, true)))
+                return m_service.done(stub, false);
+        }
+        auto recall = std::make_unique<Recall>(
+            m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), name));
+        m_service.log("recalling " + name + " for " + stub->cause());
+        bool isBegun = false;
+        guarded(*recall, [&] {
+            isBegun = recall->begin(m_stores);
+            if (!isBegun)
+                m_service.done(stub, false);
+        });
+        if (isBegun)
+            goOn(std::move(recall));
+    } catch (const Failure& failure) {
+        m_service.fail(stub, failure);
+    } catch (const std::bad_alloc&) {
+        m_service.fail(stub, systemFailure("Failed to recall ", name, ENOMEM));
+    }
+}
+
+/// Whoever archives or recalls the file by hand is waited for.
+UniqueFd RecallRunner::waitForHold(const OpenFile& file) {
+    constexpr auto kPause = std::chrono::milliseconds(20);
+    for (;;) {
+        try {
+            return m_kind.hold(file);
+        } catch (const Failure& failure) {
+            if (failure.code() != QZHSM_BUSY || m_service.isStopping())
+                throw;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+/// What users did wins. True if the file is none to recall.
+bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look) {
+    const auto makePlain = [&] {
+        checked(m_kind.backEnd(), m_kind.backEnd().restoreDone(m_kind.pathOf(file).c_str(), true, {}));
+        dropKeptText(file);
+    };
+    switch (look.state) {
+    case FileState::Plain:
+    case FileState::Leftover:
+    case FileState::Copy:
+        return true;
+    case FileState::MarkedWhole: // somebody has written a file of his own over it
+        makePlain();
+        return true;
+    case FileState::Stub:
+        if (!m_service.isGivenUp(*stub))
+            return false;
+        // The size first: what a crash leaves between the two is seen to be a truncated stub.
+        if (::truncate(file.path().c_str(), 0) < 0)
+            throw systemFailure("Failed to truncate ", file.name(), errno);
+        makePlain();
+        return true;
+    case FileState::Lost: // tools keep the text when they empty a file: users have done this
+        if (look.st.st_size > 0)
+            break;
+        makePlain();
+        return true;
+    default:
+        break;
+    }
+    return false;
+}
+
+template <class Act>
+void RecallRunner::guarded(Recall& recall, Act act) {
+    try {
+        act();
+    } catch (const Failure& failure) {
+        recall.giveUp(failure);
+    } catch (const std::bad_alloc&) {
+        recall.giveUp(systemFailure("Failed to recall ", recall.stub()->name(), ENOMEM));
+    }
+}
+
+void RecallRunner::goOn(std::unique_ptr<Recall> recall) {
+    guarded(*recall, [&] {
+        if (recall->goOn())
+            return m_suspended.push_back(std::move(recall));
+        m_service.done(recall->stub(), true);
+        m_service.log("recalled " + recall->stub()->name());
+    });
+}

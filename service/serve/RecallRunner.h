@@ -1,0 +1,36 @@
+#pragma once
+
+#include "service/Observer.h"
+#include "service/RecallJob.h"
+#include "service/StoreSource.h"
+#include "service/serve/RecallService.h"
+#include "service/stores/StoreConfig.h"
+
+#include <memory>
+#include <vector>
+
+/// Brings the data of the stubs that a service hands out, one after the other. Belongs to one thread, and has
+/// a back-end of its own.
+class RecallRunner {
+public:
+    RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores);
+    ~RecallRunner();
+
+    /// Works until the service stops.
+    void run();
+
+private:
+    class Recall;
+
+    void serve(const RecallService::Stub& stub);
+    UniqueFd waitForHold(const OpenFile& file);
+    bool settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look);
+    void goOn(std::unique_ptr<Recall> recall);
+    template <class Act>
+    void guarded(Recall& recall, Act act);
+
+    RecallService& m_service;
+    StubKind& m_kind;
+    NamedStores& m_stores;
+    std::vector<std::unique_ptr<Recall>> m_suspended; ///< that nobody waits for
+};

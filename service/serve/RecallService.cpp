@@ -1,0 +1,328 @@
+#include "service/serve/RecallService.h"
+
+#include "lowlevel/driverless/StubMark.h"
+#include "platform/logging/ProcessLog.h"
+#include "service/StubData.h"
+
+#include <cerrno>
+#include <climits>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// An idle processor takes half of that to wake up, so the thread that answers looks for more before it
+/// sleeps.
+constexpr auto kPolling = std::chrono::microseconds(100);
+/// Descriptors that are left for recalls.
+constexpr rlim_t kReserve = 1024;
+
+std::string pathOf(int fd) {
+    char path[PATH_MAX];
+    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : "a file without a name";
+}
+
+/// 1 or 0 for whether the file carries the attribute, or -1.
+int carries(int fd, const char* name) {
+    if (::fgetxattr(fd, name, nullptr, 0) >= 0)
+        return 1;
+    return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -1;
+}
+
+rlim_t mostDescriptors() {
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > 2 * kReserve
+               ? limit.rlim_cur - kReserve
+               : kReserve;
+}
+
+} // namespace
+
+RecallService::RecallService(PreContentGroup& group, ServeRules rules)
+    : m_group(group), m_rules(std::move(rules)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (!m_wake.isOpen())
+        throw systemFailure("Failed to make an event descriptor", "", errno);
+}
+
+RecallService::~RecallService() {
+    stop();
+    ::eventfd_write(m_wake.get(), 1);
+    m_watcher = {}; // which may add a last line to the log
+    m_logger = {};
+}
+
+void RecallService::start() {
+    m_watcher = std::jthread([this] { watch(); });
+    m_logger = std::jthread([this](const std::stop_token& token) {
+        const OwnThread own(*this);
+        for (std::unique_lock lock(m_mutex);;) {
+            if (!m_lineThere.wait(lock, token, [&] { return !m_lines.empty(); }))
+                return;
+            const std::string line = std::move(m_lines.front());
+            m_lines.pop_front();
+            lock.unlock();
+            log(line);
+            lock.lock();
+        }
+    });
+}
+
+void RecallService::stop() {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_stopping.exchange(true))
+            return;
+        for (const Stub& stub : m_queue) {
+            stub->denyAll(EIO);
+            m_stubs.erase(stub->key());
+        }
+        m_queue.clear();
+    }
+    m_queued.notify_all();
+}
+
+void RecallService::setRules(ServeRules rules) {
+    const std::lock_guard lock(m_mutex);
+    m_rules = std::move(rules);
+}
+
+void RecallService::log(const std::string& text) {
+    if (CLogWriterInterface* log = processLog(0))
+        log->Write(0, "RecallService", 0, 0, 0, "%s", text.c_str());
+}
+
+// --- Who is not held up ---
+
+RecallService::OwnThread::OwnThread(RecallService& service) : m_service(service) {
+    const std::lock_guard lock(m_service.m_mutex);
+    m_service.m_ownThreads.insert(::gettid());
+}
+
+RecallService::OwnThread::~OwnThread() {
+    const std::lock_guard lock(m_service.m_mutex);
+    m_service.m_ownThreads.erase(::gettid());
+}
+
+void RecallService::exempt(pid_t process) {
+    const std::lock_guard lock(m_mutex);
+    ++m_exempt[process];
+}
+
+void RecallService::endExemption(pid_t process) {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_exempt.find(process);
+    if (found != m_exempt.end() && --found->second == 0)
+        m_exempt.erase(found);
+}
+
+void RecallService::heed(int fd) {
+    const std::lock_guard lock(m_mutex); // between another thread's look at this file and its `ignore`
+    m_group.heed(fd);
+}
+
+bool RecallService::isPassed(pid_t tid) {
+    return m_ownThreads.contains(tid) || (!m_exempt.empty() && m_exempt.contains(processOf(tid)));
+}
+
+// --- Answering ---
+
+void RecallService::watch() {
+    const OwnThread own(*this);
+    const rlim_t most = mostDescriptors();
+    std::vector<HeldAccess> held;
+    auto last = Clock::now();
+    while (true) {
+        pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
+        const bool isLively = Clock::now() - last < kPolling;
+        if (::poll(fds, std::size(fds), isLively ? 0 : -1) <= 0)
+            continue;
+        if (fds[1].revents != 0)
+            return;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_counts.waiting > most) { // what is not read waits as well
+                ::usleep(1000);
+                continue;
+            }
+        }
+        held.clear();
+        const int err = m_group.read(held);
+        if (err == EMFILE || err == ENFILE) {
+            const std::lock_guard lock(m_mutex);
+            m_lines.emplace_back("A reader was refused: the descriptor table is full");
+            m_lineThere.notify_one();
+            ::usleep(1000);
+        }
+        for (const HeldAccess& access : held)
+            handle(access);
+        last = Clock::now();
+    }
+}
+
+void RecallService::takeOver(const std::vector<int>& held) {
+    for (const int fd : held) {
+        struct stat st {};
+        const std::lock_guard lock(m_mutex);
+        if (::fstat(fd, &st) == 0)
+            handleStub({fd, 0, true, 0, 0}, st);
+        else
+            m_group.deny(fd, EIO);
+    }
+}
+
+void RecallService::handle(const HeldAccess& access) {
+    const std::lock_guard lock(m_mutex);
+    ++m_counts.accesses;
+    if (isPassed(access.tid))
+        return m_group.allow(access.fd);
+    struct stat st {};
+    if (::fstat(access.fd, &st) < 0)
+        return m_group.deny(access.fd, EIO);
+    const int marked = S_ISREG(st.st_mode) ? carries(access.fd, kStubMark) : 0;
+    if (marked < 0)
+        return m_group.deny(access.fd, EIO);
+    if (marked == 0 && !m_stubs.contains({st.st_dev, st.st_ino})) {
+        // A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows.
+        if (carries(access.fd, kStubTextAttribute) == 0)
+            m_group.ignore(access.fd);
+        return m_group.allow(access.fd);
+    }
+    handleStub(access, st);
+}
+
+void RecallService::handleStub(const HeldAccess& access, const struct stat& st) {
+    const std::string program = access.tid > 0 ? programOf(access.tid) : std::string();
+    if (!m_rules.refusePrograms.empty() && access.tid > 0 &&
+        m_rules.isRefused(program, controlGroupOf(access.tid))) {
+        ++m_counts.refused;
+        m_lines.push_back("refused " + program + " (" + std::to_string(access.tid) +
+                          "): " + pathOf(access.fd));
+        m_lineThere.notify_one();
+        return m_group.deny(access.fd, EIO);
+    }
+    const std::optional<Need> need = needOf(access, program, static_cast<std::uint64_t>(st.st_size));
+    if (!need)
+        return m_group.allow(access.fd);
+    if (m_stopping)
+        return m_group.deny(access.fd, EIO);
+    const FileKey key{st.st_dev, st.st_ino};
+    Stub& stub = m_stubs[key];
+    if (!stub) {
+        stub = std::make_shared<ServedStub>(m_group, key, pathOf(access.fd),
+                                            program + " (" + std::to_string(access.tid) + ")");
+        m_queue.push_back(stub);
+        m_queued.notify_one();
+    }
+    const size_t before = stub->waiting();
+    stub->add(access, *need);
+    m_counts.waiting += stub->waiting() - before;
+}
+
+std::optional<Need> RecallService::needOf(const HeldAccess& access, const std::string& program,
+                                          std::uint64_t size) const {
+    const CallerWants wants = wantsOf(access.tid);
+    const bool byRange = m_rules.isByRange(program, size);
+    if (access.isOpen && wants == CallerWants::Truncate)
+        return Need::Truncate;
+    if (access.isOpen && wants == CallerWants::OpenRead)
+        return byRange ? std::nullopt : std::optional(Need::Data);
+    if (!access.isOpen && wants == CallerWants::Read)
+        return byRange ? Need::Range : Need::Data;
+    return Need::Ended;
+}
+
+// --- For those who bring the data ---
+
+RecallService::Stub RecallService::next(bool wait) {
+    std::unique_lock lock(m_mutex);
+    if (wait) {
+        ++m_idle;
+        m_queued.wait(lock, [this] { return !m_queue.empty() || m_stopping; });
+        --m_idle;
+    }
+    if (m_queue.empty())
+        return {};
+    Stub stub = std::move(m_queue.front());
+    m_queue.pop_front();
+    return stub;
+}
+
+void RecallService::begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize) {
+    const std::lock_guard lock(m_mutex);
+    stub.begin(pieces, pieceSize);
+}
+
+std::optional<std::uint64_t> RecallService::wanted(const ServedStub& stub, std::uint64_t after) {
+    const std::lock_guard lock(m_mutex);
+    if (m_stopping && !stub.isSeen())
+        throw Failure(QZHSM_FAILURE, "Recall of " + stub.name() + " interrupted");
+    return stub.wanted(after);
+}
+
+void RecallService::fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes) {
+    Clock::time_point free;
+    {
+        const std::lock_guard lock(m_mutex);
+        const size_t before = stub.waiting();
+        stub.fill(piece, bytes);
+        m_counts.waiting -= before - stub.waiting();
+        m_counts.bytes += bytes;
+        if (m_rules.bandwidth == 0)
+            return;
+        const auto cost = std::chrono::duration<double>(static_cast<double>(bytes) /
+                                                        static_cast<double>(m_rules.bandwidth));
+        m_free = std::max(m_free, Clock::now()) + std::chrono::duration_cast<Clock::duration>(cost);
+        free = m_free;
+    }
+    std::this_thread::sleep_until(free);
+}
+
+bool RecallService::isLessUrgent(const ServedStub& stub) const {
+    const std::lock_guard lock(m_mutex);
+    return stub.waiting() == 0 && !m_queue.empty() && m_idle == 0;
+}
+
+bool RecallService::isGivenUp(const ServedStub& stub) const {
+    const std::lock_guard lock(m_mutex);
+    return stub.isGivenUp();
+}
+
+bool RecallService::isSeen(const ServedStub& stub) const {
+    const std::lock_guard lock(m_mutex);
+    return stub.isSeen();
+}
+
+void RecallService::done(const Stub& stub, bool wasRecalled) {
+    const std::lock_guard lock(m_mutex);
+    m_counts.waiting -= stub->waiting();
+    m_counts.recalled += wasRecalled;
+    m_group.ignore(stub->fd());
+    stub->allowAll();
+    m_stubs.erase(stub->key());
+}
+
+void RecallService::fail(const Stub& stub, const Failure& failure) {
+    log("Failed to recall " + stub->name() + " for " + stub->cause() + ": " + failure.what());
+    const std::lock_guard lock(m_mutex);
+    m_counts.waiting -= stub->waiting();
+    ++m_counts.failed;
+    m_counts.lastFailure = failure.what();
+    stub->denyAll(EIO);
+    m_stubs.erase(stub->key());
+}
+
+ServeStatus RecallService::status() const {
+    const std::lock_guard lock(m_mutex);
+    ServeStatus status = m_counts;
+    status.queued = m_queue.size();
+    for (const auto& [key, stub] : m_stubs)
+        status.running.push_back({stub->name(), stub->cause(), stub->waiting(), stub->bytes(),
+                                  std::chrono::duration<double>(Clock::now() - stub->since()).count()});
+    return status;
+}

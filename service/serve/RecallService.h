@@ -1,0 +1,106 @@
+#pragma once
+
+#include "platform/watch/Caller.h"
+#include "service/Failure.h"
+#include "service/serve/ServeRules.h"
+#include "service/serve/ServeStatus.h"
+#include "service/serve/ServedStub.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <thread>
+
+/// Has readers of stubs wait until their data is there. One thread of its own looks at each access and
+/// answers those of files that are no stubs; `RecallRunner`s, a thread each, bring the data.
+class RecallService {
+public:
+    RecallService(PreContentGroup& group, ServeRules rules);
+    RecallService(const RecallService&) = delete;
+    RecallService& operator=(const RecallService&) = delete;
+    ~RecallService();
+
+    /// Accesses that a process which died has not answered.
+    void takeOver(const std::vector<int>& held);
+    void start();
+    /// Has all accesses that nobody works on fail with EIO, and lets recalls that nobody has seen a part of
+    /// be put back. `next` answers nothing from now on.
+    void stop();
+
+    void setRules(ServeRules rules);
+    ServeStatus status() const;
+
+    // --- Who is not held up ---
+
+    /// The calling thread, for as long as the object lives.
+    class OwnThread {
+    public:
+        explicit OwnThread(RecallService& service);
+        OwnThread(const OwnThread&) = delete;
+        OwnThread& operator=(const OwnThread&) = delete;
+        ~OwnThread();
+
+    private:
+        RecallService& m_service;
+    };
+    /// A process that archives and recalls by itself.
+    void exempt(pid_t process);
+    void endExemption(pid_t process);
+    /// This file is about to become a stub: it is looked at again from now on.
+    void heed(int fd);
+
+    // --- For those who bring the data ---
+
+    using Stub = std::shared_ptr<ServedStub>;
+
+    /// The next stub that somebody waits for; waits for one if told to. Nothing at the end.
+    Stub next(bool wait);
+    void begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize);
+    /// The piece to bring; none if all are there. Throws if this recall is to be given up.
+    std::optional<std::uint64_t> wanted(const ServedStub& stub, std::uint64_t after);
+    void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
+    /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
+    bool isLessUrgent(const ServedStub& stub) const;
+    bool isGivenUp(const ServedStub& stub) const;
+    bool isSeen(const ServedStub& stub) const;
+    bool isStopping() const { return m_stopping; }
+    /// Ends the work on a stub: it is none any more, or all who wait for it get EIO.
+    void done(const Stub& stub, bool wasRecalled);
+    void fail(const Stub& stub, const Failure& failure);
+
+    /// A line in the log.
+    static void log(const std::string& text);
+
+private:
+    void watch();
+    void handle(const HeldAccess& access);
+    bool isPassed(pid_t tid);
+    void handleStub(const HeldAccess& access, const struct stat& st);
+    std::optional<Need> needOf(const HeldAccess& access, const std::string& program,
+                               std::uint64_t size) const;
+    void pauseForBandwidth(std::uint64_t bytes);
+
+    PreContentGroup& m_group;
+    mutable std::mutex m_mutex; ///< for all below
+    ServeRules m_rules;
+    std::map<FileKey, Stub> m_stubs; ///< those that are waited for or recalled
+    std::deque<Stub> m_queue;        ///< those of them that nobody works on
+    std::condition_variable m_queued;
+    int m_idle = 0; ///< threads that wait for work
+    std::set<pid_t> m_ownThreads;
+    std::map<pid_t, int> m_exempt;   ///< processes, and how often
+    std::deque<std::string> m_lines; ///< that the thread which answers must not write itself
+    ServeStatus m_counts{};
+    std::chrono::steady_clock::time_point m_free; ///< when the bandwidth allows more
+    std::atomic<bool> m_stopping = false;
+    std::condition_variable_any m_lineThere;
+    UniqueFd m_wake;
+    std::jthread m_logger;
+    std::jthread m_watcher;
+};

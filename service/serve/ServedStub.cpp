@@ -1,0 +1,98 @@
+#include "service/serve/ServedStub.h"
+
+#include <algorithm>
+#include <fcntl.h>
+
+void ServedStub::add(const HeldAccess& access, Need need) {
+    if (!m_fd.isOpen())
+        m_fd = UniqueFd(::fcntl(access.fd, F_DUPFD_CLOEXEC, 0));
+    const Waiting waiting{access, need};
+    if (isMet(waiting))
+        allow(waiting);
+    else
+        m_waiting.push_back(waiting);
+}
+
+void ServedStub::begin(std::uint64_t pieces, std::uint64_t pieceSize) {
+    m_filled.assign(pieces, false);
+    m_missing = pieces;
+    m_pieceSize = pieceSize;
+}
+
+bool ServedStub::isThere(const HeldAccess& access) const {
+    if (m_filled.empty())
+        return false;
+    const std::uint64_t first = access.offset / m_pieceSize;
+    const std::uint64_t end = access.offset + std::max<std::uint64_t>(access.count, 1);
+    for (std::uint64_t piece = first; piece < m_filled.size() && piece * m_pieceSize < end; ++piece)
+        if (!m_filled[piece])
+            return false;
+    return true;
+}
+
+bool ServedStub::isMet(const Waiting& waiting) const {
+    switch (waiting.need) {
+    case Need::Range:
+        return m_missing == 0 || isThere(waiting.access);
+    case Need::Data:
+        return m_missing == 0;
+    case Need::Ended:
+    case Need::Truncate:
+        break;
+    }
+    return false;
+}
+
+void ServedStub::allow(const Waiting& waiting) {
+    m_seen = true;
+    m_group.allow(waiting.access.fd);
+}
+
+std::optional<std::uint64_t> ServedStub::wanted(std::uint64_t after) const {
+    const std::uint64_t none = m_filled.size();
+    for (const Waiting& waiting : m_waiting) {
+        if (waiting.need != Need::Range)
+            continue;
+        const std::uint64_t first = waiting.access.offset / m_pieceSize;
+        for (std::uint64_t piece = first; piece < none; ++piece)
+            if (!m_filled[piece])
+                return piece;
+    }
+    const auto begin = m_filled.begin() + static_cast<std::ptrdiff_t>(std::min(after, none));
+    auto found = std::find(begin, m_filled.end(), false);
+    if (found == m_filled.end())
+        found = std::find(m_filled.begin(), m_filled.end(), false);
+    if (found == m_filled.end())
+        return {};
+    return static_cast<std::uint64_t>(found - m_filled.begin());
+}
+
+void ServedStub::fill(std::uint64_t piece, std::uint64_t bytes) {
+    m_bytes += bytes;
+    m_filled[piece] = true;
+    --m_missing;
+    std::erase_if(m_waiting, [&](const Waiting& waiting) {
+        const bool met = isMet(waiting);
+        if (met)
+            allow(waiting);
+        return met;
+    });
+}
+
+void ServedStub::allowAll() {
+    for (const Waiting& waiting : m_waiting)
+        allow(waiting);
+    m_waiting.clear();
+}
+
+void ServedStub::denyAll(int err) {
+    for (const Waiting& waiting : m_waiting)
+        m_group.deny(waiting.access.fd, err);
+    m_waiting.clear();
+}
+
+bool ServedStub::isGivenUp() const {
+    return m_missing == UINT64_MAX && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
+               return waiting.need == Need::Truncate;
+           });
+}

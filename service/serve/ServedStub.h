@@ -1,0 +1,84 @@
+#pragma once
+
+#include "platform/watch/PreContentGroup.h"
+
+#include <chrono>
+#include <compare>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+/// What has to be there before an access may go on.
+enum class Need {
+    Range,    ///< the pieces that it reads
+    Data,     ///< all data
+    Ended,    ///< the end of the recall, on the disk: whoever writes must not write into a stub
+    Truncate, ///< nothing: what is in the file is given up
+};
+
+struct FileKey {
+    dev_t device;
+    ino_t inode;
+    auto operator<=>(const FileKey&) const = default;
+};
+
+/// A stub, or what may be one, and the accesses that wait for it. Not locked by itself.
+class ServedStub {
+public:
+    /// `cause` tells who asked first.
+    ServedStub(PreContentGroup& group, FileKey key, std::string name, std::string cause)
+        : m_group(group), m_key(key), m_name(std::move(name)), m_cause(std::move(cause)) {}
+
+    const FileKey& key() const { return m_key; }
+    const std::string& name() const { return m_name; }
+    const std::string& cause() const { return m_cause; }
+    std::chrono::steady_clock::time_point since() const { return m_since; }
+    std::uint64_t bytes() const { return m_bytes; }
+    /// Of one of the accesses, or of one that was answered already.
+    int fd() const { return m_fd.get(); }
+
+    /// Takes the access over, or lets it go on at once.
+    void add(const HeldAccess& access, Need need);
+
+    /// The recall has begun; so many pieces are missing, of `pieceSize` bytes each.
+    void begin(std::uint64_t pieces, std::uint64_t pieceSize);
+    /// A piece that is missing: one that somebody waits for, else the first from `after` on, else the first.
+    /// Nothing if all are there.
+    std::optional<std::uint64_t> wanted(std::uint64_t after) const;
+    /// A piece is there. Answers those who waited for nothing more.
+    void fill(std::uint64_t piece, std::uint64_t bytes);
+
+    /// Answers all: the file is what they may see, or they get `err`.
+    void allowAll();
+    void denyAll(int err);
+
+    size_t waiting() const { return m_waiting.size(); }
+    /// Whether somebody may be looking at a part of the data.
+    bool isSeen() const { return m_seen; }
+    /// Whether all who wait want to truncate the file, and nobody has begun to recall it.
+    bool isGivenUp() const;
+
+private:
+    struct Waiting {
+        HeldAccess access;
+        Need need;
+    };
+
+    bool isMet(const Waiting& waiting) const;
+    bool isThere(const HeldAccess& access) const;
+    void allow(const Waiting& waiting);
+
+    PreContentGroup& m_group;
+    FileKey m_key;
+    std::string m_name;
+    std::string m_cause;
+    std::chrono::steady_clock::time_point m_since = std::chrono::steady_clock::now();
+    std::uint64_t m_bytes = 0;
+    UniqueFd m_fd;
+    std::vector<Waiting> m_waiting;
+    std::vector<bool> m_filled;
+    std::uint64_t m_missing = UINT64_MAX; ///< pieces
+    std::uint64_t m_pieceSize = 1;
+    bool m_seen = false;
+};

@@ -1,0 +1,44 @@
+#include "tools/qzhsmd/Descriptors.h"
+
+#include "platform/watch/PreContentGroup.h"
+
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+bool isListening(int fd) {
+    int value = 0;
+    socklen_t length = sizeof value;
+    return ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &value, &length) == 0 && value != 0;
+}
+
+} // namespace
+
+Descriptors Descriptors::find(const std::string& runtimeDirectory) {
+    std::vector<int> all;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        all.push_back(std::atoi(entry.path().filename().c_str()));
+    Descriptors found;
+    for (const int fd : all) {
+        char path[PATH_MAX];
+        const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+        if (fd <= STDERR_FILENO || length < 0)
+            continue;
+        const std::string_view target(path, static_cast<size_t>(length));
+        if (target == "anon_inode:[fanotify]")
+            found.group = fd;
+        else if (target.starts_with("socket:"))
+            (isListening(fd) ? found.listeners : found.connections).push_back(fd);
+        else if (target.starts_with(runtimeDirectory + '/') && target.ends_with(".lock"))
+            found.locks.push_back(fd);
+        else if (PreContentGroup::isHeldAccess(fd))
+            found.held.push_back(fd);
+        else
+            ::close(fd);
+    }
+    return found;
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// The descriptors that outlive a process of the service: the worker and whoever watches over it share one
+/// table. Numbers, without an owner: they are closed when both processes have ended.
+struct Descriptors {
+    int group = -1;               ///< of the kernel's events
+    std::vector<int> locks;       ///< one for each file system, against a second service
+    std::vector<int> listeners;   ///< of the control sockets
+    std::vector<int> connections; ///< to programs that are not held up
+    std::vector<int> held;        ///< accesses without an answer
+
+    /// Finds them among all that are open, and closes what else a process that died has left.
+    static Descriptors find(const std::string& runtimeDirectory);
+};

@@ -1,0 +1,182 @@
+#include "tools/qzhsmd/Worker.h"
+
+#include "lowlevel/QZHSMLowLevelCtx.h"
+#include "service/serve/ControlSocket.h"
+#include "service/serve/RecallRunner.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <list>
+#include <poll.h>
+#include <sched.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kKindDriverless = 2;
+
+UniqueFd openProcess(pid_t process) {
+    return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+}
+
+/// A back-end for each thread, as they are not to be shared.
+class Runner {
+public:
+    Runner(RecallService& service, NamedStores& stores)
+        : m_registry(kKindDriverless), m_kind(kindOf(*m_registry.getByFileName(""))),
+          m_runner(service, *m_kind, stores), m_thread([this] { m_runner.run(); }) {}
+
+private:
+    QZHSMLowLevelCtx m_registry;
+    std::unique_ptr<StubKind> m_kind;
+    RecallRunner m_runner;
+    std::jthread m_thread;
+};
+
+/// Waits, in a process of its own that shares the descriptors, for the end of this process, and then takes
+/// over. This process has threads, so that the child may only make system calls until it executes the program
+/// anew.
+class Standby {
+public:
+    explicit Standby(const std::vector<std::string>& directories)
+        : m_arguments(takeOverArguments(directories)) {
+        for (std::string& argument : m_arguments)
+            m_argv.push_back(argument.data());
+        m_argv.push_back(nullptr);
+    }
+    ~Standby() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+    Standby(const Standby&) = delete;
+    Standby& operator=(const Standby&) = delete;
+
+    void start() {
+        if (m_pid > 0)
+            ::waitpid(m_pid, nullptr, 0);
+        m_worker = openProcess(::getpid());
+        pollfd worker{m_worker.get(), POLLIN, 0};
+        m_pid = static_cast<pid_t>(::syscall(SYS_clone, CLONE_FILES | SIGCHLD, 0, 0, 0, 0));
+        if (m_pid == 0) {
+            while (::poll(&worker, 1, -1) != 1) {
+            }
+            ::execv("/proc/self/exe", m_argv.data());
+            ::_exit(1);
+        }
+        if (m_pid < 0)
+            throw systemFailure("Failed to start a process", "", errno);
+    }
+
+    pid_t pid() const { return m_pid; }
+
+private:
+    std::vector<std::string> m_arguments;
+    std::vector<char*> m_argv;
+    UniqueFd m_worker; ///< the standby waits on it
+    pid_t m_pid = -1;
+};
+
+/// Waits for what is to be done beside serving, and does it.
+class Control {
+public:
+    Control(RecallService& service, const Serving& serving)
+        : m_service(service), m_socket(service, serving.directories), m_standby(serving.directories),
+          m_guard(openProcess(serving.guard)) {
+        sigset_t signals;
+        ::sigemptyset(&signals);
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+            ::sigaddset(&signals, signal);
+        m_signals = UniqueFd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (!m_signals.isOpen())
+            throw systemFailure("Failed to wait for signals", "", errno);
+        for (const int fd : serving.descriptors.listeners)
+            m_socket.addListener(UniqueFd(fd));
+        for (const int fd : serving.descriptors.connections)
+            m_socket.addConnection(UniqueFd(fd));
+    }
+
+    /// Returns when the service is to end.
+    void run() {
+        const RecallService::OwnThread own(m_service);
+        if (!m_guard.isOpen())
+            replaceGuard();
+        for (;;) {
+            std::vector<int> fds{m_signals.get(), m_guard.get()};
+            m_socket.addTo(fds);
+            std::vector<pollfd> waiting;
+            for (const int fd : fds)
+                waiting.push_back({fd, POLLIN, 0});
+            if (::poll(waiting.data(), waiting.size(), -1) <= 0)
+                continue;
+            if (waiting[0].revents != 0 && takeSignals())
+                return;
+            if (waiting[1].revents != 0)
+                replaceGuard();
+            for (size_t i = 2; i < waiting.size(); ++i)
+                if (waiting[i].revents != 0)
+                    m_socket.serve(waiting[i].fd);
+        }
+    }
+
+private:
+    bool takeSignals() {
+        signalfd_siginfo info{};
+        while (::read(m_signals.get(), &info, sizeof info) == sizeof info) {
+            if (info.ssi_signo != SIGHUP)
+                return true;
+            try {
+                m_service.setRules(ServeRules::read());
+                m_service.log("the configuration was read again");
+            } catch (const Failure& failure) {
+                m_service.log(failure.what());
+            }
+        }
+        return false;
+    }
+
+    void replaceGuard() {
+        m_service.log("the process that watches over this one has died; another takes its place");
+        m_standby.start();
+        m_guard = openProcess(m_standby.pid());
+        ::sd_notifyf(0, "MAINPID=%d", ::getpid());
+    }
+
+    RecallService& m_service;
+    ControlSocket m_socket;
+    Standby m_standby;
+    UniqueFd m_guard;
+    UniqueFd m_signals;
+};
+
+} // namespace
+
+std::vector<std::string> takeOverArguments(const std::vector<std::string>& directories) {
+    std::vector<std::string> arguments{"qzhsmd", "--take-over"};
+    arguments.insert(arguments.end(), directories.begin(), directories.end());
+    return arguments;
+}
+
+int work(Serving& serving) {
+    PreContentGroup group{UniqueFd(serving.descriptors.group)};
+    RecallService service(group, serving.rules);
+    service.takeOver(serving.descriptors.held);
+    service.start();
+    Control control(service, serving);
+    {
+        NamedStores stores;
+        std::list<Runner> runners;
+        for (int i = 0; i < serving.rules.workers; ++i)
+            runners.emplace_back(service, stores);
+        control.run();
+        service.log("ending");
+        service.stop();
+    }
+    return 0;
+}

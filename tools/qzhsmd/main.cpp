@@ -1,0 +1,208 @@
+#include "lowlevel/driverless/StubMark.h"
+#include "platform/watch/PreContentGroup.h"
+#include "service/serve/ControlSocket.h"
+#include "tools/qzhsmd/Worker.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <iostream>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <systemd/sd-daemon.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kParkedName = "events";
+
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+/// The group that an earlier service parked with the service manager, or -1.
+int parkedGroup() {
+    char** names = nullptr;
+    const int count = ::sd_listen_fds_with_names(1, &names);
+    int group = -1;
+    for (int i = 0; i < count; ++i) {
+        if (std::string(names[i]) == kParkedName)
+            group = SD_LISTEN_FDS_START + i;
+        std::free(names[i]);
+    }
+    std::free(names);
+    return group;
+}
+
+/// Nobody knows the files of accesses that a service had read before all its processes died.
+void refuseForgotten(PreContentGroup& group) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    constexpr rlim_t kMost = 1 << 20;
+    for (rlim_t number = 0; number < std::min(limit.rlim_cur, kMost); ++number)
+        group.denyNumber(static_cast<int>(number), EIO);
+}
+
+PreContentGroup openGroup() {
+    const int parked = parkedGroup();
+    if (parked >= 0) {
+        PreContentGroup group{UniqueFd(::fcntl(parked, F_DUPFD, STDERR_FILENO + 1))};
+        ::close(parked);
+        refuseForgotten(group);
+        return group;
+    }
+    PreContentGroup group;
+    if (const int err = group.create(); err == EPERM)
+        throw Failure(QZHSM_FAILURE, "This needs the capability CAP_SYS_ADMIN", "Run it as root.");
+    else if (err != 0)
+        throw systemFailure("The kernel hands out no pre-content events", "", err);
+    return group;
+}
+
+/// A second service on the same file system would answer the first one's readers.
+int lockFileSystem(const std::string& runtimeDirectory, dev_t device, const std::string& directory) {
+    const std::string path = socketPath(runtimeDirectory, device) + ".lock";
+    const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (lock < 0)
+        throw systemFailure("Failed to open ", path, errno);
+    if (::flock(lock, LOCK_EX | LOCK_NB) < 0)
+        throw Failure(QZHSM_BUSY, "The file system of " + directory + " is served already");
+    return lock;
+}
+
+void serveDirectory(const std::string& directory, PreContentGroup& group, Serving& serving) {
+    struct stat st {};
+    if (::stat(directory.c_str(), &st) < 0)
+        throw systemFailure("Failed to stat ", directory, errno);
+    if (!S_ISDIR(st.st_mode))
+        throw systemFailure("Failed to serve ", directory, ENOTDIR);
+    static std::vector<dev_t> served;
+    if (std::ranges::find(served, st.st_dev) != served.end())
+        return;
+    served.push_back(st.st_dev);
+    if (::getxattr(directory.c_str(), kStubMark, nullptr, 0) < 0 && errno == EOPNOTSUPP)
+        throw Failure(QZHSM_FAILURE, "The file system of " + directory + " has no user attributes");
+    const std::string& runtime = serving.rules.runtimeDirectory;
+    serving.descriptors.locks.push_back(lockFileSystem(runtime, st.st_dev, directory));
+    if (const int err = group.mark(directory); err == EINVAL || err == EOPNOTSUPP)
+        throw Failure(QZHSM_FAILURE,
+                      "The kernel has no pre-content events for the file system of " + directory,
+                      "It takes Linux 6.14 and ext4, xfs or btrfs.");
+    else if (err != 0)
+        throw systemFailure("Failed to watch ", directory, err);
+    serving.descriptors.listeners.push_back(ControlSocket::listen(socketPath(runtime, st.st_dev)).release());
+}
+
+void say(const std::string& text) {
+    std::cout << "qzhsmd: " << text << std::endl;
+}
+
+void begin(Serving& serving) {
+    allowManyDescriptors();
+    const UniqueFd tools = lockOutTools(serving.rules.runtimeDirectory);
+    PreContentGroup group = openGroup();
+    for (const std::string& directory : serving.directories)
+        serveDirectory(directory, group, serving);
+    serving.descriptors.group = ::fcntl(group.descriptor(), F_DUPFD, STDERR_FILENO + 1);
+    for (const std::string& directory : serving.directories)
+        say("serving " + directory);
+    ::sd_pid_notify_with_fds(0, 0, "FDSTORE=1\nFDNAME=events", &serving.descriptors.group, 1);
+}
+
+/// A child that shares this process's descriptors. This one has a single thread, so the child may do
+/// anything.
+pid_t startWorker(Serving& serving) {
+    serving.guard = ::getpid();
+    const auto pid = static_cast<pid_t>(::syscall(SYS_clone, CLONE_FILES | SIGCHLD, 0, 0, 0, 0));
+    if (pid != 0)
+        return pid;
+    int status = 1;
+    // In a thread: the C library does not know that the first one has a number of its own now.
+    std::thread([&] {
+        try {
+            status = work(serving);
+        } catch (const Failure& failure) {
+            std::cerr << "qzhsmd: " << failure.what() << std::endl;
+        }
+    }).join();
+    ::_exit(status);
+}
+
+/// Starts workers, one after the other, until one ends by itself. Its status is ours.
+int watchOver(Serving& serving) {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
+        ::sigaddset(&signals, signal);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    constexpr auto kSoon = std::chrono::seconds(1);
+    constexpr int kMostDeaths = 20;
+    for (int deaths = 0;;) {
+        const auto began = std::chrono::steady_clock::now();
+        const pid_t worker = startWorker(serving);
+        if (worker < 0)
+            throw systemFailure("Failed to start a process", "", errno);
+        ::sd_notify(0, "READY=1");
+        int status = 0;
+        while (::waitpid(worker, &status, WNOHANG) == 0) {
+            const int signal = ::sigwaitinfo(&signals, nullptr);
+            if (signal > 0 && signal != SIGCHLD)
+                ::kill(worker, signal);
+        }
+        if (WIFEXITED(status))
+            return WEXITSTATUS(status);
+        std::cerr << "qzhsmd: the worker was ended by signal " << WTERMSIG(status)
+                  << "; another takes its place" << std::endl;
+        serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
+        deaths = std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
+        if (deaths < kMostDeaths)
+            continue;
+        deaths = 0; // what is held may be what kills it
+        PreContentGroup group{UniqueFd(::fcntl(serving.descriptors.group, F_DUPFD, 0))};
+        for (const int fd : serving.descriptors.held)
+            group.deny(fd, EIO);
+        serving.descriptors.held.clear();
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Recalls stubs when they are read", "qzhsmd");
+    Serving serving;
+    bool takesOver = false;
+    app.set_version_flag("--version", "qzhsmd " QZHSM_VERSION);
+    app.add_flag("--take-over", takesOver)->group("");
+    app.add_option("DIR", serving.directories, "Directories whose file systems are served")
+        ->required()
+        ->option_text("...");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        serving.rules = ServeRules::read();
+        if (takesOver) {
+            ::sd_notifyf(0, "MAINPID=%d", ::getpid());
+            serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
+        } else {
+            begin(serving);
+        }
+        return watchOver(serving);
+    } catch (const Failure& failure) {
+        std::cerr << "qzhsmd: " << failure.what() << std::endl;
+        if (!failure.advice().empty())
+            std::cerr << "qzhsmd: " << failure.advice() << std::endl;
+        return 1;
+    }
+}
