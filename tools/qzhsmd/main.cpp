@@ -12,6 +12,7 @@
 #include <iostream>
 #include <sched.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -149,7 +150,7 @@ int watchOver(Serving& serving) {
         ::sigaddset(&signals, signal);
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     constexpr auto kSoon = std::chrono::seconds(1);
-    constexpr int kMostDeaths = 20;
+    constexpr int kMostDeaths = 5;
     for (int deaths = 0;;) {
         const auto began = std::chrono::steady_clock::now();
         const pid_t worker = startWorker(serving);
@@ -167,7 +168,8 @@ int watchOver(Serving& serving) {
         std::cerr << "qzhsmd: the worker was ended by signal " << WTERMSIG(status)
                   << "; another takes its place" << std::endl;
         serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
-        deaths = std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
+        const bool isCrash = WTERMSIG(status) != SIGKILL;
+        deaths = isCrash && std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
         if (deaths < kMostDeaths)
             continue;
         deaths = 0; // what is held may be what kills it
@@ -193,6 +195,7 @@ int main(int argc, char** argv) {
     try {
         serving.rules = ServeRules::read();
         if (takesOver) {
+            ::prctl(PR_SET_NAME, "qzhsmd"); // it was executed by another name
             ::sd_notifyf(0, "MAINPID=%d", ::getpid());
             serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
         } else {
