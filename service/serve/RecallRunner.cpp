@@ -68,6 +68,7 @@ public:
         }
         flush(m_job);
         m_job.end();
+        m_service.settle(*m_stub);
         flush(m_job);
         return false;
     }

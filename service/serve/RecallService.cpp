@@ -283,6 +283,13 @@ void RecallService::fill(ServedStub& stub, std::uint64_t piece, std::uint64_t by
     std::this_thread::sleep_until(free);
 }
 
+void RecallService::settle(ServedStub& stub) {
+    const std::lock_guard lock(m_mutex);
+    const size_t before = stub.waiting();
+    stub.settle();
+    m_counts.waiting -= before - stub.waiting();
+}
+
 bool RecallService::isLessUrgent(const ServedStub& stub) const {
     const std::lock_guard lock(m_mutex);
     return stub.waiting() == 0 && !m_queue.empty() && m_idle == 0;

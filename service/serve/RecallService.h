@@ -65,6 +65,7 @@ public:
     /// The piece to bring; none if all are there. Throws if this recall is to be given up.
     std::optional<std::uint64_t> wanted(const ServedStub& stub, std::uint64_t after);
     void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
+    void settle(ServedStub& stub);
     /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
     bool isLessUrgent(const ServedStub& stub) const;
     bool isGivenUp(const ServedStub& stub) const;

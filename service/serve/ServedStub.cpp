@@ -35,7 +35,7 @@ bool ServedStub::isMet(const Waiting& waiting) const {
     case Need::Range:
         return m_missing == 0 || isThere(waiting.access);
     case Need::Data:
-        return m_missing == 0;
+        return m_settled;
     case Need::Ended:
     case Need::Truncate:
         break;
@@ -71,6 +71,15 @@ void ServedStub::fill(std::uint64_t piece, std::uint64_t bytes) {
     m_bytes += bytes;
     m_filled[piece] = true;
     --m_missing;
+    answerMet();
+}
+
+void ServedStub::settle() {
+    m_settled = true;
+    answerMet();
+}
+
+void ServedStub::answerMet() {
     std::erase_if(m_waiting, [&](const Waiting& waiting) {
         const bool met = isMet(waiting);
         if (met)

@@ -12,8 +12,8 @@
 /// What has to be there before an access may go on.
 enum class Need {
     Range,    ///< the pieces that it reads
-    Data,     ///< all data
-    Ended,    ///< the end of the recall, on the disk: whoever writes must not write into a stub
+    Data,     ///< all data, and the times: programs look at both
+    Ended,    ///< the same on the disk: what they write must not be recalled over after a power cut
     Truncate, ///< nothing: what is in the file is given up
 };
 
@@ -49,6 +49,9 @@ public:
     /// A piece is there. Answers those who waited for nothing more.
     void fill(std::uint64_t piece, std::uint64_t bytes);
 
+    /// The data and the times are there. Answers those who waited for nothing more.
+    void settle();
+
     /// Answers all: the file is what they may see, or they get `err`.
     void allowAll();
     void denyAll(int err);
@@ -65,6 +68,7 @@ private:
         Need need;
     };
 
+    void answerMet();
     bool isMet(const Waiting& waiting) const;
     bool isThere(const HeldAccess& access) const;
     void allow(const Waiting& waiting);
@@ -80,5 +84,6 @@ private:
     std::vector<bool> m_filled;
     std::uint64_t m_missing = UINT64_MAX; ///< pieces
     std::uint64_t m_pieceSize = 1;
+    bool m_settled = false;
     bool m_seen = false;
 };

@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# FS_TYPE=... serve.sh QZHSM QZHSMD STRESS: programs that read stubs on a served file system get their data, or an I/O error.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/../qzhsm/common.sh"
+grep -qw "$FS_TYPE" /proc/filesystems && command -v "mkfs.$FS_TYPE" >/dev/null ||
+    { echo "skipped: no $FS_TYPE here" && exit 77; }
+service=$2 stress=$3 store=$work/store run=$work/run
+mkdir "$run"
+export QZHSM_CONFIG=$work/conf
+# configure LINE...: the section [Service].
+configure() { printf '%s\n' '[Service]' "runtimeDirectory = $run" "$@" >"$QZHSM_CONFIG"; }
+configure
+truncate -s 400M "$work/image" && mkfs."$FS_TYPE" -q "$work/image" && mount -o loop "$work/image" "$fs"
+expect 0 '^$' store create "$store"
+
+served=
+start() {
+    "$service" "$fs" >"$work/out" 2>"$work/log" &
+    served=$!
+    for ((i = 0; i < 100; i++)); do
+        grep -q "^qzhsmd: serving $fs$" "$work/out" && return
+        sleep 0.05
+    done
+    fail "the service does not start: $(<"$work/log")"
+}
+stop() {
+    kill -TERM "$served"
+    wait "$served"
+    local got=$?
+    [ $got -eq 0 ] || fail "the service ended with $got: $(<"$work/log")"
+}
+# archived FILE...: they hold the data, and are stubs.
+archived() {
+    local file
+    for file in "$@"; do cp "$work/data" "$file" && touch -d @1000000000.5 "$file"; done
+    expect 0 '' archive --store "$store" "$@"
+}
+# fails FILE [PROGRAM...]: to read it is an I/O error.
+fails() {
+    local said
+    said=$("${@:2}" "$1" 2>&1 >/dev/null) && fail "no error, line ${BASH_LINENO[0]}"
+    [[ $said == *'Input/output error'* ]] || fail "line ${BASH_LINENO[0]}: $said"
+}
+# plain FILE: it is no stub any more, and has its time. Readers may be a flush ahead of that.
+is_plain() {
+    for ((i = 0; i < 60; i++)); do
+        [ -z "$(getfattr -d --absolute-names "$1" | grep -E 'NkStubFile|TSTUB')" ] && break
+        sleep 0.05
+    done
+    [ -z "$(getfattr -d --absolute-names "$1" | grep -E 'NkStubFile|TSTUB')" ] || fail "still a stub: $1"
+    [ "$(stat -c %.9Y "$1")" = 1000000000.500000000 ] || fail "time of $1: $(stat -c %y "$1")"
+}
+
+"$service" /proc >"$work/out" 2>&1
+[ $? -eq 1 ] || fail "serving /proc: $(<"$work/out")"
+mkdir "$work/tmpfs" && mount -t tmpfs none "$work/tmpfs"
+"$service" "$work/tmpfs" >"$work/out" 2>&1
+[ $? -eq 1 ] && grep -q 'no pre-content events' "$work/out" || fail "serving tmpfs: $(<"$work/out")"
+
+# Programs of each sort.
+archived "$fs"/{cat,grep,cp,tar,gone,cut,new,torn}
+cp -p "$(command -v ls)" "$fs/program" && expect 0 '' archive --store "$store" "$fs/program"
+start
+"$service" "$fs" >"$work/out" 2>&1
+[ $? -eq 1 ] && grep -q 'served already' "$work/out" || fail "a second service: $(<"$work/out")"
+cat "$fs/cat" | cmp -s - "$work/data" || fail "cat"
+grep -q -a -F "$(tail -c 20 "$work/data" | tr -d '\0\n' | head -c 4)" "$fs/grep" || fail "grep"
+cp --sparse=always "$fs/cp" "$work/cp" && same "$work/cp" "$work/data"
+tar -S -C "$fs" -cf "$work/tar" tar && tar -C "$work" -xOf "$work/tar" tar | cmp -s - "$work/data" || fail "tar -S"
+"$fs/program" "$fs" >/dev/null || fail "a program that was a stub does not run"
+for file in cat grep cp tar; do is_plain "$fs/$file"; done
+
+# What users do wins.
+echo mine >"$fs/new"
+[ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated"
+truncate -s 1000 "$fs/cut" && cmp -s "$fs/cut" <(head -c 1000 "$work/data") || fail "a stub that was cut"
+
+# What cannot be served is an I/O error, and stays a stub.
+mkdir "$work/away" && mv "$store"/?? "$work/away"
+fails "$fs/gone" cat
+mv "$work/away"/?? "$store"
+cmp -s "$fs/gone" "$work/data" || fail "the objects are there again"
+for object in "$store"/??/????????-*[0-9a-f]; do printf x | dd of="$object" bs=1 seek=2000000 conv=notrunc status=none; done
+fails "$fs/torn" cat
+grep -q 'wrong checksum' "$work/log" || fail "nothing tells of the damage"
+stop
+expect 0 '"state":"stub"|"stub":true' info --json "$fs/torn"
+rm -rf "$store" && expect 0 '^$' store create "$store"
+
+# Who must not cause recalls gets an error at once; readers of a range do not wait for the rest.
+archived "$fs"/{refused,range}
+configure 'refusePrograms = head' 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M'
+start
+fails "$fs/refused" head -c 1
+grep -q 'refused head' "$work/log" || fail "nothing tells of a refusal"
+tail -c 1000 "$fs/range" | cmp -s - <(tail -c 1000 "$work/data") || fail "the tail of a range"
+cmp -s "$fs/range" "$work/data" || fail "the whole behind a range"
+is_plain "$fs/range"
+stop
+
+# Killed again and again, the worker or who watches over it.
+rm -f "$fs"/?*[^d]
+for ((i = 0; i < 50; i++)); do head -c $((RANDOM % 60 * 50000 + 20000)) /dev/urandom >"$fs/f$i"; done
+mkdir "$work/copy" && cp -a "$fs"/f* "$work/copy"
+for rules in 'recall = open' $'recall = range\nrangeFrom = 0'; do
+    cp -a "$work/copy/." "$fs" && expect 0 '50 archived' archive --store "$store" "$fs"
+    configure "$rules" && start
+    "$stress" "$fs" "$work/copy" 4 >"$work/said" 2>&1 &
+    stressed=$!
+    kills=0
+    while kill -0 $stressed 2>/dev/null; do
+        sleep 0.0$((RANDOM % 50 + 10))
+        mapfile -t processes < <(pgrep -x qzhsmd -s 0)
+        [ ${#processes[@]} -eq 2 ] && kill -KILL "${processes[RANDOM % 2]}" && kills=$((kills + 1))
+    done 2>/dev/null
+    wait $stressed || fail "wrong bytes: $(<"$work/said")"
+    grep -q ' 0 refused' "$work/said" && [ $kills -gt 3 ] || fail "$kills kills: $(<"$work/said")"
+    for ((i = 0; i < 30; i++)); do same "$fs/f$i" "$work/copy/f$i"; done
+    pkill -TERM -x qzhsmd -s 0
+    for ((i = 0; i < 100; i++)); do pgrep -x qzhsmd -s 0 -r S,R,D >/dev/null || break; sleep 0.05; done
+done 2> >(grep -v Killed >&2)
+finish
