@@ -15,7 +15,7 @@ long long allocations();
 /// It lies under $QZHSM_BENCH_DIR, $TMPDIR or /tmp.
 std::string scratchPath(const std::string& name);
 
-/// False, with the benchmark skipped, where the directory's file system has no user attributes.
+/// False, with the benchmark skipped, if the directory's file system has no user attributes.
 bool requireAttributes(benchmark::State& state);
 
 /// Ends a benchmark whose calls fail; the program then fails too.
@@ -33,13 +33,13 @@ struct Case {
 /// A promise that is not kept: the program fails.
 void breakPromise(const std::string& what);
 
-/// Sets the counter `what`. Where the count is not the promised one, the program fails.
+/// Sets the counter `what`. If the count is not the promised one, the program fails.
 void report(benchmark::State& state, const std::string& name, const std::string& what, long long count,
             std::optional<int> promised);
 
 double median(std::vector<double>& values);
 
-/// Nanoseconds of one call when `call` runs with 0 to `batch` - 1; negative where one failed.
+/// Nanoseconds of one call when `call` runs with 0 to `batch` - 1; negative if one failed.
 template <class Call>
 double timeBatch(int batch, Call& call) {
     bool done = true;

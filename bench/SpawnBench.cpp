@@ -24,7 +24,7 @@ bool startBySystem() {
     return NkProcess::system("true", &out, &err, 0, true) == 0;
 }
 
-/// The reference: what starting a child costs where the parent's page tables are copied for it.
+/// The reference: what starting a child costs if the parent's page tables are copied for it.
 bool startByFork() {
     const pid_t child = ::fork();
     if (child == 0) {

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 /// The system calls that the calling thread makes in `call` (which answers whether it succeeded), counted by
-/// tracing a forked child. -1 where the call failed or the child cannot be traced.
+/// tracing a forked child. -1 if the call failed or the child cannot be traced.
 template <class Call>
 int countSyscalls(Call call) {
     constexpr auto kMarker = SYS_getppid; // entered right before and right after the call, and nowhere in it

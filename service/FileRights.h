@@ -11,5 +11,5 @@
 std::string readCapabilities(const OpenFile& file);
 /// Gives a file its capabilities and the permissions of `mode` again.
 void putRightsBack(const OpenFile& file, const std::string& capabilities, mode_t mode);
-/// To the nanosecond, where the interface's own way takes whole seconds.
+/// To the nanosecond, while the interface's own way takes whole seconds.
 void putTimesBack(const OpenFile& file, const timespec& accessed, const timespec& modified);

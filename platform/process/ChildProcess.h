@@ -37,10 +37,10 @@ public:
     /// process's memory. 0, or an errno.
     int start(const char* command, int inFd, int outFd, int errFd, Group group = Group::Ours);
 
-    /// A descriptor that poll finds readable once the command has ended; closed, with errno, where the system
+    /// A descriptor that poll finds readable once the command has ended; closed, with errno, if the system
     /// gives none.
     UniqueFd openEnd() const;
-    /// Waits, and gives the status as waitpid does. False where somebody else has learned it.
+    /// Waits, and gives the status as waitpid does. False if somebody else has learned it.
     bool wait(int& status);
 
 private:

@@ -13,7 +13,7 @@ struct MoverCommands {
     /// skipped.
     std::string get;
     std::string remove; ///< may fail for an object that is not there
-    std::string list;   ///< writes the names, one a line; empty where the mover cannot
+    std::string list;   ///< writes the names, one a line; empty if the mover cannot
     /// How long no byte may move, or the end may take once all have moved, before the mover is killed.
     std::chrono::seconds timeout{600};
 };
@@ -36,7 +36,7 @@ public:
     void replaceRecord(const ObjectRecord& record) override;
     /// A mover that fails for what is not there makes this fail too, if there is no object.
     void remove(const ObjectId& object) override;
-    /// Throws where the mover cannot list. Names of other forms are skipped.
+    /// Throws if the mover cannot list. Names of other forms are skipped.
     void list(const std::function<void(const ListedObject&)>& onObject) override;
     size_t leftovers(bool) override { return 0; }
 

@@ -28,7 +28,7 @@ std::uint64_t endOfHole(int fd, std::uint64_t at, const ObjectRecord& record) {
     if (end >= 0)
         return std::min(static_cast<std::uint64_t>(end), record.size);
     struct stat st {};
-    if (errno != ENXIO || ::fstat(fd, &st) < 0) // which is the answer where no data follows
+    if (errno != ENXIO || ::fstat(fd, &st) < 0) // which is the answer if no data follows
         throw systemFailure("Failed to look for holes in ", record.path, errno);
     if (static_cast<std::uint64_t>(st.st_size) < record.size)
         becameShorter(record);

@@ -8,7 +8,7 @@
 /// See `DirectoryStore::create`.
 void makeStore(const std::string& directory);
 
-/// The store's UUID. Throws `Failure` where the directory, which `name` names, is no store.
+/// The store's UUID. Throws `Failure` if the directory, which `name` names, is no store.
 std::string readMarker(int directory, const std::string& name);
 
 /// The directories over which objects are spread, by the first two digits of their names.

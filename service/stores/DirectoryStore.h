@@ -25,8 +25,8 @@ public:
     /// (mode 0700). Throws `Failure`.
     static void create(const std::string& directory);
 
-    /// Opens a store; `name` is what stubs call it, its absolute path if empty. Throws `Failure` where the
-    /// directory is none: an archive disk that is not mounted must not look like an empty archive.
+    /// Opens a store; `name` is what stubs call it, its absolute path if empty. Throws `Failure` if the
+    /// directory is no store: an archive disk that is not mounted must not look like an empty archive.
     explicit DirectoryStore(const std::string& directory, std::string name = {});
     /// The same with a directory that is open.
     DirectoryStore(UniqueFd directory, std::string name);

@@ -7,11 +7,11 @@
 /// Which file of which file system, across renames, mounts and restarts: what tells a stub from a copy of it.
 struct FileIdentity {
     int handleType = 0;
-    std::string handle; ///< the bytes of name_to_handle_at; empty where the file system has no handles
+    std::string handle; ///< the bytes of name_to_handle_at; empty if the file system has no handles
     std::string fsid;   ///< statfs's, 16 hexadecimal digits; on some file systems that of the device
-    std::string fsUuid; ///< the file system's UUID, 32 hexadecimal digits; empty where the kernel tells none
+    std::string fsUuid; ///< the file system's UUID, 32 hexadecimal digits; empty if the kernel tells none
 
-    /// Of the file behind the descriptor. Throws `Failure` with `name` where it cannot be asked.
+    /// Of the file behind the descriptor. Throws `Failure` with `name` if it cannot be asked.
     static FileIdentity of(int fd, const std::string& name);
 
     /// The file, open for no access but fstat(2) and the *at calls, wherever it lies now; `mount` is any file
@@ -20,7 +20,7 @@ struct FileIdentity {
 
     /// Whether both lie on the same file system.
     bool isBeside(const FileIdentity& other) const;
-    /// Whether both are the same file. File systems are compared by UUID where both have one, else by fsid.
+    /// Whether both are the same file. File systems are compared by UUID if both have one, else by fsid.
     /// Without a handle nothing matches.
     bool matches(const FileIdentity& other) const;
 };

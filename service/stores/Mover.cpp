@@ -51,7 +51,7 @@ Mover::Mover(std::string phrase, const std::string& command, Data data, std::chr
 }
 
 /// Waits until its data can go on, with `events` 0 until it has ended; takes up what it says meanwhile. False
-/// where the command has ended and data is no longer taken.
+/// if the command has ended and data is no longer taken.
 bool Mover::waitUntilReady(short events) {
     using Clock = std::chrono::steady_clock;
     const int dataFd = events == 0 ? -1 : events == POLLOUT ? m_pipe.writing.get() : m_pipe.reading.get();

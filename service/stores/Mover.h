@@ -6,7 +6,7 @@
 #include <string>
 
 /// A command of the site that moves data, while it runs: /bin/sh -c COMMAND in a process group of its own.
-/// What goes wrong throws `Failure`: "PHRASE: reason: what the command said". It has code 7 where no byte of
+/// What goes wrong throws `Failure`: "PHRASE: reason: what the command said". It has code 7 if no byte of
 /// data moved, or after the last byte the command did not end, for the time-out. Destroying a mover kills its
 /// whole group. Belongs to one thread.
 class Mover {
@@ -25,7 +25,7 @@ public:
     /// Exactly `size` bytes.
     void readAll(char* buffer, size_t size);
 
-    /// Ends its input and waits for the command. Throws where it fails, leaves data unread, or has more to
+    /// Ends its input and waits for the command. Throws if it fails, leaves data unread, or has more to
     /// give.
     void finish();
 

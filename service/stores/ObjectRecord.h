@@ -69,6 +69,6 @@ struct ObjectRecord {
     /// Whether its data may be handed to this file.
     bool isOf(const FileOwner& candidate) const;
 
-    /// The parts of this part of the content that are data; none where it is all hole.
+    /// The parts of this part of the content that are data; none if it is all hole.
     std::vector<Extent> dataWithin(const Extent& part) const;
 };

@@ -22,11 +22,11 @@ public:
     ObjectReader& operator=(const ObjectReader&) = delete;
     virtual ~ObjectReader();
 
-    /// The next `size` bytes, all of them. Throws `Failure` where the store has fewer.
+    /// The next `size` bytes, all of them. Throws `Failure` if the store has fewer.
     virtual void read(char* buffer, size_t size) = 0;
     /// Leaves so many bytes out.
     virtual void skip(std::uint64_t size) = 0;
-    /// To be called when the part was read to its end: throws `Failure` where the store says only then that
+    /// To be called when the part was read to its end: throws `Failure` if the store says only then that
     /// something went wrong. Until then what was read is known to be right by its checksums alone.
     virtual void finish() = 0;
 };
@@ -35,7 +35,7 @@ public:
 struct ListedObject {
     ObjectId object;
     /// Set for an object without a record, which a crash or a removal that was cut short left: since when, by
-    /// the store's clock; now, where the store cannot tell. A whole object has its time in its record.
+    /// the store's clock; now, if the store cannot tell. A whole object has its time in its record.
     std::optional<std::time_t> leftSince;
 };
 
@@ -45,12 +45,12 @@ struct ListedObject {
 /// All operations may be called from several threads at once, but not on both sides of a fork. What goes
 /// wrong throws `Failure`, whose text names the store; its code is 4 for an object that is not there, 3 for a
 /// file that became shorter while it was read, 7 for a mover that made no progress, else -1. A failed
-/// operation leaves no object behind but where the store itself could not be reached; such a leftover is
+/// operation leaves no object behind unless the store itself could not be reached; such a leftover is
 /// listed.
 class Store {
 public:
     /// `name` is what stubs call the store: the NAME of its section "Store/NAME", or its absolute path.
-    /// `uuid` is the store's own, or empty where it has none.
+    /// `uuid` is the store's own, or empty if it has none.
     Store(std::string name, std::string uuid);
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
@@ -71,7 +71,7 @@ public:
     /// than one object. After a failure the store takes nothing more: what became of the batch is not known.
     virtual void flush() = 0;
 
-    /// The object's record, or nothing where there is none. Throws where there is a record but the object is
+    /// The object's record, or nothing if there is none. Throws if there is a record but the object is
     /// missing or of another length, as far as the store can tell without reading it.
     virtual std::optional<ObjectRecord> look(const ObjectId& object) = 0;
 
@@ -82,7 +82,7 @@ public:
     /// Begins to read a part, which must lie within the object.
     virtual std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) = 0;
 
-    /// Takes an object away, its record first, flushed or not. One that is not there is no failure, where
+    /// Takes an object away, its record first, flushed or not. One that is not there is no failure, if
     /// the store can tell.
     virtual void remove(const ObjectId& object) = 0;
 

@@ -11,7 +11,7 @@
 /// Calls back with each name in the directory but "." and "..". Throws `Failure` with `name`.
 void forEachName(int directory, const std::string& name, const std::function<void(const char*)>& onName);
 
-/// A file's whole text; nothing where there is no such file. Throws `Failure` with `name`, also where it is
+/// A file's whole text; nothing if there is no such file. Throws `Failure` with `name`, also if it is
 /// longer than `max` bytes.
 std::optional<std::string> readText(int directory, const char* path, const std::string& name, size_t max);
 

@@ -7,7 +7,7 @@
 /// One piece of an object, or the last and shorter one.
 struct Piece {
     Extent part;
-    std::span<const char> bytes; ///< empty where the whole piece is a hole; valid until the next piece
+    std::span<const char> bytes; ///< empty if the whole piece is a hole; valid until the next piece
 };
 
 /// Reads an object piece by piece and hands out no byte whose checksum does not agree. Belongs to one thread.
@@ -18,7 +18,7 @@ public:
                    std::uint64_t count = UINT64_MAX);
 
     /// The next piece; nothing at the end, when the store has confirmed that all went well. Throws `Failure`
-    /// where the store does, or the checksum does not agree.
+    /// if the store does, or the checksum does not agree.
     std::optional<Piece> next();
 
 private:
@@ -30,5 +30,5 @@ private:
     std::unique_ptr<char[]> m_buffer;
 };
 
-/// Reads a whole object, holes too, and throws `Failure` where it does not agree with its record.
+/// Reads a whole object, holes too, and throws `Failure` if it does not agree with its record.
 void verifyObject(Store& store, const ObjectRecord& record, const OnBytes& onBytes = {});

@@ -25,7 +25,7 @@ struct StubWorld {
     const char* name;
     FsKind fs;
     QZHSMLowLevel* (*create)();
-    const char* mark; ///< the attribute that a stub carries, or null where nothing marks it
+    const char* mark; ///< the attribute that a stub carries, or null if nothing marks it
     unsigned traits;
 
     friend std::ostream& operator<<(std::ostream& out, const StubWorld& world) { return out << world.name; }
@@ -98,6 +98,7 @@ protected:
         while (!data.empty()) {
             const int written = fresh().writeFileTrans(data.data(), static_cast<int>(data.size()), offset);
             ASSERT_GT(written, 0) << m_backEnd->m_errorText;
+            EXPECT_EQ(m_backEnd->m_errorCode, 0);
             data.remove_prefix(static_cast<size_t>(written));
             offset += written;
         }

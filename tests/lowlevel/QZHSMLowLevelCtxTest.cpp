@@ -20,6 +20,7 @@ using ::testing::internal::GetCapturedStderr;
 namespace {
 
 bool driverCanBeMade = true;
+bool driverlessCanBeMade = true;
 std::atomic<int> made{0};
 std::atomic<int> alive{0};
 bool fails = false;
@@ -42,7 +43,13 @@ QZHSMLowLevel* createQZHSMLowLevelHadoop() {
 }
 
 QZHSMLowLevel* createQZHSMLowLevelQZFS() {
+    if (fails)
+        throw NkException("QZFS::QZFS", "cannot be made either", "QZFS.cpp", 1, -1);
     return driverCanBeMade ? std::make_unique<QZHSMLowLevelQZFS>().release() : nullptr;
+}
+
+QZHSMLowLevel* createQZHSMLowLevelDriverless() {
+    return driverlessCanBeMade ? std::make_unique<QZHSMLowLevelDriverless>().release() : nullptr;
 }
 
 TEST(Registry, HandsOutByKindAndByName) {
@@ -93,8 +100,11 @@ TEST(Registry, TriesAgainAfterAFailure) {
     fails = true;
     CaptureStderr();
     EXPECT_EQ(registry.getByFSName("HADOOP_FS"), nullptr);
+    EXPECT_EQ(QZHSMLowLevel::create(), nullptr);
     fails = false;
-    EXPECT_NE(GetCapturedStderr().find("[Hadoop::Hadoop] cannot be made\n"), std::string::npos);
+    const std::string log = GetCapturedStderr();
+    EXPECT_NE(log.find("[Hadoop::Hadoop] cannot be made\n"), std::string::npos);
+    EXPECT_NE(log.find("[QZHSMLowLevel::create] cannot be made either\n"), std::string::npos);
     EXPECT_NE(registry.getByFSName("HADOOP_FS"), nullptr);
 }
 
@@ -128,6 +138,9 @@ TEST(Registry, TwoArgumentFormFallsBackWithKind0) {
     QZHSMLowLevel* fallback = either.getByFSName("nk_anyfs", true);
     EXPECT_NE(fallback, nullptr);
     EXPECT_EQ(either.getByFSName("NK_ANYFS"), fallback);
+    driverlessCanBeMade = false;
+    EXPECT_EQ(QZHSMLowLevelCtx(0).getByFSName("qzfs", true), nullptr) << "there is no third way";
+    driverlessCanBeMade = true;
     EXPECT_EQ(GetCapturedStderr(), "") << "falling back is no failure";
 
     QZHSMLowLevelCtx driver(1);

@@ -90,7 +90,7 @@ TEST(WriteAll, GoesOnAfterASignal) {
         std::this_thread::yield();
     ASSERT_EQ(::pthread_kill(writer.native_handle(), SIGUSR1), 0);
     writer.join();
-    EXPECT_EQ(written, 4);
+    ASSERT_EQ(written, 4);
     char data[5] = "";
     EXPECT_EQ(::read(ends[0], data, 4), 4);
     EXPECT_STREQ(data, "data");

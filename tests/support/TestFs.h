@@ -55,7 +55,7 @@ inline void setTimes(const std::string& path, time_t access, time_t modification
     ASSERT_EQ(::utime(path.c_str(), &times), 0) << path;
 }
 
-/// An attribute's value, or "-" where there is none.
+/// An attribute's value, or "-" if there is none.
 inline std::string attribute(const std::string& path, const char* name) {
     char value[65536];
     const ssize_t length = ::getxattr(path.c_str(), name, value, sizeof value);

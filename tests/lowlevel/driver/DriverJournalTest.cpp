@@ -16,7 +16,8 @@ bool tell(unsigned long long dev, const std::string& what) {
     EXPECT_EQ(dev, device) << what;
     told += what + ", ";
     if (what.starts_with(throwing))
-        throw NkException("Flr::" + throwing, "journal is down", "Flr", 1, -1);
+        throw NkException("Flr::" + throwing, "journal is down", "Flr", 1,
+                          4); // a code that nobody hands on
     return tracks;
 }
 std::string words(const fsf_fid& fid) {
@@ -63,14 +64,10 @@ protected:
         device = m_dev;
     }
 
-    /// The life of a stub, with a session by identifier and two by path.
+    /// The life of a stub, with a session by identifier between two by path.
     void roundTrip() {
         char read[5];
         EXPECT_EQ(m_driver.stubFile(p, "m", statOf(m_localPath).st_mtime, 5000), 0);
-        EXPECT_EQ(::lseek(m_file.get(), 0, SEEK_SET), 0);
-        EXPECT_EQ(m_driver.openFileTrans(m_file.get(), m_dev, m_fid), 0);
-        EXPECT_EQ(m_driver.writeFileTrans("by id", 5, 0), 5);
-        m_driver.closeFileTrans();
         EXPECT_EQ(m_driver.openFileTrans(p, O_RDWR, 0600), 0);
         EXPECT_EQ(m_driver.seekFileTrans(95, SEEK_SET), 95);
         EXPECT_EQ(m_driver.readFileTrans(read, 5), 5);
@@ -80,6 +77,10 @@ protected:
         EXPECT_EQ(m_driver.writeFileTrans("second", 6, 0), 6);
         EXPECT_EQ(m_driver.seekFileTrans(0, SEEK_SET), 0);
         EXPECT_EQ(m_driver.writeFileTrans("third", 5, 0), 5);
+        m_driver.closeFileTrans();
+        EXPECT_EQ(::lseek(m_file.get(), 0, SEEK_SET), 0);
+        EXPECT_EQ(m_driver.openFileTrans(m_file.get(), m_dev, m_fid), 0);
+        EXPECT_EQ(m_driver.writeFileTrans("by id", 5, 0), 5);
         m_driver.closeFileTrans();
         EXPECT_EQ(m_driver.openFileTrans(p, O_RDWR, 0600), 0);
         EXPECT_EQ(m_driver.writeFileTrans("again", 5, 0), 5);
@@ -94,9 +95,10 @@ protected:
 
 TEST_F(DriverJournal, IsToldInOrder) {
     roundTrip();
-    EXPECT_EQ(told, "statFS, getFID, STUB 7.8.9 m, statFS, TWRITE" + words(m_fid) +
-                        "0 by id, statFS, getFID, TWRITE 7.8.9 100 first, TWRITE 7.8.9 105 second, "
-                        "TWRITE 7.8.9 0 third, statFS, getFID, TWRITE 7.8.9 0 again, "
+    EXPECT_EQ(told, "statFS, getFID, STUB 7.8.9 m, statFS, getFID, TWRITE 7.8.9 100 first, "
+                    "TWRITE 7.8.9 105 second, TWRITE 7.8.9 0 third, statFS, TWRITE" +
+                        words(m_fid) +
+                        "0 by id, statFS, getFID, TWRITE 7.8.9 0 again, "
                         "statFS, getFID, STUB 7.8.9 n, statFS, getFID, UNSTUB 7.8.9 , ");
 
     const std::string much = noise(2 << 20);
@@ -120,7 +122,7 @@ TEST_F(DriverJournal, IsToldInOrder) {
 }
 
 TEST_F(DriverJournal, NeverChangesAResult) {
-    for (const std::string fails : {"nothing", "statFS", "getFID", "STUB", "UNSTUB", "TWRITE"}) {
+    for (const std::string fails : {"STUB", "UNSTUB", "TWRITE", "statFS", "getFID", "nothing"}) {
         SCOPED_TRACE(fails);
         told.clear();
         throwing = fails;
@@ -152,7 +154,9 @@ TEST_F(DriverJournal, IsAskedWhetherItTracks) {
     EXPECT_EQ(said(m_driver.isJRNFS(dev)), "-1 -1 journal is down");
     throwing = "none";
     tracks = false;
-    EXPECT_EQ(said(m_driver.isJRNFS(dev)), "0 0 ");
+    EXPECT_EQ(said(m_driver.isJRNFS(std::exchange(dev, 0))), "0 0 ");
+    EXPECT_EQ(said(m_driver.isJRNFS(p, &dev, nullptr)), "0 0 ");
+    EXPECT_EQ(dev, device);
 }
 
 TEST_F(DriverJournal, IsThereIfItIsInstalled) {
@@ -162,8 +166,13 @@ TEST_F(DriverJournal, IsThereIfItIsInstalled) {
         return QZHSMLowLevelQZFS().isJRNFS(p, nullptr, nullptr);
     };
     EXPECT_EQ(tracksWith("[Tessly/Instance001/JRN]\nx=1\n[Tessly/Instance001/Sortwell]\nnINSTALL=0\n"), 0);
-    EXPECT_EQ(tracksWith("[Focus]\ninstance=Two\n[Tessly/Two/JRN]\nnINSTALL=1\n"), 1);
+    EXPECT_EQ(tracksWith("[Focus]\ninstance=Two\n[Tessly/Two/JRN]\nnINSTALL=2\n"), 1);
     EXPECT_EQ(tracksWith("[Focus]\ninstance=Two\n[Tessly/Instance001/JRN]\nnINSTALL=1\n"), 0);
+    int made = 0;
+    g_flrDriverFactory = [&] { return std::unique_ptr<FlrDriver>(++made == 1 ? new TestJournal : nullptr); };
+    EXPECT_EQ(tracksWith("[Tessly/Instance001/JRN]\nnINSTALL=1\n[Tessly/Instance001/Sortwell]\nnINSTALL=1\n"),
+              1)
+        << "one client for both";
     g_flrDriverFactory = m_driver.factory;
     EXPECT_EQ(tracksWith(kInstalled), 0) << "the client of no journal";
     g_flrDriverFactory = []() -> std::unique_ptr<FlrDriver> {

@@ -85,7 +85,10 @@ TEST_F(DriverlessStubs, StubFileRefusesAndTellsWhy) {
     };
     expectFailure(stubOther(m_missing), 4, "Failed to stat @: No such file or directory", m_missing);
     expectFailure(stubOther(below), -1, "Failed to stat @: Not a directory", below);
-    expectFailure(stubOther(m_fs.dir()), -1, "Not stubbing special file @", m_fs.dir());
+    const std::string fifo = m_fs.path("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& special : {m_fs.dir(), fifo})
+        expectFailure(stubOther(special), -1, "Not stubbing special file @", special);
     EXPECT_EQ(attribute(m_fs.dir(), kMark), "-");
 }
 
@@ -115,7 +118,9 @@ TEST_F(DriverlessStubs, TheMarkAloneMakesAStub) {
     setAttribute(m_fs.dir(), kMark, "1");
     QZHSMLowLevelDriverless archiveDelete;
     archiveDelete.setArchiveAndDelete();
+    archiveDelete.m_errorCode = 99;
     EXPECT_EQ(archiveDelete.isStub(m_fs.dir().c_str()), 0) << "nothing is a stub to it";
+    EXPECT_EQ(archiveDelete.m_errorCode, 0);
 
     writeFile(m_ramfs.path("file"), valid);
     const struct {
@@ -134,6 +139,13 @@ TEST_F(DriverlessStubs, TheMarkAloneMakesAStub) {
             EXPECT_EQ(m_backEnd.isStub(row.path.c_str()), 0);
             expectError(row.code, row.text, row.path);
         });
+
+    const Latin1Locale locale;
+    const std::string local = m_ramfs.path("\xe4");
+    writeFile(local, valid);
+    setTimes(local, 1000, 2000);
+    EXPECT_EQ(m_backEnd.isStub(m_ramfs.path("\xc3\xa4").c_str()), 1);
+    EXPECT_NE(statOf(local).st_atime, 1000) << "times are put back on the path as it was given";
 }
 
 TEST_F(DriverlessStubs, RestoreStubKeepsWhatItCannotReplace) {
@@ -195,7 +207,9 @@ TEST_F(DriverlessStubs, BackupReadsTheAttributeBeforeTheFile) {
     writeFile(m_path, inFile);
     for (const auto& [value, expected] : {std::pair{"", inFile}, {inAttribute.c_str(), inAttribute}}) {
         setAttribute(m_path, "user.TSTUB", value);
-        ASSERT_EQ(m_backEnd.backupStub(m_path.c_str(), saved), 0) << m_backEnd.m_errorText;
+        m_backEnd.m_errorCode = 99;
+        ASSERT_EQ(m_backEnd.backupStubFromSnap(m_path.c_str(), saved), 0) << m_backEnd.m_errorText;
+        EXPECT_EQ(m_backEnd.m_errorCode, 0);
         EXPECT_EQ(saved, bytes(expected));
     }
     setAttribute(m_path, "user.TSTUB", "");

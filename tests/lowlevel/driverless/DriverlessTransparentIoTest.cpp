@@ -8,6 +8,8 @@ using DriverlessTransparentIo = BackEndTest<QZHSMLowLevelDriverless>;
 TEST_F(DriverlessTransparentIo, OpensAsItIsTold) {
     expectFailure(m_backEnd.openFileTrans(m_missing.c_str(), O_RDWR, 0640), -1,
                   "Failed to open file @: No such file or directory", m_missing);
+    EXPECT_EQ(m_backEnd.closeFileTrans(), 0);
+    expectError(0, "");
     ASSERT_EQ(m_backEnd.openFileTrans(m_missing.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640), 0);
     expectError(0, "");
     EXPECT_EQ(statOf(m_missing).st_mode & 0777, 0640U);

@@ -53,7 +53,7 @@ TEST_F(DriverlessWatching, NotesDevicesWithoutAttributes) {
 TEST_F(DriverlessWatching, MigratedTreesCountAsWatched) {
     const std::string list = m_fs.path("trees");
     writeFile(list, "/data/a/\n\n/data/b\n");
-    char host[HOST_NAME_MAX + 1]; // the client's name where the configuration has none
+    char host[HOST_NAME_MAX + 1]; // the client's name if the configuration has none
     ASSERT_EQ(::gethostname(host, sizeof host), 0);
     const TestConfig config("[MigratedDirTrees]\n" + std::string(host) + " = " + list + "\n");
     for (const auto& [dir, watched] :

@@ -158,6 +158,8 @@ TEST_F(GlusterFsStubs, CorruptStubTextMakesNoStub) {
                         "const off_t&) 178 @ is not a stub, corrupt meta-data\n");
     }
     std::vector<char> data;
+    expectFailure(m_backEnd.getStubData(m_path.c_str(), isStub, data, 0), 8,
+                  "@ is not a stub, corrupt meta-data");
     expectFailure(m_backEnd.backupStub(m_path.c_str(), data), -1, "@ is not a stub");
     expectFailure(m_backEnd.backupStub(m_missing.c_str(), data), 4,
                   "Failed to stat @: No such file or directory", m_missing);

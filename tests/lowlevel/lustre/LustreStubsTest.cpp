@@ -12,7 +12,7 @@ class LustreStubs : public BackEndTest<QZHSMLowLevelLustre, 2> {
 protected:
     int stub() { return m_backEnd.stubFile(m_path.c_str(), "abc", kModified, 0); }
     int isStub() { return m_backEnd.isStub(m_path.c_str()); }
-    /// For where "lfs" cannot be run, as the shell says.
+    /// If "lfs" cannot be run, as the shell says.
     void expectNotRun(int result, const std::string& command) const {
         EXPECT_EQ(result, -1);
         EXPECT_EQ(m_backEnd.m_errorCode, -1);
@@ -140,6 +140,10 @@ TEST_F(LustreStubs, LoseStubTextWhereTheReleaseCannotBeRun) {
     EXPECT_EQ(attribute(m_path, kStubAttribute), "text");
     expectNotRun(m_backEnd.releaseFile(m_path.c_str(), true), "lfs hsm_release");
     EXPECT_EQ(attribute(m_path, kStubAttribute), "-");
+    ::unlink(m_path.c_str());
+    expectNotRun(m_backEnd.restoreStub(m_path.c_str(), bytes(stubText("abc", 9000))), "lfs hsm_release");
+    EXPECT_EQ(attribute(m_path, kStubAttribute), "-");
+    EXPECT_EQ(statOf(m_path).st_mode & 0777, 0600U);
     expectLog("");
     expectNotRun(m_backEnd.releaseFile(m_path.c_str(), true), "lfs hsm_release");
     expectLog("-1 int QZHSMLowLevelLustre::releaseFile(const char*, bool) 214 removexattr(@) failed, "
@@ -163,6 +167,7 @@ TEST_F(LustreStubs, RestoreStubMakesAReleasedFile) {
     const auto restore = [&](const std::string& path, const std::string& data) {
         return m_backEnd.restoreStub(path.c_str(), bytes(data));
     };
+    writeFile(m_path, "what was there goes");
     EXPECT_EQ(restore(m_path, stubText("abc", 1)), 0) << m_backEnd.m_errorText;
     EXPECT_EQ(isStub(), 1);
     EXPECT_EQ(readFile(m_path), std::string(1, '\0'));
