@@ -49,6 +49,7 @@ CommandLine::CommandLine()
     addWatchVerbs(*this);
     addLustreVerbs(*this);
     addScanVerb(*this);
+    addServiceVerbs(*this);
 }
 
 CLI::Option* addText(CLI::App* verb, const std::string& name, std::string& target, const std::string& help) {

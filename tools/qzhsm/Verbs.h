@@ -12,3 +12,4 @@ void addStoreVerbs(CommandLine& line);
 void addWatchVerbs(CommandLine& line);
 void addLustreVerbs(CommandLine& line);
 void addScanVerb(CommandLine& line);
+void addServiceVerbs(CommandLine& line);
