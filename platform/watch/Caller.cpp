@@ -39,7 +39,7 @@ std::string_view lineOf(std::string_view text, std::string_view name) {
 CallerWants wantsOf(pid_t tid) {
     if (tid <= 0)
         return CallerWants::Other;
-    constexpr int kPatience = 20; // a thread that was just caught may still be said to run
+    constexpr int kPatience = 4; // a thread that was just caught may still be said to run
     for (int i = 0; i < kPatience; ++i) {
         const std::string text = readProc(tid, "syscall");
         long number = -1;
@@ -66,7 +66,7 @@ CallerWants wantsOf(pid_t tid) {
             return CallerWants::Other;
         ::sched_yield();
     }
-    return CallerWants::Other;
+    return CallerWants::Unclear;
 }
 
 std::string programOf(pid_t tid) {

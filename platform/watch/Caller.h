@@ -9,6 +9,7 @@ enum class CallerWants {
     OpenRead, ///< opens for reading only
     Truncate, ///< opens, and gives up what is in the file
     Other,    ///< anything else, or it cannot be told
+    Unclear,  ///< it still runs: to be asked again in a moment
 };
 
 /// Asks the kernel. Needs CAP_SYS_PTRACE for the threads of other users.

@@ -206,7 +206,7 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
         m_lineThere.notify_one();
         return m_group.deny(access.fd, EIO);
     }
-    const std::optional<Need> need = needOf(access, program, static_cast<std::uint64_t>(st.st_size));
+    const std::optional<Need> need = needOf(access);
     if (!need)
         return m_group.allow(access.fd);
     if (m_stopping)
@@ -224,17 +224,35 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
     m_counts.waiting += stub->waiting() - before;
 }
 
-std::optional<Need> RecallService::needOf(const HeldAccess& access, const std::string& program,
-                                          std::uint64_t size) const {
-    const CallerWants wants = wantsOf(access.tid);
-    const bool byRange = m_rules.isByRange(program, size);
-    if (access.isOpen && wants == CallerWants::Truncate)
-        return Need::Truncate;
-    if (access.isOpen && wants == CallerWants::OpenRead)
-        return byRange ? std::nullopt : std::optional(Need::Data);
-    if (!access.isOpen && wants == CallerWants::Read)
-        return byRange ? Need::Range : Need::Data;
+std::optional<Need> RecallService::needOf(const HeldAccess& access) const {
+    const auto isByRange = [&] {
+        struct stat st {};
+        return ::fstat(access.fd, &st) == 0 &&
+               m_rules.isByRange(programOf(access.tid), static_cast<std::uint64_t>(st.st_size));
+    };
+    switch (wantsOf(access.tid)) {
+    case CallerWants::Unclear:
+        return Need::Unclear;
+    case CallerWants::Truncate:
+        return access.isOpen ? Need::Truncate : Need::Ended;
+    case CallerWants::OpenRead:
+        if (!access.isOpen)
+            break;
+        return isByRange() ? std::nullopt : std::optional(Need::Data);
+    case CallerWants::Read:
+        if (access.isOpen)
+            break;
+        return isByRange() ? Need::Range : Need::Data;
+    case CallerWants::Other:
+        break;
+    }
     return Need::Ended;
+}
+
+void RecallService::reconsider(ServedStub& stub) {
+    const size_t before = stub.waiting();
+    stub.reconsider([this](const HeldAccess& access) { return needOf(access); });
+    m_counts.waiting -= before - stub.waiting();
 }
 
 // --- For those who bring the data ---
@@ -258,8 +276,9 @@ void RecallService::begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t 
     stub.begin(pieces, pieceSize);
 }
 
-std::optional<std::uint64_t> RecallService::wanted(const ServedStub& stub, std::uint64_t after) {
+std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64_t after) {
     const std::lock_guard lock(m_mutex);
+    reconsider(stub);
     if (m_stopping && !stub.isSeen())
         throw Failure(QZHSM_FAILURE, "Recall of " + stub.name() + " interrupted");
     return stub.wanted(after);
@@ -295,8 +314,9 @@ bool RecallService::isLessUrgent(const ServedStub& stub) const {
     return stub.waiting() == 0 && !m_queue.empty() && m_idle == 0;
 }
 
-bool RecallService::isGivenUp(const ServedStub& stub) const {
+bool RecallService::isGivenUp(ServedStub& stub) {
     const std::lock_guard lock(m_mutex);
+    reconsider(stub);
     return stub.isGivenUp();
 }
 

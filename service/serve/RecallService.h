@@ -63,12 +63,12 @@ public:
     Stub next(bool wait);
     void begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize);
     /// The piece to bring; none if all are there. Throws if this recall is to be given up.
-    std::optional<std::uint64_t> wanted(const ServedStub& stub, std::uint64_t after);
+    std::optional<std::uint64_t> wanted(ServedStub& stub, std::uint64_t after);
     void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
     void settle(ServedStub& stub);
     /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
     bool isLessUrgent(const ServedStub& stub) const;
-    bool isGivenUp(const ServedStub& stub) const;
+    bool isGivenUp(ServedStub& stub);
     bool isSeen(const ServedStub& stub) const;
     bool isStopping() const { return m_stopping; }
     /// Ends the work on a stub: it is none any more, or all who wait for it get EIO.
@@ -83,9 +83,9 @@ private:
     void handle(const HeldAccess& access);
     bool isPassed(pid_t tid);
     void handleStub(const HeldAccess& access, const struct stat& st);
-    std::optional<Need> needOf(const HeldAccess& access, const std::string& program,
-                               std::uint64_t size) const;
-    void pauseForBandwidth(std::uint64_t bytes);
+    /// Nothing for an access that need not wait.
+    std::optional<Need> needOf(const HeldAccess& access) const;
+    void reconsider(ServedStub& stub);
 
     PreContentGroup& m_group;
     mutable std::mutex m_mutex; ///< for all below

@@ -38,9 +38,23 @@ bool ServedStub::isMet(const Waiting& waiting) const {
         return m_settled;
     case Need::Ended:
     case Need::Truncate:
+    case Need::Unclear:
         break;
     }
     return false;
+}
+
+void ServedStub::reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf) {
+    std::erase_if(m_waiting, [&](Waiting& waiting) {
+        if (waiting.need != Need::Unclear)
+            return false;
+        const std::optional<Need> need = needOf(waiting.access);
+        waiting.need = need.value_or(Need::Range);
+        const bool met = !need || isMet(waiting);
+        if (met)
+            allow(waiting);
+        return met;
+    });
 }
 
 void ServedStub::allow(const Waiting& waiting) {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <compare>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@ enum class Need {
     Data,     ///< all data, and the times: programs look at both
     Ended,    ///< the same on the disk: what they write must not be recalled over after a power cut
     Truncate, ///< nothing: what is in the file is given up
+    Unclear,  ///< the same as `Ended`, until more is known
 };
 
 struct FileKey {
@@ -40,6 +42,9 @@ public:
 
     /// Takes the access over, or lets it go on at once.
     void add(const HeldAccess& access, Need need);
+
+    /// Asks for each access whose need is not clear what it is; nothing lets it go on.
+    void reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf);
 
     /// The recall has begun; so many pieces are missing, of `pieceSize` bytes each.
     void begin(std::uint64_t pieces, std::uint64_t pieceSize);
