@@ -115,7 +115,7 @@ void ServedStub::denyAll(int err) {
 }
 
 bool ServedStub::isGivenUp() const {
-    return m_missing == UINT64_MAX && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
-               return waiting.need == Need::Truncate;
-           });
+    return m_missing == UINT64_MAX && !m_waiting.empty() &&
+           std::ranges::all_of(m_waiting,
+                               [](const Waiting& waiting) { return waiting.need == Need::Truncate; });
 }

@@ -64,7 +64,7 @@ public:
     size_t waiting() const { return m_waiting.size(); }
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
-    /// Whether all who wait want to truncate the file, and nobody has begun to recall it.
+    /// Whether somebody waits, all who do want to truncate the file, and nobody has begun to recall it.
     bool isGivenUp() const;
 
 private:
