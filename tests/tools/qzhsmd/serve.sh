@@ -114,7 +114,7 @@ for rules in 'recall = open' $'recall = range\nrangeFrom = 0'; do
         [ ${#processes[@]} -eq 2 ] && kill -KILL "${processes[RANDOM % 2]}" && kills=$((kills + 1))
     done 2>/dev/null
     wait $stressed || fail "wrong bytes: $(<"$work/said")"
-    grep -q ' 0 refused' "$work/said" && [ $kills -gt 3 ] || fail "$kills kills: $(<"$work/said")"
+    grep -q ' 0 refused' "$work/said" && [ $kills -gt 1 ] || fail "$kills kills: $(<"$work/said")"
     for ((i = 0; i < 30; i++)); do same "$fs/f$i" "$work/copy/f$i"; done
     pkill -TERM -x qzhsmd -s 0
     for ((i = 0; i < 100; i++)); do pgrep -x qzhsmd -s 0 -r S,R,D >/dev/null || break; sleep 0.05; done
