@@ -28,17 +28,23 @@ void tellLackOfMemory() {
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, kText.data(), kText.size());
 }
 
-/// Comes where no exception may pass.
+/// Comes if an exception cannot be made, for want of memory, or where none may pass.
 [[noreturn]] void endUnexpectedly() {
+    const std::exception_ptr current = std::current_exception();
     try {
-        if (const std::exception_ptr current = std::current_exception())
+        if (current)
             std::rethrow_exception(current);
-    } catch (const std::bad_alloc&) {
-        tellLackOfMemory();
-        ::_exit(1);
+    } catch (const std::bad_alloc&) { // like no exception at all
     } catch (...) {
+        std::abort();
     }
-    std::abort();
+    tellLackOfMemory();
+    ::_exit(1);
+}
+
+/// Before the parser's own objects are made.
+[[gnu::constructor(101)]] void expectLackOfMemory() {
+    std::set_terminate(endUnexpectedly);
 }
 
 int runTool(int argc, char** argv) {
@@ -69,7 +75,6 @@ int runTool(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     occupyStandardDescriptors();
-    std::set_terminate(endUnexpectedly);
     std::ios::sync_with_stdio(false); // with it a read that fails would pass for the end
     std::signal(SIGPIPE, SIG_IGN);    // what is being done to a file comes to its end
     try {
