@@ -61,6 +61,7 @@ public:
     void skipped(const std::string& name, const std::string& reason) override {
         m_report.note(name + " was left out: " + reason);
     }
+    void walking(const std::string&) override { m_walked = true; }
     void started(const std::string&, long long) override {}
     void bytes(long long) override {}
     void done(const std::string&, const std::string&) override {}
@@ -73,7 +74,8 @@ private:
         m_logical += look.st.st_size;
         m_allocated += allocatedBytes(look.st);
         if (m_report.progress().isDue())
-            m_report.progress().draw(Progress::files(m_files, 0) + m_report.progress().rate(m_files));
+            m_report.progress().draw(Progress::files(m_files, m_walked ? 0 : m_report.given()) +
+                                     m_report.progress().rate(m_files));
         if (look.countsAsStub()) {
             ++m_stubs;
             if (m_listStubs)
@@ -121,6 +123,7 @@ private:
     Report& m_report;
     bool m_listStubs;
     Walk m_walk;
+    bool m_walked = false;
     long long m_files = 0;
     long long m_stubs = 0;
     long long m_misfits = 0;
