@@ -45,6 +45,20 @@ long long countOfList() {
     return last == '\0' ? count : count + 1;
 }
 
+/// Throws for a word in a verb's place that is none of the group's verbs.
+void requireVerb(const CLI::App& group) {
+    std::vector<std::string> verbs;
+    for (const CLI::App* verb : group.get_subcommands([](const CLI::App*) { return true; }))
+        verbs.push_back(verb->get_name());
+    const std::vector<std::string> unknown = group.remaining();
+    if (verbs.empty() || unknown.empty())
+        return;
+    if (unknown.front().starts_with('-'))
+        throw CLI::ExtrasError("qzhsm", unknown);
+    throw CLI::ParseError("There is no verb \"" + unknown.front() + '"' + suggestion(unknown.front(), verbs),
+                          CLI::ExitCodes::ExtrasError);
+}
+
 } // namespace
 
 CommandLine::CommandLine()
@@ -204,22 +218,12 @@ void CommandLine::parse(int argc, char** argv) {
         m_app.parse(argc, argv);
     } catch (const CLI::RequiredError&) {
         // A verb that does not exist is named rather than missed.
-        if (m_app.get_subcommands().empty())
-            requireVerb(m_app.remaining());
+        const std::vector<CLI::App*> given = m_app.get_subcommands();
+        const CLI::App& group = given.empty() ? m_app : *given.front();
+        if (group.get_subcommands().empty())
+            requireVerb(group);
         throw;
     }
-}
-
-void CommandLine::requireVerb(const std::vector<std::string>& unknown) const {
-    if (unknown.empty())
-        return;
-    if (unknown.front().starts_with('-'))
-        throw CLI::ExtrasError("qzhsm", unknown);
-    std::vector<std::string> verbs;
-    for (const CLI::App* verb : m_app.get_subcommands([](const CLI::App*) { return true; }))
-        verbs.push_back(verb->get_name());
-    throw CLI::ParseError("There is no verb \"" + unknown.front() + '"' + suggestion(unknown.front(), verbs),
-                          CLI::ExitCodes::ExtrasError);
 }
 
 std::string CommandLine::answer(const CLI::Success& call) const {

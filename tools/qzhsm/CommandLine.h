@@ -73,8 +73,6 @@ private:
     CLI::App* newVerb(const std::string& name, const std::string& help);
     CLI::App* addListVerb(const std::string& name, const std::string& help, const PathAction& action,
                           const Action& finish, const Action& none = {});
-    /// Throws for a verb that does not exist.
-    void requireVerb(const std::vector<std::string>& unknown) const;
 
     CLI::App m_app;
     std::map<std::string, CLI::App*, std::less<>> m_groups;
