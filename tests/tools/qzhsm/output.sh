@@ -4,7 +4,7 @@
 # shellcheck source=tests/tools/qzhsm/common.sh
 . "$(dirname "$0")/common.sh"
 store=$work/store
-"$qzhsm" store-create "$store"
+"$qzhsm" store create "$store"
 on tmpfs
 rm "$f"
 for ((byte = 1; byte < 256; byte++)); do
