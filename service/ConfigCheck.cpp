@@ -1,6 +1,7 @@
 #include "service/ConfigCheck.h"
 
 #include "platform/config/ConfigFile.h"
+#include "platform/errors/FXString.h"
 #include "service/Spelling.h"
 
 #include <algorithm>
@@ -64,7 +65,8 @@ std::vector<std::string> configWarnings() {
         warnings.push_back("QZHSM_CONFIG names " + path + ", which does not exist");
     for (const ConfigFile::Entry& entry : config.entries())
         if (const std::string found = problem(entry); !found.empty())
-            warnings.push_back(path + ":" + std::to_string(entry.line) + ": " + entry.key +
-                               " is ignored: " + found);
+            warnings.push_back(
+                FXString::Format("%s:%zu: %s is ignored: ", path.c_str(), entry.line, entry.key.c_str()) +
+                found);
     return warnings;
 }
