@@ -88,7 +88,7 @@ struct Content {
     }
 };
 
-Content readContent(const OpenFile& file, const struct stat& st, bool attributes) {
+Content readContent(const OpenFile& file, const struct stat& st, bool attributes, bool marked) {
     const UniqueFd fd = file.open(O_RDONLY);
     Content content;
     content.beginning = readAt(fd.get(), file, 0, kPage);
@@ -102,8 +102,9 @@ Content readContent(const OpenFile& file, const struct stat& st, bool attributes
                             static_cast<int>(meta.size()), true))
             content.text = content.beginning.substr(0, static_cast<size_t>(length));
     }
-    content.restIsHole =
-        isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), st, attributes);
+    if (marked || !content.text.empty()) // else it does not count, and may be long
+        content.restIsHole =
+            isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), st, attributes);
     return content;
 }
 
@@ -172,6 +173,10 @@ const char* nameOf(FileState state) {
     return "";
 }
 
+bool isOdd(FileState state) {
+    return state != FileState::Plain && state != FileState::Stub;
+}
+
 FileLook lookAt(const OpenFile& file, bool inside) {
     FileLook look;
     look.st = file.stat();
@@ -182,7 +187,7 @@ FileLook lookAt(const OpenFile& file, bool inside) {
         look.kept = readKeptText(file);
     if (look.attributes && !look.marked && !look.kept && !inside)
         return look;
-    const Content content = readContent(file, look.st, look.attributes);
+    const Content content = readContent(file, look.st, look.attributes, look.marked);
     setText(look, look.kept ? look.kept->text : content.text);
     look.state = stateOf(look, content);
     return look;

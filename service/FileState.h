@@ -26,6 +26,9 @@ enum class FileState {
 /// The state's name for people, "half recalled" for instance.
 const char* nameOf(FileState state);
 
+/// Whether the file is in a state that an undisturbed life does not lead to.
+bool isOdd(FileState state);
+
 /// What a look at a file tells.
 struct FileLook {
     struct stat st {};
@@ -38,6 +41,11 @@ struct FileLook {
     long long recordedSize = 0; ///< that the text tells
     std::string meta{};         ///< the text's metadata
     std::string why{};          ///< what tells that a stub was changed
+
+    /// Whether the back-end takes it for a stub, good or not.
+    bool countsAsStub() const {
+        return marked || state == FileState::Stub || state == FileState::ChangedStub;
+    }
 };
 
 /// Looks at a file: its mark, what is kept, and, if either is there or `inside` asks for it, its content. On

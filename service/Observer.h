@@ -23,4 +23,6 @@ public:
     virtual void skipped(const std::string& name, const std::string& reason) = 0;
     /// Something that people should know, of a file on which work goes on.
     virtual void note(const std::string& text) = 0;
+    /// The files below a directory are looked for: there is no telling how many there will be.
+    virtual void walking(const std::string&) {}
 };

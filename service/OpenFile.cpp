@@ -6,7 +6,14 @@
 
 namespace {
 
-constexpr int kOnlyTheFile = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kOnlyTheFile = O_PATH | O_CLOEXEC;
+
+UniqueFd openAt(int directory, const char* entry, int flags, const std::string& shown) {
+    UniqueFd fd(::openat(directory, entry, kOnlyTheFile | flags));
+    if (!fd.isOpen())
+        throw systemFailure("Failed to open ", shown, errno);
+    return fd;
+}
 
 void replaceAll(std::string& text, const std::string& what, const std::string& by) {
     for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
@@ -24,10 +31,12 @@ OpenFile OpenFile::named(const std::string& path) {
     return file;
 }
 
+OpenFile OpenFile::following(const std::string& path) {
+    return {openAt(AT_FDCWD, path.c_str(), 0, path), path};
+}
+
 OpenFile OpenFile::in(int directory, const char* entry, std::string shown) {
-    UniqueFd fd(::openat(directory, entry, kOnlyTheFile));
-    if (!fd.isOpen())
-        throw systemFailure("Failed to open ", shown, errno);
+    UniqueFd fd = openAt(directory, entry, O_NOFOLLOW, shown);
     return {std::move(fd), std::move(shown)};
 }
 

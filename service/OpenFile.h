@@ -15,6 +15,8 @@ public:
     /// Opens the file at a path that somebody named. A symbolic link in its last component is not followed.
     /// Nothing is read, and no driver or lease is woken. Throws if there is no such file.
     static OpenFile named(const std::string& path);
+    /// The same, following symbolic links: for whoever only looks.
+    static OpenFile following(const std::string& path);
     /// Opens an entry of an open directory; `shown` is the path that users know it by.
     static OpenFile in(int directory, const char* entry, std::string shown);
 

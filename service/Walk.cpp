@@ -10,8 +10,10 @@ void Walk::from(const std::string& path) {
     try {
         OpenFile file = OpenFile::named(path);
         const struct stat st = file.stat();
-        if (S_ISDIR(st.st_mode))
+        if (S_ISDIR(st.st_mode)) {
+            m_observer.walking(path);
             return directory(file, st.st_dev);
+        }
         if (!S_ISREG(st.st_mode))
             throw Failure(QZHSM_FAILURE, path + " is neither a regular file nor a directory");
         m_visit(std::move(file));

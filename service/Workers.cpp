@@ -11,12 +11,21 @@ constexpr size_t kMostWaiting = 64; // each holds a descriptor
 Workers::Workers(int count, const Make& make) {
     for (int i = 0; i < count; ++i)
         m_workers.push_back(make());
-    if (count > 1)
-        for (const auto& worker : m_workers)
-            m_threads.emplace_back([this, &worker = *worker] { serve(worker); });
+    try {
+        if (count > 1)
+            for (const auto& worker : m_workers)
+                m_threads.emplace_back([this, &worker = *worker] { serve(worker); });
+    } catch (...) { // those that run would be waited for, and wait
+        end();
+        throw;
+    }
 }
 
 Workers::~Workers() {
+    end();
+}
+
+void Workers::end() {
     {
         const std::lock_guard lock(m_mutex);
         m_ended = true;

@@ -44,6 +44,8 @@ public:
     void finish();
 
 private:
+    /// Has the threads end, and what waits for them left alone.
+    void end();
     void serve(FileWorker& worker);
     std::optional<OpenFile> next();
     void rethrow();

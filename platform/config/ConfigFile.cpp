@@ -26,6 +26,7 @@ struct Pass {
     const std::vector<std::string>& lines;
     size_t next = 0;
     std::map<std::string, ConfigFile::Section, std::less<>> sections{};
+    std::vector<ConfigFile::Entry> entries{};
     std::exception_ptr failure{};
 
     static char* feed(char* into, int room, void* self) noexcept {
@@ -52,6 +53,7 @@ struct Pass {
         auto& pass = *static_cast<Pass*>(self);
         try {
             pass.sections[section][key] = value;
+            pass.entries.push_back({section, key, pass.next});
         } catch (...) {
             pass.failure = std::current_exception();
         }
@@ -79,6 +81,7 @@ ConfigFile ConfigFile::read() {
 
     std::vector<std::string> lines;
     const int err = readLines(path, lines);
+    config.m_missing = err == ENOENT;
     if (err != 0 && err != ENOENT) {
         config.m_status = err;
         log.Error("ConfigFile::read", "%s", errnoText({"Failed to read ", path}, err).c_str());
@@ -92,6 +95,7 @@ ConfigFile ConfigFile::read() {
             throw std::bad_alloc();
         if (badLine == 0) {
             config.m_sections = std::move(pass.sections);
+            config.m_entries = std::move(pass.entries);
             return config;
         }
         log.Error("ConfigFile::read", "%s:%d: cannot be read, the line is skipped", path.c_str(), badLine);

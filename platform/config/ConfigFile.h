@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 /// The library's configuration, read afresh each time it is asked for. Sections and keys are case-sensitive;
 /// of a key given twice the last counts. A missing file is an empty configuration. A file that cannot be
@@ -11,6 +12,12 @@
 class ConfigFile {
 public:
     using Section = std::map<std::string, std::string, std::less<>>;
+    /// A key, where it stands.
+    struct Entry {
+        std::string section; ///< empty for a key that belongs to none
+        std::string key;
+        size_t line; ///< the first is 1
+    };
 
     /// "/etc/qzhsm/qzhsm.conf", or the file that the environment variable QZHSM_CONFIG names.
     static std::string path();
@@ -18,6 +25,10 @@ public:
 
     /// 0, also for a missing file, or the errno that reading the file met; there are no sections then.
     int status() const { return m_status; }
+    /// Whether there is no such file.
+    bool isMissing() const { return m_missing; }
+    /// All keys in the order of the file.
+    const std::vector<Entry>& entries() const { return m_entries; }
     /// Null if there is no such section, or no key in it.
     const Section* section(const std::string& name) const;
     /// Null if there is no such section or key.
@@ -25,5 +36,7 @@ public:
 
 private:
     std::map<std::string, Section, std::less<>> m_sections;
+    std::vector<Entry> m_entries;
     int m_status = 0;
+    bool m_missing = false;
 };

@@ -21,6 +21,9 @@ public:
     }
 };
 
+StderrLogWriter stderrLogWriter;
+
 } // namespace
 
-std::shared_ptr<CLogWriterInterface> g_ptrLogWriter = std::make_shared<StderrLogWriter>();
+// Owned by nobody: to allocate it as the library is loaded could end a process that is short of memory.
+std::shared_ptr<CLogWriterInterface> g_ptrLogWriter{std::shared_ptr<void>(), &stderrLogWriter};

@@ -14,6 +14,8 @@ public:
 
     void requirePath(const std::string& path) const override { requireFitting("Path", path); }
 
+    bool watches() const override { return true; }
+
     std::string advice(const std::string& path, int) override {
         return backEnd().isDMRFS(path.c_str()) == 0 ? "Its file system is not watched: see \"qzhsm watch\"."
                                                     : "";

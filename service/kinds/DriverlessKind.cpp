@@ -15,17 +15,31 @@ class DriverlessKind : public StubKind {
 public:
     explicit DriverlessKind(QZHSMLowLevelDriverless& backEnd) : StubKind(backEnd) {}
 
+    /// Goes by what the file is: advice on one that cannot be looked at could cost its data.
     std::string advice(const std::string& path, int code) override {
-        const std::string removal = "\"setfattr -x user.NkStubFile " + path + "\" ";
-        // The back-end creates its mark and never replaces it.
-        if (code == EEXIST)
-            return path +
-                   " is a stub already, or an earlier stubbing was refused after marking it. In the second "
-                   "case its data is still there: \"qzhsm info\" shows the allocated size, and " +
-                   removal + "takes the mark away.";
-        if (code == QZHSM_NOT_A_STUB && backEnd().isStub(path.c_str()) == 1)
-            return "It is marked, but has no stub text: \"qzhsm repair\" leads out of this.";
-        return {};
+        if (code != EEXIST && code != QZHSM_NOT_A_STUB)
+            return {};
+        const std::string way = ": \"qzhsm repair\" leads out of this.";
+        try {
+            const FileState state = lookAt(OpenFile::following(path), true).state;
+            switch (state) {
+            case FileState::Stub:
+            case FileState::ChangedStub:
+                return code == EEXIST ? path + " is a stub already." : "";
+            case FileState::MarkedWhole:
+                return path + " is marked as a stub, and has data that is no stub text" + way;
+            case FileState::Emptied:
+            case FileState::HalfRecalled:
+                return path + " is " + nameOf(state) + way;
+            case FileState::Lost:
+                return path + " is marked and empty, and nothing on it tells where its data is: \"qzhsm "
+                              "restore-stub\" brings the stub back if it was saved.";
+            default:
+                return {};
+            }
+        } catch (const Failure&) {
+            return {};
+        }
     }
 
     void beforeStubbing(const std::string& path, const std::string& meta, const struct stat& st) override {

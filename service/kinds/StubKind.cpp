@@ -14,6 +14,10 @@ void StubKind::requireSight() const {}
 
 void StubKind::requirePath(const std::string&) const {}
 
+bool StubKind::watches() const {
+    return false;
+}
+
 bool StubKind::isStub(const std::string& path, const struct stat& st) {
     // Nothing else is ever a stub, and to look into a pipe would be to wait for its writer.
     if (!S_ISREG(st.st_mode))

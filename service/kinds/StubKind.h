@@ -30,6 +30,8 @@ public:
     virtual void requireSight() const;
     /// Throws if the back-end would take this path for another one.
     virtual void requirePath(const std::string& path) const;
+    /// Whether to watch a file system does anything. The back-ends report a success either way.
+    virtual bool watches() const;
     /// Whether the file is a stub. A file that may not be looked at throws, and never counts as no stub.
     bool isStub(const std::string& path, const struct stat& st);
     /// What to do about a failure with `code` on this file; empty if there is nothing to say. Asks the

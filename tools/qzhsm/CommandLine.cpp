@@ -1,30 +1,62 @@
 #include "tools/qzhsm/CommandLine.h"
 
 #include "lowlevel/QZHSMLowLevelCtx.h"
+#include "service/Spelling.h"
+#include "tools/qzhsm/ShownWork.h"
 #include "tools/qzhsm/Verbs.h"
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <unistd.h>
 
 namespace {
 
 constexpr int kKindDriverless = 2;
 constexpr int kMany = 1 << 20;
 
+/// Hands out the next path; false after the last.
+using NextPath = std::function<bool(std::string& path)>;
+
 /// Does the action on each path that `nextPath` gives.
-template <class Paths>
-void forEach(Paths nextPath, StubKind& kind, Report& report, const PathAction& action) {
+void forEach(const NextPath& nextPath, StubKind& kind, Report& report, const PathAction& action) {
     for (std::string path; nextPath(path);) {
         try {
-            kind.requirePath(path);
             action(kind, report, path);
-        } catch (const OutputFailure&) {
-            throw;
         } catch (const Failure& failure) {
             report.failure(failure);
         }
     }
+}
+
+/// How many paths the list on standard input holds; 0 if only reading it would tell.
+long long countOfList() {
+    long long count = 0;
+    char piece[65536];
+    off_t at = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
+    if (at < 0)
+        return 0;
+    char last = '\0';
+    for (ssize_t got = 0; (got = ::pread(STDIN_FILENO, piece, sizeof piece, at)) > 0; at += got) {
+        count += std::count(piece, piece + got, '\0');
+        last = piece[got - 1];
+    }
+    return last == '\0' ? count : count + 1;
+}
+
+/// Throws for a word in a verb's place that is none of the group's verbs.
+void requireVerb(const CLI::App& group) {
+    std::vector<std::string> verbs;
+    for (const CLI::App* verb : group.get_subcommands([](const CLI::App*) { return true; }))
+        verbs.push_back(verb->get_name());
+    const std::vector<std::string> unknown = group.remaining();
+    if (verbs.empty() || unknown.empty())
+        return;
+    if (unknown.front().starts_with('-'))
+        throw CLI::ExtrasError("qzhsm", unknown);
+    throw CLI::ParseError("There is no verb \"" + unknown.front() + '"' + suggestion(unknown.front(), verbs),
+                          CLI::ExitCodes::ExtrasError);
 }
 
 } // namespace
@@ -69,14 +101,20 @@ CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std
 }
 
 void CommandLine::addJson(CLI::App* verb) {
-    verb->add_flag("--json", m_json, "Print JSON, one object a line");
+    verb->add_flag("--json", m_form.json, "Print JSON, one object a line");
+}
+
+CLI::Option* CommandLine::addForms(CLI::App* verb, const std::string& help) {
+    addJson(verb);
+    return verb->add_flag("-z,--null-output", m_form.null, help)->excludes("--json");
 }
 
 CLI::App* CommandLine::newVerb(const std::string& name, const std::string& help) {
     const size_t blank = name.find(' ');
-    if (blank == std::string::npos)
-        return m_app.add_subcommand(name, help);
-    return m_groups.at(name.substr(0, blank))->add_subcommand(name.substr(blank + 1), help);
+    CLI::App* parent = blank == std::string::npos ? &m_app : m_groups.at(name.substr(0, blank));
+    CLI::App* verb = parent->add_subcommand(name.substr(blank + 1), help); // all of it without a blank
+    verb->add_flag("-q,--quiet", m_form.quiet, "Tell of failures alone: no progress, no summary");
+    return verb;
 }
 
 void CommandLine::addGroup(const std::string& name, const std::string& help) {
@@ -102,11 +140,39 @@ CLI::App* CommandLine::addPathVerb(const std::string& name, const std::string& h
 
 CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
                                     const PathAction& action) {
-    return addPathsVerb(name, help, action, [](StubKind&, Report&) {});
+    const auto shown = std::make_shared<std::optional<ShownWork>>();
+    return addListVerb(
+        name, help,
+        [action, shown](StubKind& kind, Report& report, const std::string& path) {
+            if (!*shown)
+                shown->emplace(report);
+            try {
+                kind.requirePath(path);
+                action(kind, report, path);
+                (*shown)->counted();
+            } catch (const Failure& failure) {
+                (*shown)->failed(path, failure);
+            }
+        },
+        [shown](StubKind&, Report&) {
+            if (*shown)
+                (*shown)->summarise("done");
+        });
 }
 
 CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& help,
                                     const PathAction& action, const Action& finish, const Action& none) {
+    return addListVerb(
+        name, help,
+        [action](StubKind& kind, Report& report, const std::string& path) {
+            kind.requirePath(path);
+            action(kind, report, path);
+        },
+        finish, none);
+}
+
+CLI::App* CommandLine::addListVerb(const std::string& name, const std::string& help, const PathAction& action,
+                                   const Action& finish, const Action& none) {
     CLI::App* verb = newVerb(name, help);
     // The parser would take a path like "[a,b]" apart if the list were open. One of a great length is left
     // alone, and may be shorter.
@@ -126,18 +192,14 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
             return;
         }
         m_action = [paths, null, action, finish](StubKind& kind, Report& report) {
-            if (null->count() > 0) {
-                forEach([](std::string& path) { return !!std::getline(std::cin, path, '\0'); }, kind, report,
-                        action);
-                finish(kind, report);
-                if (std::cin.bad())
-                    throw Failure(QZHSM_FAILURE, "Failed to read from standard input");
-                return;
-            }
+            const bool isList = null->count() > 0;
             auto next = paths->results().begin();
             const auto end = paths->results().end();
+            report.setGiven(isList ? countOfList() : end - next);
             forEach(
                 [&](std::string& path) {
+                    if (isList)
+                        return !!std::getline(std::cin, path, '\0');
                     if (next == end)
                         return false;
                     path = *next++;
@@ -145,6 +207,8 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
                 },
                 kind, report, action);
             finish(kind, report);
+            if (isList && std::cin.bad())
+                throw Failure(QZHSM_FAILURE, "Failed to read from standard input");
         };
     });
     return verb;
@@ -155,9 +219,10 @@ void CommandLine::parse(int argc, char** argv) {
         m_app.parse(argc, argv);
     } catch (const CLI::RequiredError&) {
         // A verb that does not exist is named rather than missed.
-        const std::vector<std::string> unknown = m_app.remaining();
-        if (m_app.get_subcommands().empty() && !unknown.empty())
-            throw CLI::ExtrasError("qzhsm", unknown);
+        const std::vector<CLI::App*> given = m_app.get_subcommands();
+        const CLI::App& group = given.empty() ? m_app : *given.front();
+        if (group.get_subcommands().empty())
+            requireVerb(group);
         throw;
     }
 }

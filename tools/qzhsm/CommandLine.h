@@ -44,13 +44,17 @@ public:
     CLI::App* addPathVerb(const std::string& name, const std::string& help, const std::string& what,
                           const std::string& whatHelp, const PathAction& action);
     /// A verb for any number of paths, given as arguments or on standard input. It goes on with the next path
-    /// after a failure.
+    /// after a failure, and tells in the end how many were done.
     CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action);
-    /// The same for work that goes on after the last path was given; `finish` then brings it to its end.
-    /// With `none` the verb may be given without a path, and does that.
+    /// The same for work that goes on after the last path was given; `finish` then brings it to its end. The
+    /// verb tells itself, by `ShownWork` perhaps, how the work goes. With `none` it may be given without a
+    /// path, and does that.
     CLI::App* addPathsVerb(const std::string& name, const std::string& help, const PathAction& action,
                            const Action& finish, const Action& none = {});
+    /// --json.
     void addJson(CLI::App* verb);
+    /// --json, and --null-output, which `help` tells of. Gives the latter.
+    CLI::Option* addForms(CLI::App* verb, const std::string& help);
 
     // --- For the program ---
 
@@ -58,7 +62,7 @@ public:
     void parse(int argc, char** argv);
     /// The text that answers a call for help or for the version.
     std::string answer(const CLI::Success& call) const;
-    bool isJson() const { return m_json; }
+    const OutputForm& form() const { return m_form; }
     /// Does what the verb says, with the back-end that was chosen.
     void run(Report& report);
 
@@ -67,6 +71,8 @@ public:
 
 private:
     CLI::App* newVerb(const std::string& name, const std::string& help);
+    CLI::App* addListVerb(const std::string& name, const std::string& help, const PathAction& action,
+                          const Action& finish, const Action& none = {});
 
     CLI::App m_app;
     std::map<std::string, CLI::App*, std::less<>> m_groups;
@@ -74,7 +80,7 @@ private:
     CLI::Option* m_fs;
     std::string m_fsName;
     int m_kind;
-    bool m_json = false;
+    OutputForm m_form;
 };
 
 /// An option or argument that is text as it was typed. (The parser's own conversion takes "{}" for an empty

@@ -2,9 +2,6 @@
 
 #include <sys/resource.h>
 
-namespace {
-
-/// Files on their way are open, several hundred for each worker.
 void allowManyDescriptors() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
@@ -12,8 +9,6 @@ void allowManyDescriptors() {
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
 }
-
-} // namespace
 
 FileCrew::FileCrew(const CommandLine& line, Observer& observer, int count, const Make& make)
     : m_workers(count,

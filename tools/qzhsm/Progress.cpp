@@ -26,35 +26,40 @@ std::string sizeText(long long bytes) {
     return text;
 }
 
-Progress::Progress() : m_terminal(::isatty(STDERR_FILENO) == 1), m_start(Clock::now()), m_last(m_start) {}
+Progress::Progress(bool shown) : m_shown(shown), m_start(Clock::now()), m_last(m_start) {}
 
 bool Progress::isDue() {
-    if (!m_terminal || Clock::now() - m_last < kInterval)
+    if (!m_shown)
+        return false;
+    const std::lock_guard lock(m_mutex);
+    if (Clock::now() - m_last < kInterval)
         return false;
     m_last = Clock::now();
     return true;
 }
 
-void Progress::work(long long files, long long bytes) {
-    if (isDue())
-        draw(std::to_string(files) + " files, " + sizeText(bytes));
-}
-
-void Progress::files(long long count) {
-    if (isDue())
-        draw(std::to_string(count) + " files, " +
-             std::to_string(static_cast<long long>(static_cast<double>(count) / seconds())) + " a second");
-}
-
 void Progress::draw(const std::string& text) {
+    const std::lock_guard lock(m_mutex);
     m_drawn = true;
     put("\r" + text + "\x1b[K");
 }
 
 void Progress::clear() {
+    const std::lock_guard lock(m_mutex);
     if (m_drawn)
         put("\r\x1b[K");
     m_drawn = false;
+}
+
+std::string Progress::files(long long done, long long all) {
+    if (all == 0)
+        return std::to_string(done) + " files";
+    return std::to_string(done) + " of " + std::to_string(all) + " files, " + std::to_string(all - done) +
+           " left";
+}
+
+std::string Progress::rate(long long done) const {
+    return ", " + std::to_string(static_cast<long long>(static_cast<double>(done) / seconds())) + " a second";
 }
 
 double Progress::seconds() const {

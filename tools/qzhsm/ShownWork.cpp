@@ -25,46 +25,96 @@ bool isInterrupted() {
     return noting && interrupted != 0;
 }
 
-void ShownWork::started(const std::string&, long long) {}
+/// Writes to the list on standard output, unless that has failed before.
+template <class Write>
+void ShownWork::list(Write write) {
+    if (m_outputFailure)
+        return;
+    try {
+        write();
+    } catch (const OutputFailure&) {
+        m_outputFailure = std::current_exception();
+    }
+}
+
+void ShownWork::show() {
+    Progress& progress = m_report.progress();
+    if (!progress.isDue())
+        return;
+    const long long all = m_walked ? 0 : m_report.given();
+    const long long done = m_done + m_skipped + m_failed;
+    std::string text = Progress::files(done, all);
+    if (m_begun > 0)
+        text += ", " + sizeText(m_bytes) + (all == 1 ? " of " + sizeText(m_begun) : "");
+    progress.draw(text + progress.rate(done));
+}
+
+void ShownWork::started(const std::string&, long long size) {
+    const std::lock_guard lock(m_mutex);
+    m_begun += size;
+}
+
+void ShownWork::walking(const std::string&) {
+    const std::lock_guard lock(m_mutex);
+    m_walked = true;
+}
 
 void ShownWork::bytes(long long count) {
     const std::lock_guard lock(m_mutex);
     m_bytes += count;
-    m_progress.work(m_done, m_bytes);
+    show();
+}
+
+void ShownWork::counted() {
+    const std::lock_guard lock(m_mutex);
+    ++m_done;
+    show();
 }
 
 void ShownWork::done(const std::string& name, const std::string& what) {
     const std::lock_guard lock(m_mutex);
     ++m_done;
-    if (m_report.isJson())
-        m_report.json({{"path", name}, {"done", what}});
-    m_progress.work(m_done, m_bytes);
+    list([&] {
+        if (m_report.isJson())
+            m_report.json({{"path", name}, {"done", what}});
+        else if (m_report.isNull())
+            m_report.record(name);
+    });
+    show();
 }
 
 void ShownWork::failed(const std::string&, const Failure& failure) {
     const std::lock_guard lock(m_mutex);
     ++m_failed;
-    m_progress.clear();
     m_report.failure(failure);
 }
 
 void ShownWork::skipped(const std::string& name, const std::string& reason) {
     const std::lock_guard lock(m_mutex);
     ++m_skipped;
-    if (m_report.isJson())
-        m_report.json({{"path", name}, {"skipped", reason}});
+    m_skippedLast = name + " was left alone: " + reason;
+    list([&] {
+        if (m_report.isJson())
+            m_report.json({{"path", name}, {"skipped", reason}});
+    });
+    show();
 }
 
 void ShownWork::note(const std::string& text) {
     const std::lock_guard lock(m_mutex);
-    m_progress.clear();
     m_report.note(text);
 }
 
 void ShownWork::summarise(const std::string& done) {
-    m_progress.clear();
-    if (m_done + m_skipped + m_failed <= 1) // one file has been told of already
-        return;
-    m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) + " left alone, " +
-                  std::to_string(m_failed) + " failed, " + sizeText(m_bytes));
+    m_report.progress().clear();
+    const long long all = m_done + m_skipped + m_failed;
+    const bool isOneNamed = m_report.given() == 1 && !m_walked;
+    if (isOneNamed && all == 1 && m_skipped == 1 && !m_report.isQuiet())
+        m_report.note(m_skippedLast);
+    if (all > 1 && !m_report.isQuiet()) // a failure of one file has been told of already
+        m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) +
+                      " left alone, " + std::to_string(m_failed) + " failed" +
+                      (m_bytes > 0 ? ", " + sizeText(m_bytes) : ""));
+    if (m_outputFailure)
+        std::rethrow_exception(m_outputFailure);
 }

@@ -7,8 +7,12 @@
 #include <mutex>
 #include <string>
 
-/// Tells on standard error, and with --json on standard output, how work on many files goes. Used by all
-/// workers together.
+/// Tells on standard error how work on many files goes. With --json all that comes of it, and with
+/// --null-output the names of the files that are done, are listed on standard output. Used by all workers
+/// together.
+///
+/// A list that cannot be written does not end the work, which would be left half done: `summarise` throws
+/// the `OutputFailure`.
 class ShownWork final : public Observer {
 public:
     explicit ShownWork(Report& report) : m_report(report) {}
@@ -19,18 +23,29 @@ public:
     void failed(const std::string& name, const Failure& failure) override;
     void skipped(const std::string& name, const std::string& reason) override;
     void note(const std::string& text) override;
+    void walking(const std::string& directory) override;
+
+    /// One more is done, of which the verb itself has told.
+    void counted();
 
     /// One line for all, if they are several: how many files are `done`, how many were left alone or failed,
-    /// how many bytes.
+    /// how many bytes. Throws if a list could not be written.
     void summarise(const std::string& done);
 
 private:
+    template <class Write>
+    void list(Write write);
+    void show();
+
     std::mutex m_mutex;
     Report& m_report;
-    Progress m_progress;
+    std::exception_ptr m_outputFailure;
+    bool m_walked = false;
     long long m_bytes = 0;
+    long long m_begun = 0; ///< the bytes of files that were begun
     long long m_done = 0;
     long long m_skipped = 0;
+    std::string m_skippedLast;
     long long m_failed = 0;
 };
 

@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* kNullHelp = "List the files that were done, each name as it is and ended by NUL";
+
 /// The work of one run, which begins with the first path.
 struct Archiving {
     Archiving(const CommandLine& line, Report& report, const std::string& storeName,
@@ -84,35 +86,40 @@ void addArchive(CommandLine& line) {
         ->option_text("GLOB")
         ->allow_extra_args(false); // else it would take the paths as well
     verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");
-    verb->add_flag("--dry-run", options->dryRun, "Only tell what would be archived (with --json)");
+    verb->add_flag("--dry-run", options->dryRun, "Only list what would be archived (with --json or -z)");
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
         ->check(CLI::Range(1, 64))
         ->option_text("N");
-    line.addJson(verb);
+    line.addForms(verb, kNullHelp);
 }
 
 void addRepair(CommandLine& line) {
     struct Options {
         bool dryRun = false;
+        std::optional<ShownWork> shown;
     };
     const auto options = std::make_shared<Options>();
     CLI::App* verb = line.addPathsVerb(
         "repair", "Lead files out of what a kill, a power cut or a refusal has left; directories too",
         [options](StubKind& kind, Report& report, const std::string& path) {
             requireDriverless(kind, "repair");
-            ShownWork shown(report);
-            Walk walk(shown, [&](const OpenFile& file) {
+            if (!options->shown)
+                options->shown.emplace(report);
+            Walk walk(*options->shown, [&](const OpenFile& file) {
                 file.as([&] {
                     const FileLook look = kind.look(file);
                     if (look.state != FileState::Plain)
-                        repair(kind, file, options->dryRun, shown);
+                        repair(kind, file, options->dryRun, *options->shown);
                 });
             });
             walk.from(path);
-            shown.summarise(options->dryRun ? "to be mended" : "mended");
+        },
+        [options](StubKind&, Report&) {
+            if (options->shown)
+                options->shown->summarise(options->dryRun ? "to be mended" : "mended");
         });
     verb->add_flag("--dry-run", options->dryRun, "Only tell what would be done");
-    line.addJson(verb);
+    line.addForms(verb, kNullHelp);
 }
 
 } // namespace

@@ -16,20 +16,44 @@ std::string timeText(time_t seconds) {
     return text;
 }
 
+/// What is told of a file that is not plain, beside its row.
+std::string details(const FileLook& look) {
+    std::string text;
+    if (!look.text.empty())
+        text = "of " + std::to_string(look.recordedSize) + " bytes: " + look.meta;
+    if (look.kept)
+        text += std::string(text.empty() ? "" : "; ") + "text kept in user.TSTUB";
+    if (!look.why.empty())
+        text += (text.empty() ? "" : "; ") + look.why;
+    return text;
+}
+
 void info(StubKind& kind, Report& report, const std::string& path) {
-    const struct stat st = statFollowing(path);
-    const bool isStub = kind.isStub(path, st);
+    const OpenFile file = OpenFile::following(path);
+    const FileLook look = kind.look(file, true);
     const bool isManaged = answered(kind.backEnd(), kind.backEnd().isDMRFS(path.c_str()));
-    if (report.isJson())
-        return report.json({{"path", path},
-                            {"stub", isStub},
-                            {"managed", isManaged},
-                            {"logical", st.st_size},
-                            {"allocated", allocatedBytes(st)}});
-    char columns[64];
-    std::snprintf(columns, sizeof columns, "%-4s  %-7s  %14lld  %14lld  ", isStub ? "yes" : "no",
-                  isManaged ? "yes" : "no", static_cast<long long>(st.st_size), allocatedBytes(st));
-    report.row("stub  managed         logical       allocated  path", columns + path);
+    if (report.isJson()) {
+        Json object{{"path", path},
+                    {"stub", look.countsAsStub()},
+                    {"managed", isManaged},
+                    {"logical", look.st.st_size},
+                    {"allocated", allocatedBytes(look.st)},
+                    {"state", nameOf(look.state)}};
+        if (!look.text.empty())
+            object.update({{"metadata", look.meta}, {"recorded", look.recordedSize}});
+        if (look.state != FileState::Plain)
+            object["kept"] = look.kept.has_value();
+        if (!look.why.empty())
+            object["problem"] = look.why;
+        return report.json(std::move(object));
+    }
+    char columns[96];
+    std::snprintf(columns, sizeof columns, "%-4s  %-7s  %14lld  %14lld  %-16s  ",
+                  look.countsAsStub() ? "yes" : "no", isManaged ? "yes" : "no",
+                  static_cast<long long>(look.st.st_size), allocatedBytes(look.st), nameOf(look.state));
+    report.row("stub  managed         logical       allocated  state             path", columns + path);
+    if (const std::string text = details(look); !text.empty() && !report.isNull())
+        report.line("      " + text);
 }
 
 void showStat(StubKind& kind, Report& report, const std::string& path) {
@@ -60,8 +84,13 @@ void showStat(StubKind& kind, Report& report, const std::string& path) {
 } // namespace
 
 void addQueryVerbs(CommandLine& line) {
-    line.addJson(line.addPathsVerb(
-        "info", "Tell whether files are stubs, are managed, and how much room they take", info));
-    line.addJson(line.addPathsVerb(
-        "stat", "Show files as the back-end sees them, symbolic links not followed", showStat));
+    line.addForms(
+        line.addPathsVerb(
+            "info",
+            "Tell whether files are stubs or left in between, are managed, and how much room they take",
+            info),
+        "End each row by NUL, with the path as it is, and leave out heading and metadata");
+    line.addForms(line.addPathsVerb(
+                      "stat", "Show files as the back-end sees them, symbolic links not followed", showStat),
+                  "End each row by NUL, with the path as it is, and leave out the heading");
 }

@@ -91,5 +91,5 @@ void addRecallVerb(CommandLine& line) {
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
         ->check(CLI::Range(1, 64))
         ->option_text("N");
-    line.addJson(verb);
+    line.addForms(verb, "List the files that were recalled, each name as it is and ended by NUL");
 }

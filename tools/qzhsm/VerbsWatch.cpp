@@ -6,12 +6,20 @@
 
 namespace {
 
+void requireWatching(const StubKind& kind, const std::string& path) {
+    if (!kind.watches())
+        throw Failure(QZHSM_NOT_IMPLEMENTED, path + ": this back-end watches nothing",
+                      "The filter driver does: --fs qzfs.");
+}
+
 void watch(StubKind& kind, Report&, const std::string& path) {
     statFollowing(path);
+    requireWatching(kind, path);
     checked(kind.backEnd(), kind.backEnd().startWatchingDirTree(path.c_str()));
 }
 
 void unwatch(StubKind& kind, Report&, const std::string& path) {
+    requireWatching(kind, path);
     checked(kind.backEnd(), kind.backEnd().stopWatchingDirTree(path.c_str()));
 }
 
@@ -35,6 +43,7 @@ void resubmit(StubKind& kind, Report&) {
 void addWatchVerbs(CommandLine& line) {
     line.addPathsVerb("watch", "Watch the file systems that hold directories", watch);
     line.addPathsVerb("unwatch", "End watching the file systems that hold directories", unwatch);
-    line.addJson(line.addPathsVerb("watched", "Tell whether directories are watched", watched));
+    line.addForms(line.addPathsVerb("watched", "Tell whether directories are watched", watched),
+                  "End each row by NUL, with the path as it is, and leave out the heading");
     line.addVerb("resubmit", "Hand out again the recalls that nobody has served yet", resubmit);
 }

@@ -1,8 +1,13 @@
+#include "service/ConfigCheck.h"
 #include "tools/qzhsm/CommandLine.h"
 
 #include <csignal>
+#include <cstdlib>
+#include <exception>
 #include <fcntl.h>
 #include <iostream>
+#include <new>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -17,6 +22,31 @@ void occupyStandardDescriptors() {
             ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
 
+/// To be told without memory.
+void tellLackOfMemory() {
+    constexpr std::string_view kText = "qzhsm: Cannot allocate memory\n";
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, kText.data(), kText.size());
+}
+
+/// Comes if an exception cannot be made, for want of memory, or where none may pass.
+[[noreturn]] void endUnexpectedly() {
+    const std::exception_ptr current = std::current_exception();
+    try {
+        if (current)
+            std::rethrow_exception(current);
+    } catch (const std::bad_alloc&) { // like no exception at all
+    } catch (...) {
+        std::abort();
+    }
+    tellLackOfMemory();
+    ::_exit(1);
+}
+
+/// Before the parser's own objects are made.
+[[gnu::constructor(101)]] void expectLackOfMemory() {
+    std::set_terminate(endUnexpectedly);
+}
+
 int runTool(int argc, char** argv) {
     CommandLine commandLine;
     try {
@@ -29,7 +59,9 @@ int runTool(int argc, char** argv) {
         Report().note("see qzhsm --help, or qzhsm VERB --help");
         return kWrongUsage;
     }
-    Report report(commandLine.isJson());
+    Report report(commandLine.form());
+    for (const std::string& warning : configWarnings())
+        report.note("warning: " + warning);
     try {
         commandLine.run(report);
         report.close();
@@ -44,9 +76,14 @@ int runTool(int argc, char** argv) {
 int main(int argc, char** argv) {
     occupyStandardDescriptors();
     std::ios::sync_with_stdio(false); // with it a read that fails would pass for the end
-    std::signal(SIGPIPE, SIG_IGN);    // a closed pipe is reported like any other failure to write
+    std::signal(SIGPIPE, SIG_IGN);    // what is being done to a file comes to its end
     try {
         return runTool(argc, argv);
+    } catch (const OutputFailure& failure) {
+        if (!failure.isClosedPipe())
+            Report().failure(failure.failure());
+    } catch (const std::bad_alloc&) {
+        tellLackOfMemory();
     } catch (const Failure& failure) {
         Report().failure(failure);
     } catch (const std::exception& error) {

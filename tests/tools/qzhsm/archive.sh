@@ -12,6 +12,7 @@ touch -d @1000000000.25 "$fs"/*
 expect 2 'older-than' archive --store "$store" --older-than soon "$fs"
 expect 1 'is not a store' archive --store "$work" "$fs"
 expect 0 '^$' archive --store "$store" --older-than 1d --exclude 'o*' "$f"
+expect 0 'plain was left alone: it would free no room' archive --store "$store" "$fs/plain"
 expect 0 '1 archived, 2 left alone, 0 failed' archive --store "$store" -j 2 "$fs"
 [ "$(stat -c %.2Y "$f")" = 1000000000.25 ] || fail "archiving moved the time"
 expect 0 '2 whole, 0 left alone, 0 failed' verify "$fs"

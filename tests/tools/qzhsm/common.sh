@@ -7,7 +7,7 @@ set -uo pipefail
 plain=$1 qzhsm=$1 failures=0 work=$(mktemp -d) fs=$work/fs f=$fs/file
 mount -t tmpfs none "$work" && mkdir "$fs"
 trap 'umount -R "$work"; rmdir "$work"' EXIT
-export QZHSM_CONFIG=/nonexistent
+export QZHSM_CONFIG=/dev/null
 head -c 3000000 /dev/urandom >"$work/data" && head -c 2500000 "$work/data" >"$work/part"
 
 fail() { echo "FAILED: $*" && failures=$((failures + 1)); }

@@ -9,7 +9,7 @@ for type in tmpfs ramfs; do
     same <("$qzhsm" backup "$f" --snapshot) "$work/saved"
     comes_back
     truncate -s 4000000 "$f"
-    expect 0 'does not fit: .*file: header says 3000000 bytes, file has 4000000' scan "$fs"
+    expect 1 'does not fit: .*file: header says 3000000 bytes, file has 4000000' scan "$fs"
     refused "$f" 'changed since it was stubbed' recall "$f" --from "$work/data"
     truncate -s 3000000 "$f" && touch -d @1000000000 "$f"
     refused "$f" 'is the stub itself' recall "$f" --from "$f"

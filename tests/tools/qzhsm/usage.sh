@@ -10,7 +10,7 @@ expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work/data"
 for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit release hsm-state scan; do
     expect 0 "Usage: qzhsm $verb" "$verb" --help
 done
-expect 0 "^no +(yes|no) +3000000 +[0-9]+ +$work/data$" info "$work/data"
+expect 0 "^no +(yes|no) +3000000 +[0-9]+ +plain +$work/data$" info "$work/data"
 printf '%s\0' "$work/data" "$work/missing" "$work/part" >"$work/paths"
 [ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | wc -l)" = 2 ] || fail "a missing path ended the list"
 "$qzhsm" info / >/dev/full 2>/dev/null && fail "a full standard output went unnoticed"

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# What info and scan say of each state that a file can be in, and of one that cannot be looked at.
+# shellcheck source=tests/tools/qzhsm/common.sh
+. "$(dirname "$0")/common.sh"
+on tmpfs
+text() { # META: the stub text of $f with this metadata
+    cp --remove-destination "$work/data" "$work/other" && "$qzhsm" stub "$work/other" --meta "$1" && "$qzhsm" backup "$work/other" | base64 -w0
+}
+mark() { setfattr -n user.NkStubFile -v 1 "$1"; }
+cp "$work/data" "$fs/whole" && mark "$fs/whole"
+: >"$fs/lost" && mark "$fs/lost"
+truncate -s 3000000 "$fs/emptied" && mark "$fs/emptied" && setfattr -n user.TSTUB -v "0s$(text kept)" "$fs/emptied"
+cp "$work/data" "$fs/half" && mark "$fs/half" && setfattr -n user.TSTUB -v "0s$(text 'tape=2;recalling=1')" "$fs/half"
+cp "$work/data" "$fs/leftover" && setfattr -n user.TSTUB -v "0s$(text left)" "$fs/leftover"
+expect 0 '^$' stub "$f" --meta tape=1
+cp --sparse=always "$f" "$fs/copy"
+cp "$work/data" "$fs/changed" && "$qzhsm" stub "$fs/changed" --meta m && truncate -s 4000000 "$fs/changed"
+cp "$work/data" "$fs/plain"
+truncate -s 3000000 "$fs/sparse"
+
+while read -r name stub misfit state; do
+    expect 0 "^\{.*\"stub\":$stub,.*\"state\":\"$state\"" info --json "$fs/$name"
+    expect 0 "  $state  .*$fs/$name$" info "$fs/$name"
+    "$qzhsm" scan "$fs" >"$work/said"
+    [ $? -eq 1 ] || fail "scan is content"
+    grep -qE "does not fit: $fs/$name: ($state|header says)" "$work/said"
+    [ $? -eq "$misfit" ] || fail "scan on $name: $(<"$work/said")"
+done <<'EOF'
+whole true 0 marked and whole
+lost true 0 marked and empty
+emptied true 0 emptied
+half true 0 half recalled
+leftover false 0 plain with leftover stub text
+copy false 0 copy of a stub
+changed true 0 changed stub
+file true 1 stub
+plain false 1 plain
+sparse false 1 plain
+EOF
+expect 0 'of 3000000 bytes: tape=1$' info "$f"
+expect 0 '"state":"half recalled","metadata":"tape=2","recorded":3000000,"kept":true}' info --json "$fs/half"
+expect 0 '^files +1$' scan "$f"
+expect 1 '^\{"files":20,"stubs":12,"misfits":14,' scan --json "$fs" "$fs"
+[ "$("$qzhsm" scan --stubs "$fs" 2>/dev/null | wc -l)" = 6 ] || fail "the list of stubs"
+
+for case in whole:'qzhsm repair' emptied:'qzhsm repair' file:'is a stub already' lost:'nothing on it tells'; do
+    refused "$fs/${case%%:*}" "${case#*:}" stub "$fs/${case%%:*}" --meta m
+done
+# What could not be looked at is no plain file, and advice on it would be a guess.
+injected() { strace -qq -o /dev/null ${target:+-P "$target"} -e inject="$1" "$plain" "${@:2}"; }
+qzhsm=injected target=
+expect 1 'attribute user.NkStubFile of .*: Input/output error' getxattr:error=EIO info "$f"
+expect 1 'attribute user.NkStubFile of .*: Input/output error' getxattr:error=EIO scan "$fs"
+target=$f
+[ -z "$(injected openat:error=EIO stub "$f" --meta m 2>&1 | grep -E 'repair|setfattr')" ] || fail "advice without a look"
+target=$fs
+expect 1 'Failed to stat .*: Input/output error' newfstatat:error=EIO scan "$fs"
+qzhsm=$plain
+expect 1 'No such file or directory \(code 4\)' scan "$fs" "$fs/missing"
+expect 1 'watches nothing \(code 38\)' watch "$fs"
+expect 1 'watches nothing \(code 38\)' --fs HADOOP_FS unwatch "$fs"
+finish
