@@ -25,6 +25,9 @@ const std::vector<KnownSection>& knownSections() {
         {"Tessly/*/Sortwell", {"nINSTALL"}},
         {"Lustre", {"archiveTimeout"}},
         {"GlusterFS", {"storeId"}},
+        {"Service",
+         {"recall", "rangePrograms", "rangeFrom", "refusePrograms", "bandwidth", "workers",
+          "runtimeDirectory"}},
         {"Store/*", {"directory", "put", "get", "remove", "list", "timeout"}},
     };
     return known;

@@ -1,5 +1,6 @@
 #include "lowlevel/driverless/StubMark.h"
 #include "platform/watch/PreContentGroup.h"
+#include "service/ConfigCheck.h"
 #include "service/serve/ControlSocket.h"
 #include "tools/qzhsmd/Worker.h"
 
@@ -193,6 +194,8 @@ int main(int argc, char** argv) {
         ->option_text("...");
     CLI11_PARSE(app, argc, argv);
     try {
+        for (const std::string& warning : configWarnings())
+            std::cerr << "qzhsmd: " << warning << std::endl;
         serving.rules = ServeRules::read();
         if (takesOver) {
             ::prctl(PR_SET_NAME, "qzhsmd"); // it was executed by another name

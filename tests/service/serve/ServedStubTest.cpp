@@ -1,0 +1,76 @@
+#include "service/serve/ServedStub.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+constexpr std::uint64_t kPiece = 100;
+
+/// An access that waits is one whose descriptor is open: whoever answers closes it.
+class ServedStubTest : public testing::Test {
+protected:
+    HeldAccess access(std::uint64_t offset = 0, std::uint64_t count = 1) {
+        return {::open("/dev/null", O_RDONLY), 1, false, offset, count};
+    }
+    static bool waits(const HeldAccess& access) { return ::fcntl(access.fd, F_GETFD) >= 0; }
+
+    PreContentGroup group; // that no kernel listens to
+    ServedStub stub{group, {1, 2}, "name", "cause"};
+};
+
+TEST_F(ServedStubTest, AnswersEachWhenWhatItNeedsIsThere) {
+    const HeldAccess first = access(0, 50);
+    const HeldAccess across = access(150, 100);
+    const HeldAccess beyond = access(1000, 10);
+    const HeldAccess data = access();
+    const HeldAccess ended = access();
+    for (const HeldAccess& range : {first, across, beyond})
+        stub.add(range, Need::Range);
+    stub.add(data, Need::Data);
+    stub.add(ended, Need::Ended);
+    stub.begin(4, kPiece);
+    EXPECT_EQ(stub.wanted(3), 0U) << "those who wait longest come first";
+    stub.fill(0, kPiece);
+    EXPECT_FALSE(waits(first));
+    EXPECT_FALSE(waits(beyond)) << "what lies behind the end is nothing to wait for";
+    EXPECT_EQ(stub.wanted(3), 1U);
+    stub.fill(1, kPiece);
+    EXPECT_TRUE(waits(across));
+    EXPECT_EQ(stub.wanted(3), 2U);
+    stub.fill(2, kPiece);
+    EXPECT_FALSE(waits(across));
+    EXPECT_EQ(stub.wanted(0), 3U) << "with nobody waiting for a range it goes on from there";
+    stub.fill(3, kPiece);
+    EXPECT_EQ(stub.wanted(0), std::nullopt);
+    EXPECT_TRUE(waits(data)) << "the times are not there";
+    stub.settle();
+    EXPECT_FALSE(waits(data));
+    EXPECT_TRUE(waits(ended));
+    const HeldAccess late = access(300, 50);
+    stub.add(late, Need::Range);
+    EXPECT_FALSE(waits(late));
+    EXPECT_EQ(stub.waiting(), 1U);
+    EXPECT_TRUE(stub.isSeen());
+    stub.allowAll();
+    EXPECT_FALSE(waits(ended));
+}
+
+TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
+    EXPECT_FALSE(stub.isGivenUp()) << "nobody waits";
+    stub.add(access(), Need::Truncate);
+    EXPECT_TRUE(stub.isGivenUp());
+    const HeldAccess unclear = access();
+    stub.add(unclear, Need::Unclear);
+    EXPECT_FALSE(stub.isGivenUp());
+    stub.reconsider([](const HeldAccess&) { return std::nullopt; });
+    EXPECT_FALSE(waits(unclear)) << "it need not wait";
+    EXPECT_TRUE(stub.isGivenUp());
+    stub.begin(1, kPiece);
+    EXPECT_FALSE(stub.isGivenUp()) << "it is being recalled";
+    stub.denyAll(5);
+    EXPECT_EQ(stub.waiting(), 0U);
+}
+
+} // namespace
