@@ -1,6 +1,7 @@
 #include "service/RecallJob.h"
 
 #include "service/FileRights.h"
+#include "service/Flush.h"
 #include "service/NotedObject.h"
 #include "service/TransparentFile.h"
 
@@ -33,6 +34,7 @@ RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observ
 // --- What is looked at before the stub is touched ---
 
 bool RecallJob::isDone() {
+    m_kind.requireRecalling(m_file);
     m_flushable = m_kind.hold(m_file);
     m_look = m_kind.look(m_file);
     const std::string& name = m_file.name();
@@ -42,6 +44,9 @@ bool RecallJob::isDone() {
     case FileState::Emptied:
         return false;
     case FileState::Leftover:
+        if (!m_look.kept->recalling && m_look.st.st_size == 0)
+            throw Failure(QZHSM_NOT_A_STUB, name + " is no stub: one was to be restored here, and was not",
+                          "\"qzhsm restore-stub\" can be repeated.");
         dropKeptText(m_file);
         return true;
     case FileState::ChangedStub:
@@ -53,6 +58,7 @@ bool RecallJob::isDone() {
                       "\"qzhsm repair\" leads out of this state.");
     case FileState::Copy:
         throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data");
+    case FileState::HalfMarked:
     case FileState::Plain:
         break;
     }
@@ -82,19 +88,19 @@ void RecallJob::tellLonger() {
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
-    // A file that was half recalled has times of its own making.
+    // A file that was half recalled or half stubbed has times of that making.
     const std::optional<timespec> modified = m_source->modified();
     const timespec& found = m_look.st.st_mtim;
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
                                                                           found.tv_nsec > modified->tv_nsec));
-    if (m_look.state == FileState::Stub && isLater)
+    if (m_look.state == FileState::Stub && !m_look.kept && isLater)
         suspect(m_file.name() + " was changed since it was stubbed: it was written to later");
     if (m_source->size())
         examineLength(*m_source->size());
     m_capabilities = readCapabilities(m_file);
     putTimesBack(); // who may not do that could not end the recall
     if (m_kind.keepsTextInFile())
-        m_kept = keepText(m_file, {m_look.text, true});
+        m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
 
 void RecallJob::writeRest() {
@@ -137,6 +143,10 @@ void RecallJob::end() {
     };
     if (!m_kind.shortensLast())
         shorten();
+    // A file that was emptied, and not given its size again, does not reach to the end of a hole.
+    if (m_kind.keepsTextInFile() && m_file.stat().st_size < m_total &&
+        ::truncate(m_file.path().c_str(), m_total) < 0)
+        throw systemFailure("Failed to lengthen ", m_file.name(), errno);
     putRightsBack(m_file, m_capabilities, m_look.st.st_mode);
     putTimesBack();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
@@ -180,8 +190,7 @@ void RecallJob::putBack(const Failure& failure) {
         }
         if (m_written)
             putTimesBack();
-        if (::fsync(m_flushable.get()) < 0)
-            throw systemFailure("Failed to flush ", name, errno);
+        flushAll({{flushable(), m_look.st.st_dev}});
         if (m_kept)
             dropKeptText(m_file);
         m_observer.note(name +
@@ -232,7 +241,13 @@ void RecallJob::punch(long long from) {
     m_skipsZeros = ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
 }
 
+/// The time that goes with the data. A file on which another recall was cut off has one of that recall's
+/// making.
+timespec RecallJob::timeOfData() const {
+    const std::optional<timespec> recorded = m_source ? m_source->modified() : std::nullopt;
+    return recorded.value_or(m_look.kept ? m_look.kept->modified : m_look.st.st_mtim);
+}
+
 void RecallJob::putTimesBack() {
-    const std::optional<timespec> modified = m_source ? m_source->modified() : std::nullopt;
-    ::putTimesBack(m_file, m_look.st.st_atim, modified.value_or(m_look.st.st_mtim));
+    ::putTimesBack(m_file, m_look.st.st_atim, timeOfData());
 }

@@ -49,6 +49,7 @@ private:
     void requireStub();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from);
+    timespec timeOfData() const;
     void putTimesBack();
 
     StubKind& m_kind;
