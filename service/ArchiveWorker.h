@@ -2,6 +2,7 @@
 
 #include "service/ArchiveJob.h"
 #include "service/JobBatch.h"
+#include "service/Observer.h"
 #include "service/Workers.h"
 
 #include <ctime>
@@ -50,7 +51,8 @@ private:
 
     struct Tell {
         Observer& observer;
-        void operator()(const ArchiveJob& job, const Failure& failure) const {
+        void operator()(ArchiveJob& job, const Failure& failure) const {
+            job.giveUp();
             observer.failed(job.file().name(), failure);
         }
     };

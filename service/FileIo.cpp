@@ -2,6 +2,7 @@
 
 #include "service/Failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -49,6 +50,37 @@ std::vector<char> readUpTo(int fd, size_t size, const std::string& name,
     }
     bytes.resize(total);
     return bytes;
+}
+
+std::string parentOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return path.substr(0, std::max<size_t>(slash, 1));
+}
+
+UniqueFd openDirectory(const std::string& path) {
+    UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isOpen())
+        throw systemFailure("Failed to open ", path, errno);
+    return directory;
+}
+
+void flushDirectory(int fd, const std::string& path) {
+    if (::fsync(fd) < 0)
+        throw systemFailure("Failed to flush ", path, errno);
+}
+
+void replaceFile(const std::string& path, const std::vector<char>& bytes) {
+    const std::string parent = parentOf(path);
+    const UniqueFd directory = openDirectory(parent);
+    const std::string written = writeNewFile(parent + "/.qzhsm.XXXXXX", bytes);
+    if (::rename(written.c_str(), path.c_str()) < 0) {
+        const int err = errno;
+        ::unlink(written.c_str());
+        throw systemFailure("Failed to write ", path, err);
+    }
+    flushDirectory(directory.get(), parent);
 }
 
 std::string writeNewFile(std::string name, const std::vector<char>& bytes) {

@@ -167,6 +167,8 @@ const char* nameOf(FileState state) {
         return "half recalled";
     case FileState::Leftover:
         return "plain with leftover stub text";
+    case FileState::HalfMarked:
+        return "half marked as a stub";
     case FileState::Copy:
         return "copy of a stub";
     }

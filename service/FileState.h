@@ -20,6 +20,7 @@ enum class FileState {
     Lost,        ///< marked as a stub, empty or with a torn text, and nothing on it tells where the data is
     HalfRecalled, ///< a recall did not come to its end
     Leftover,     ///< a plain and whole file that still carries kept text
+    HalfMarked,   ///< GlusterFS: carries one to four of a stub's five attributes
     Copy,         ///< holds a stub's text and no data, but carries no mark: a copy of a stub
 };
 

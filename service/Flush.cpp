@@ -2,9 +2,21 @@
 
 #include "service/Failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+/// A directory's own flush would leave out what is in its files.
+bool isDirectory(int fd) {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+} // namespace
 
 void flushAll(const std::vector<Flushable>& files) {
     constexpr size_t kFew = 2; // a flush of the whole file system also waits for what others wrote
@@ -12,7 +24,7 @@ void flushAll(const std::vector<Flushable>& files) {
     for (const Flushable& file : files)
         byDevice[file.device].push_back(file.fd);
     for (const auto& [device, fds] : byDevice) {
-        if (fds.size() > kFew) {
+        if (fds.size() > kFew || std::ranges::any_of(fds, isDirectory)) {
             if (::syncfs(fds.front()) < 0)
                 throw systemFailure("Failed to flush the file system", "", errno);
             continue;

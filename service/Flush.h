@@ -4,7 +4,9 @@
 #include <vector>
 
 struct Flushable {
-    int fd; ///< open for reading or writing, from before what is to be flushed
+    /// Open for reading or writing, from before what is to be flushed. A directory stands for a file in it
+    /// that is not to be opened.
+    int fd;
     dev_t device;
 };
 

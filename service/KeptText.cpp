@@ -3,6 +3,7 @@
 #include "platform/stub/StubText.h"
 
 #include <cerrno>
+#include <charconv>
 #include <string_view>
 #include <sys/xattr.h>
 #include <vector>
@@ -11,9 +12,10 @@ namespace {
 
 constexpr const char* kAttribute = "user.TSTUB";
 
-/// Ends the metadata of a text that is kept for a recall. Programs that back the stub up and restore it from
-/// such a text get a good stub all the same.
-constexpr std::string_view kRecalling = ";recalling=1";
+/// One of these and a time in nanoseconds end the metadata of a text that is kept. Programs that back the
+/// stub up and restore it from such a text get a good stub all the same.
+constexpr std::string_view kRecalling = ";recalling=";
+constexpr std::string_view kStubbing = ";stubbing=";
 
 struct Decoded {
     std::string meta;
@@ -39,6 +41,26 @@ std::string encode(const Decoded& decoded) {
     return text;
 }
 
+std::string nanoseconds(const timespec& time) {
+    return std::to_string(time.tv_sec * 1'000'000'000LL + time.tv_nsec);
+}
+
+/// Takes the purpose from the end of the metadata, if it is this one, and gives its time.
+std::optional<timespec> takePurpose(std::string& meta, std::string_view purpose) {
+    const size_t at = meta.rfind(purpose);
+    if (at == std::string::npos)
+        return {};
+    long long modified = 0;
+    const char* end = meta.data() + meta.size();
+    const auto [stop, error] = std::from_chars(meta.data() + at + purpose.size(), end, modified);
+    if (error != std::errc() || stop != end)
+        return {};
+    meta.resize(at);
+    constexpr long long kSecond = 1'000'000'000;
+    const long long within = ((modified % kSecond) + kSecond) % kSecond; // also before 1970
+    return timespec{(modified - within) / kSecond, within};
+}
+
 } // namespace
 
 std::optional<KeptText> readKeptText(const OpenFile& file) {
@@ -57,28 +79,30 @@ std::optional<KeptText> readKeptText(const OpenFile& file) {
     std::optional<Decoded> decoded = decode(value);
     if (!decoded)
         return {};
-    if (!decoded->meta.ends_with(kRecalling))
-        return KeptText{value, false};
-    decoded->meta.resize(decoded->meta.size() - kRecalling.size());
-    return KeptText{encode(*decoded), true};
+    for (const bool recalling : {true, false}) {
+        const std::optional<timespec> modified =
+            takePurpose(decoded->meta, recalling ? kRecalling : kStubbing);
+        if (modified)
+            return KeptText{encode(*decoded), recalling, *modified};
+    }
+    return KeptText{value, false, file.stat().st_mtim};
 }
 
 bool keepText(const OpenFile& file, const KeptText& kept) {
-    std::string value = kept.text;
-    if (kept.recalling) {
-        std::optional<Decoded> decoded = decode(kept.text);
-        if (!decoded)
-            throw Failure(QZHSM_NOT_A_STUB, file.name() + " has no valid stub text");
-        decoded->meta += kRecalling;
-        value = encode(*decoded);
-        if (value.empty())
-            return false;
-    }
+    std::optional<Decoded> decoded = decode(kept.text);
+    if (!decoded)
+        throw Failure(QZHSM_NOT_A_STUB, file.name() + " has no valid stub text");
+    decoded->meta.append(kept.recalling ? kRecalling : kStubbing).append(nanoseconds(kept.modified));
+    const std::string value = encode(*decoded);
+    if (value.empty())
+        return false;
     if (::setxattr(file.path().c_str(), kAttribute, value.data(), value.size(), 0) == 0)
         return true;
     // ext4 has room for one block's worth of attributes; EDQUOT is as good a reason to work without.
-    if (errno == EOPNOTSUPP || errno == ENOSPC || errno == E2BIG || errno == ERANGE || errno == EDQUOT)
+    if (errno == EOPNOTSUPP || errno == ENOSPC || errno == E2BIG || errno == ERANGE || errno == EDQUOT) {
+        dropKeptText(file); // an older one would be taken for this one
         return false;
+    }
     throw systemFailure("Failed to set attribute user.TSTUB of ", file.name(), errno);
 }
 

@@ -2,6 +2,7 @@
 
 #include "service/OpenFile.h"
 
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -9,8 +10,10 @@
 /// come or go. Whatever ends the work in between, the pointer to the data is still there: `backupStub` reads
 /// it before the file.
 struct KeptText {
-    std::string text;       ///< the whole stub text, as it stands in the stub
-    bool recalling = false; ///< kept for a recall; else for an archiving
+    std::string text; ///< the whole stub text, as it stands in the stub
+    bool recalling;   ///< kept for a recall; else while a stub is made
+    /// The modification time that belongs to the file, which each write into it moves.
+    timespec modified;
 };
 
 /// What is kept in the file's attribute; nothing if there is no such attribute or no stub text in it. Throws

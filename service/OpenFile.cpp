@@ -35,9 +35,11 @@ OpenFile OpenFile::following(const std::string& path) {
     return {openAt(AT_FDCWD, path.c_str(), 0, path), path};
 }
 
-OpenFile OpenFile::in(int directory, const char* entry, std::string shown) {
+OpenFile OpenFile::in(int directory, const char* entry, std::string shown, size_t tree) {
     UniqueFd fd = openAt(directory, entry, O_NOFOLLOW, shown);
-    return {std::move(fd), std::move(shown)};
+    OpenFile file(std::move(fd), std::move(shown));
+    file.m_tree = tree;
+    return file;
 }
 
 struct stat OpenFile::stat() const {

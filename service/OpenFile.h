@@ -17,8 +17,9 @@ public:
     static OpenFile named(const std::string& path);
     /// The same, following symbolic links: for whoever only looks.
     static OpenFile following(const std::string& path);
-    /// Opens an entry of an open directory; `shown` is the path that users know it by.
-    static OpenFile in(int directory, const char* entry, std::string shown);
+    /// Opens an entry of an open directory; `shown` is the path that users know it by. So many bytes of that
+    /// are the path of a tree that somebody named.
+    static OpenFile in(int directory, const char* entry, std::string shown, size_t tree = 0);
 
     /// A file that is open for no access already.
     static OpenFile of(UniqueFd fd, std::string shown) { return {std::move(fd), std::move(shown)}; }
@@ -29,6 +30,9 @@ public:
     const std::string& name() const { return m_name; }
     /// A path that leads to this very file, for interfaces that take paths and follow links.
     const std::string& path() const { return m_path; }
+
+    /// The path below the directory that somebody named, or, if this very file was named, as it was named.
+    std::string_view relative() const { return std::string_view(m_name).substr(m_tree); }
 
     /// Whether somebody named this very file, rather than a directory above it.
     bool isNamed() const { return m_named; }
@@ -55,5 +59,6 @@ private:
     UniqueFd m_fd;
     std::string m_name;
     std::string m_path;
+    size_t m_tree = 0;
     bool m_named = false;
 };

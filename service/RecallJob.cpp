@@ -1,6 +1,7 @@
 #include "service/RecallJob.h"
 
 #include "service/FileRights.h"
+#include "service/Flush.h"
 #include "service/NotedObject.h"
 #include "service/TransparentFile.h"
 
@@ -33,6 +34,7 @@ RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observ
 // --- What is looked at before the stub is touched ---
 
 bool RecallJob::isDone() {
+    m_kind.requireRecalling(m_file);
     m_flushable = m_kind.hold(m_file);
     m_look = m_kind.look(m_file);
     const std::string& name = m_file.name();
@@ -42,6 +44,9 @@ bool RecallJob::isDone() {
     case FileState::Emptied:
         return false;
     case FileState::Leftover:
+        if (!m_look.kept->recalling && m_look.st.st_size == 0)
+            throw Failure(QZHSM_NOT_A_STUB, name + " is no stub: one was to be restored here, and was not",
+                          "\"qzhsm restore-stub\" can be repeated.");
         dropKeptText(m_file);
         return true;
     case FileState::ChangedStub:
@@ -53,6 +58,7 @@ bool RecallJob::isDone() {
                       "\"qzhsm repair\" leads out of this state.");
     case FileState::Copy:
         throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data");
+    case FileState::HalfMarked:
     case FileState::Plain:
         break;
     }
@@ -82,19 +88,19 @@ void RecallJob::tellLonger() {
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
-    // A file that was half recalled has times of its own making.
+    // A file that was half recalled or half stubbed has times of that making.
     const std::optional<timespec> modified = m_source->modified();
     const timespec& found = m_look.st.st_mtim;
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
                                                                           found.tv_nsec > modified->tv_nsec));
-    if (m_look.state == FileState::Stub && isLater)
+    if (m_look.state == FileState::Stub && !m_look.kept && isLater)
         suspect(m_file.name() + " was changed since it was stubbed: it was written to later");
     if (m_source->size())
         examineLength(*m_source->size());
     m_capabilities = readCapabilities(m_file);
     putTimesBack(); // who may not do that could not end the recall
     if (m_kind.keepsTextInFile())
-        m_kept = keepText(m_file, {m_look.text, true});
+        m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
 
 void RecallJob::writeRest() {
@@ -129,8 +135,15 @@ void RecallJob::writePage() {
     file.close();
 }
 
+void RecallJob::beginPieces() {
+    m_total = m_look.recordedSize;
+    // A file that was emptied may lack its size; readers see it from the first piece on.
+    if (m_look.st.st_size < m_total && ::truncate(m_file.path().c_str(), m_total) < 0)
+        throw systemFailure("Failed to lengthen ", m_file.name(), errno);
+}
+
 void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
-    if (m_file.stat().st_size != m_look.st.st_size)
+    if (m_file.stat().st_size != std::max<long long>(m_look.st.st_size, m_total))
         throw Failure(QZHSM_BUSY, m_file.name() + " was truncated or extended while it was recalled");
     m_written = m_pageWritten = true;
     const size_t text = offset == 0 ? std::min(endOfPage(m_look.text), bytes.size()) : 0;
@@ -154,6 +167,10 @@ void RecallJob::end() {
     };
     if (!m_kind.shortensLast())
         shorten();
+    // A file that was emptied, and not given its size again, does not reach to the end of a hole.
+    if (m_kind.keepsTextInFile() && m_file.stat().st_size < m_total &&
+        ::truncate(m_file.path().c_str(), m_total) < 0)
+        throw systemFailure("Failed to lengthen ", m_file.name(), errno);
     putRightsBack(m_file, m_capabilities, m_look.st.st_mode);
     putTimesBack();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
@@ -197,8 +214,7 @@ void RecallJob::putBack(const Failure& failure) {
         }
         if (m_written)
             putTimesBack();
-        if (::fsync(m_flushable.get()) < 0)
-            throw systemFailure("Failed to flush ", name, errno);
+        flushAll({{flushable(), m_look.st.st_dev}});
         if (m_kept)
             dropKeptText(m_file);
         m_observer.note(name +
@@ -257,7 +273,13 @@ void RecallJob::punchHole(long long from, long long count) const {
         throw systemFailure("Failed to punch a hole into ", m_file.name(), errno);
 }
 
+/// The time that goes with the data. A file on which another recall was cut off has one of that recall's
+/// making.
+timespec RecallJob::timeOfData() const {
+    const std::optional<timespec> recorded = m_source ? m_source->modified() : std::nullopt;
+    return recorded.value_or(m_look.kept ? m_look.kept->modified : m_look.st.st_mtim);
+}
+
 void RecallJob::putTimesBack() {
-    const std::optional<timespec> modified = m_source ? m_source->modified() : std::nullopt;
-    ::putTimesBack(m_file, m_look.st.st_atim, modified.value_or(m_look.st.st_mtim));
+    ::putTimesBack(m_file, m_look.st.st_atim, timeOfData());
 }

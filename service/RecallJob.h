@@ -37,8 +37,8 @@ public:
     /// each once, in any order, with no flush in between. Readers may be let at what was written, but not
     /// writers.
     bool isKept() const { return m_kept; }
+    void beginPieces();
     void writePiece(const std::vector<char>& bytes, long long offset);
-    void endPieces() { m_total = m_look.recordedSize; }
 
     /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
     /// both.
@@ -57,6 +57,7 @@ private:
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from);
     void punchHole(long long from, long long count) const;
+    timespec timeOfData() const;
     void putTimesBack();
 
     StubKind& m_kind;

@@ -1,17 +1,13 @@
 #include "service/Repair.h"
 
+#include "service/FileIo.h"
 #include "service/FileRights.h"
-
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <unistd.h>
+#include "service/Flush.h"
 
 namespace {
 
 void flush(int fd, const OpenFile& file) {
-    if (::fsync(fd) < 0)
-        throw systemFailure("Failed to flush ", file.name(), errno);
+    flushAll({{fd, file.stat().st_dev}});
 }
 
 /// The file is whole: what makes it look like a stub goes.
@@ -22,22 +18,18 @@ void makePlain(StubKind& kind, const OpenFile& file, const FileLook& look, int f
     flush(fd, file);
 }
 
-void putTimeBack(const OpenFile& file, const FileLook& look) {
-    constexpr long long kSecond = 1'000'000'000;
-    const size_t at = look.meta.find(kModified);
-    if (at == std::string::npos)
-        return;
-    const long long modified = std::atoll(look.meta.c_str() + at + std::strlen(kModified));
-    putTimesBack(file, look.st.st_atim, {modified / kSecond, modified % kSecond});
+/// The file is a stub: what was kept is not needed any more.
+void endStub(StubKind&, const OpenFile& file, const FileLook& look, int fd) {
+    putTimesBack(file, look.st.st_atim, look.kept->modified);
+    dropKeptText(file);
+    flush(fd, file);
 }
 
 /// The text that is kept comes back into the file, which is a stub then.
 void makeStub(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
     kind.putBack(file.path(), {look.text.begin(), look.text.end()}, look.recordedSize);
-    putTimeBack(file, look);
     flush(fd, file);
-    dropKeptText(file);
-    flush(fd, file);
+    endStub(kind, file, look, fd);
 }
 
 } // namespace
@@ -54,10 +46,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
     case FileState::Stub:
         if (!look.kept)
             return observer.skipped(name, "there is nothing to mend");
-        wayOut = [](StubKind&, const OpenFile& stub, const FileLook&, int flushable) {
-            dropKeptText(stub);
-            flush(flushable, stub);
-        };
+        wayOut = endStub;
         outcome = "a stub, whose text was kept twice";
         break;
     case FileState::MarkedWhole:
@@ -69,6 +58,16 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
     case FileState::HalfRecalled:
         wayOut = makeStub;
         outcome = "a stub again, to be recalled";
+        break;
+    case FileState::HalfMarked:
+        if (!look.text.empty() && allocatedBytes(look.st) < look.st.st_size)
+            throw Failure(QZHSM_FAILURE, name + " is half marked as a stub, and its data is not all here",
+                          "\"qzhsm restore-stub\" completes it. Its metadata is " + look.meta);
+        wayOut = [](StubKind& marking, const OpenFile& marked, const FileLook&, int flushable) {
+            marking.clearMarks(marking.pathOf(marked));
+            flush(flushable, marked);
+        };
+        outcome = "an ordinary file, whole";
         break;
     case FileState::ChangedStub:
         throw Failure(QZHSM_FAILURE, name + " was changed since it was stubbed: " + look.why,

@@ -1,25 +1,123 @@
 #include "service/Stubbing.h"
 
 #include "service/FileIo.h"
+#include "service/StubJob.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
-void makeStub(StubKind& kind, const std::string& path, const std::string& meta,
-              std::optional<time_t> refTime) {
-    const struct stat st = statFollowing(path);
-    kind.beforeStubbing(path, meta, st);
-    if (kind.backEnd().stubFile(path.c_str(), meta.c_str(), refTime.value_or(st.st_mtime), st.st_size) < 0)
-        throw kind.lastFailure(path);
-    kind.afterStubbing(path);
+namespace {
+
+/// A file that is made for a stub to be restored into: the back-end's mark needs one to land on.
+class NewFile {
+public:
+    explicit NewFile(const std::string& path)
+        : m_path(path), m_parent(parentOf(path)), m_name(path.substr(path.rfind('/') + 1)),
+          m_directory(openDirectory(m_parent)) {
+        const UniqueFd file(
+            ::openat(m_directory.get(), m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (!file.isOpen() || ::fstat(file.get(), &m_made) < 0)
+            throw systemFailure("Failed to create ", path, errno);
+    }
+
+    OpenFile open() const {
+        OpenFile file = OpenFile::in(m_directory.get(), m_name.c_str(), m_path);
+        if (!isSameFile(file.stat(), m_made))
+            throw Failure(QZHSM_BUSY, m_path + " was replaced while it was made");
+        return file;
+    }
+    void flush() const { flushDirectory(m_directory.get(), m_parent); }
+    void remove() const {
+        struct stat now {};
+        if (::fstatat(m_directory.get(), m_name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+            isSameFile(now, m_made))
+            ::unlinkat(m_directory.get(), m_name.c_str(), 0);
+        ::fsync(m_directory.get());
+    }
+
+private:
+    std::string m_path;
+    std::string m_parent;
+    std::string m_name;
+    UniqueFd m_directory;
+    struct stat m_made {};
+};
+
+/// The restoring of one stub into a file that is there.
+class RestoreJob : public StubJob {
+public:
+    using StubJob::StubJob;
+
+    void restore(const std::vector<char>& stubData, long long size) {
+        hold();
+        const std::string path = kind().pathOf(file());
+        bool isOurs = false; // what mark there may be
+        try {
+            keepText({stubData.begin(), stubData.end()}, size);
+            flush();
+            isOurs = true;
+            make(path, [&] {
+                const int result = kind().restore(path, stubData);
+                isOurs = result >= 0 || kind().backEnd().m_errorCode != EEXIST;
+                return result;
+            });
+            flush();
+        } catch (...) {
+            undo(path, isOurs);
+            throw;
+        }
+        end();
+        flush();
+    }
+
+    /// Whether another restore of this stub was cut off here, or nothing is left that could be lost.
+    bool isHalfDone(const std::vector<char>& stubData) const {
+        const bool isSame = look().kept && look().kept->text == std::string(stubData.begin(), stubData.end());
+        return look().state == FileState::Lost || (look().state == FileState::Emptied && isSame);
+    }
+
+    void complete(const std::vector<char>& stubData, long long size) {
+        hold();
+        keepText({stubData.begin(), stubData.end()}, size);
+        flush();
+        completeText();
+        flush();
+        end();
+        flush();
+    }
+
+private:
+    void undo(const std::string& path, bool isOurs) {
+        try {
+            if (isOurs)
+                kind().undoRestoring(path, look().st);
+            if (look().st.st_size == 0 || !isEmptied())
+                end();
+            flush();
+        } catch (const Failure&) { // the first one is told
+        }
+    }
+};
+
+std::optional<OpenFile> find(const std::string& path) {
+    try {
+        return OpenFile::named(path);
+    } catch (const Failure& failure) {
+        if (failure.code() == QZHSM_NOT_FOUND)
+            return {};
+        throw;
+    }
 }
 
-std::vector<char> saveStub(StubKind& kind, const std::string& path, bool fromSnapshot) {
+} // namespace
+
+std::vector<char> saveStub(StubKind& kind, const OpenFile& file, bool fromSnapshot) {
     QZHSMLowLevel& backEnd = kind.backEnd();
-    const struct stat st = statFollowing(path);
+    const struct stat st = file.stat();
     if (!S_ISREG(st.st_mode))
-        throw Failure(QZHSM_NOT_A_STUB, path + " is not a stub.");
+        throw Failure(QZHSM_NOT_A_STUB, file.name() + " is not a stub.");
+    const std::string path = kind.pathOf(file);
     std::vector<char> data;
     if (fromSnapshot) {
         checked(backEnd, backEnd.backupStubFromSnap(path.c_str(), data));
@@ -28,35 +126,29 @@ std::vector<char> saveStub(StubKind& kind, const std::string& path, bool fromSna
         checked(backEnd, backEnd.backupStub(path.c_str(), data));
     }
     if (!readFacts(data))
-        throw Failure(QZHSM_NOT_A_STUB, "The stub " + path + " has no valid stub text");
+        throw Failure(QZHSM_NOT_A_STUB, "The stub " + file.name() + " has no valid stub text");
     return data;
 }
 
 void restoreStub(StubKind& kind, const std::string& path, const std::vector<char>& stubData, bool force) {
-    QZHSMLowLevel& backEnd = kind.backEnd();
-    struct stat before {};
-    const bool exists = ::stat(path.c_str(), &before) == 0;
-    if (!exists && errno != ENOENT)
-        throw systemFailure("Failed to stat ", path, errno);
-    kind.beforeRestoring(path, readFacts(stubData).value(), exists ? &before : nullptr, force);
-
-    if (!exists) { // the back-end's mark needs a file to land on
-        const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-        if (!file.isOpen())
-            throw systemFailure("Failed to create ", path, errno);
+    const StubFacts saved = readFacts(stubData).value();
+    if (std::optional<OpenFile> found = find(path)) {
+        RestoreJob job(kind, std::move(*found));
+        return job.file().as([&] {
+            if (job.isHalfDone(stubData))
+                return job.complete(stubData, saved.fileSize);
+            kind.beforeRestoring(kind.pathOf(job.file()), saved, &job.look().st, force);
+            job.restore(stubData, saved.fileSize);
+        });
     }
-    bool markWasThere = false; // it is not ours to remove then
+    kind.beforeRestoring(path, saved, nullptr, force);
+    const NewFile made(path);
     try {
-        if (backEnd.restoreStub(path.c_str(), stubData) < 0) {
-            markWasThere = backEnd.m_errorCode == EEXIST;
-            throw kind.lastFailure(path);
-        }
-        kind.afterStubbing(path);
+        made.flush();
+        RestoreJob job(kind, made.open());
+        job.file().as([&] { job.restore(stubData, saved.fileSize); });
     } catch (...) {
-        if (!exists)
-            ::unlink(path.c_str());
-        else if (!markWasThere)
-            kind.undoRestoring(path, before);
+        made.remove();
         throw;
     }
 }

@@ -2,22 +2,20 @@
 
 #include "service/kinds/StubKind.h"
 
-#include <ctime>
-#include <optional>
 #include <string>
 #include <vector>
 
-// Stubs made, saved and restored, with everything looked at that the back-ends leave to their callers. What
-// must not be done, or fails, throws `Failure`.
-
-/// Turns a file whose data has been archived into a stub. `refTime` is the modification time that it had
-/// then; without it the file's own counts, and a later change is not noticed.
-void makeStub(StubKind& kind, const std::string& path, const std::string& meta,
-              std::optional<time_t> refTime);
+// Stubs saved and restored, with everything looked at that the back-ends leave to their callers. What must
+// not be done, or fails, throws `Failure`.
 
 /// A stub's data, valid stub text. `fromSnapshot`: the stub lies in a snapshot of the file system.
-std::vector<char> saveStub(StubKind& kind, const std::string& path, bool fromSnapshot);
+std::vector<char> saveStub(StubKind& kind, const OpenFile& file, bool fromSnapshot);
 
-/// Makes a stub again. `stubData` is whole stub data; `force` allows the loss of a file that holds data.
-/// After a failure a file that was there before is what it was, with `force` perhaps without its data.
+/// Makes a stub again, down to the disk. `stubData` is whole stub data; `force` allows the loss of a file
+/// that holds data. A symbolic link is not followed.
+///
+/// A missing file is made empty first; then the text is kept in the file's attribute, and the stub is made.
+/// After a kill there is no file, an empty one, or one that `repair` names; the restore can be repeated then.
+/// After a failure a file that was there before is what it was; with `force`, and its data gone, it is left
+/// to `repair`.
 void restoreStub(StubKind& kind, const std::string& path, const std::vector<char>& stubData, bool force);

@@ -10,6 +10,7 @@ void Walk::from(const std::string& path) {
     try {
         OpenFile file = OpenFile::named(path);
         const struct stat st = file.stat();
+        m_tree = path.size();
         if (S_ISDIR(st.st_mode)) {
             m_observer.walking(path);
             return directory(file, st.st_dev);
@@ -49,7 +50,7 @@ void Walk::directory(const OpenFile& directory, dev_t device) {
 
 void Walk::entry(int parent, const char* name, const std::string& path, dev_t device) {
     try {
-        OpenFile file = OpenFile::in(parent, name, path);
+        OpenFile file = OpenFile::in(parent, name, path, m_tree);
         const struct stat st = file.stat();
         if (st.st_dev != device) {
             if (S_ISDIR(st.st_mode))

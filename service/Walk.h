@@ -29,6 +29,7 @@ private:
 
     Observer& m_observer;
     Visit m_visit;
+    size_t m_tree = 0; ///< the length of the path that was named
     std::function<bool(const std::string&, const std::string&)> m_leaveOut = [](const auto&, const auto&) {
         return false;
     };

@@ -16,6 +16,8 @@ public:
 
     bool watches() const override { return true; }
 
+    void requireStores() const override {}
+
     std::string advice(const std::string& path, int) override {
         return backEnd().isDMRFS(path.c_str()) == 0 ? "Its file system is not watched: see \"qzhsm watch\"."
                                                     : "";

@@ -56,6 +56,10 @@ public:
 
     bool keepsTextInFile() const override { return true; }
 
+    void requireStores() const override {}
+
+    void requireRepair() const override {}
+
     /// The back-end follows links, this one too, so no name is needed again.
     std::string pathOf(const OpenFile& file) const override { return file.path(); }
 
@@ -64,18 +68,26 @@ public:
     /// Two recalls at once would each take the other's first writes for the stub's.
     UniqueFd hold(const OpenFile& file) override {
         UniqueFd lock = file.open(O_RDONLY | O_NONBLOCK);
-        if (::flock(lock.get(), LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK)
+        int result = ::flock(lock.get(), LOCK_EX | LOCK_NB);
+        if (result < 0 && errno == EBADF) { // NFS locks only what is open for writing
+            lock = file.open(O_RDWR | O_NONBLOCK);
+            result = ::flock(lock.get(), LOCK_EX | LOCK_NB);
+        }
+        if (result < 0 && errno == EWOULDBLOCK)
             throw Failure(QZHSM_BUSY, "Another recall of " + file.name() + " is under way");
+        if (result < 0)
+            throw systemFailure("Failed to lock ", file.name(), errno);
         return lock;
     }
 
     /// Whatever holds stub text can be saved, marked or not.
     void beforeBackup(const std::string&, const struct stat&) override {}
 
-    /// A refusal can come after the file was marked.
+    /// A file that held data which is gone now stays marked: what is kept makes it the stub.
     void undoRestoring(const std::string& path, const struct stat& before) override {
-        backEnd().restoreDone(path.c_str(), true, {});
         StubKind::undoRestoring(path, before);
+        if (before.st_size == 0)
+            backEnd().restoreDone(path.c_str(), true, {});
     }
 
     /// The beginning of the source tells, and costs it no change of times.

@@ -59,7 +59,12 @@ public:
         StubKind::undoRestoring(path, before);
     }
 
-    UniqueFd hold(const OpenFile& file) override {
+    void requireStores() const override {
+        throw Failure(QZHSM_NOT_IMPLEMENTED, "Lustre moves its files' data to an archive and back by itself",
+                      "\"qzhsm stub\" has it archive and release a file.");
+    }
+
+    void requireRecalling(const OpenFile& file) const override {
         throw Failure(QZHSM_NOT_IMPLEMENTED, "Nothing but Lustre recalls " + file.name(),
                       "It does so when the file is read, or by \"lfs hsm_restore\".");
     }

@@ -70,13 +70,21 @@ FileLook StubKind::look(const OpenFile& file, bool) {
     return look;
 }
 
+void StubKind::requireStores() const {
+    throw Failure(QZHSM_NOT_IMPLEMENTED, "Files of this back-end are not put into stores");
+}
+
+void StubKind::requireRepair() const {
+    requireStores();
+    throw Failure(QZHSM_NOT_IMPLEMENTED, "repair is for driverless stubs and GlusterFS only");
+}
+
+void StubKind::requireRecalling(const OpenFile&) const {}
+
 UniqueFd StubKind::hold(const OpenFile& file) {
     // Not the file itself: to open it could be to recall it.
     const std::string parent = std::filesystem::path(pathOf(file)).parent_path();
-    UniqueFd directory(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!directory.isOpen())
-        throw systemFailure("Failed to open ", parent, errno);
-    return directory;
+    return openDirectory(parent);
 }
 
 std::string StubKind::advice(const std::string&, int) {
@@ -97,6 +105,10 @@ void StubKind::beforeStubbing(const std::string& path, const std::string&, const
     if (!S_ISREG(st.st_mode))
         throw Failure(QZHSM_FAILURE, "Not stubbing special file " + path);
     refuseStub(path, st);
+}
+
+int StubKind::stub(const std::string& path, const std::string& meta, time_t refTime, long long size) {
+    return m_backEnd.stubFile(path.c_str(), meta.c_str(), refTime, size);
 }
 
 void StubKind::afterStubbing(const std::string&) {}
@@ -128,6 +140,12 @@ void StubKind::beforeRestoring(const std::string& path, const StubFacts& saved, 
     refuseEmpty(path, saved);
     requireTarget(path, before, force);
 }
+
+int StubKind::restore(const std::string& path, const std::vector<char>& stubData) {
+    return m_backEnd.restoreStub(path.c_str(), stubData);
+}
+
+void StubKind::clearMarks(const std::string&) {}
 
 void StubKind::undoRestoring(const std::string& path, const struct stat& before) {
     const timespec times[] = {before.st_atim, before.st_mtim};

@@ -5,6 +5,7 @@
 #include "service/FileState.h"
 #include "service/StubData.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -23,6 +24,12 @@ public:
     virtual ~StubKind();
 
     QZHSMLowLevel& backEnd() const { return m_backEnd; }
+
+    /// Whom to tell of a file, open as this descriptor, that is about to become a stub, once that shows on
+    /// it.
+    void onAnnounce(std::function<void(int fd)> tell) { m_announce = std::move(tell); }
+    bool announces() const { return static_cast<bool>(m_announce); }
+    void announce(int fd) const { m_announce(fd); }
 
     // --- Any file ---
 
@@ -48,14 +55,24 @@ public:
     virtual std::string pathOf(const OpenFile& file) const;
     /// What the file is. With `inside` the content of a file without a mark is looked at too.
     virtual FileLook look(const OpenFile& file, bool inside = false);
-    /// A descriptor to flush the file through. While it is open no recall of the file by others begins.
-    /// Throws if this kind of stubs is not recalled from here.
+    /// A descriptor to flush the file through: of the file, or of its directory if the file is not to be
+    /// opened. While it is open no recall or stubbing of the file by others begins.
     virtual UniqueFd hold(const OpenFile& file);
+
+    /// Throws code 38 unless such files can be put into a store and recalled from it. Some back-ends move the
+    /// data by themselves.
+    virtual void requireStores() const;
+    /// Throws code 38 if there is nothing that `repair` could do for such files.
+    virtual void requireRepair() const;
+    /// Throws code 38 if nothing can be recalled from here at all.
+    virtual void requireRecalling(const OpenFile& file) const;
 
     // --- Making stubs and saving them ---
 
     /// Throws if the file `st` must not become a stub with this metadata, or could not be recalled then.
     virtual void beforeStubbing(const std::string& path, const std::string& meta, const struct stat& st);
+    /// The back-end's `stubFile`. A kind whose back-end leaves something behind when it fails sees to that.
+    virtual int stub(const std::string& path, const std::string& meta, time_t refTime, long long size);
     /// Throws if the file is no stub although the back-end reported a success.
     virtual void afterStubbing(const std::string& path);
     /// Throws if there is no stub to save.
@@ -67,8 +84,13 @@ public:
     /// holds data needs `force`.
     virtual void beforeRestoring(const std::string& path, const StubFacts& saved, const struct stat* before,
                                  bool force);
+    /// The back-end's `restoreStub`, as `stub` is its `stubFile`.
+    virtual int restore(const std::string& path, const std::vector<char>& stubData);
     /// Takes from a file that was there before what a failed restore has left on it.
     virtual void undoRestoring(const std::string& path, const struct stat& before);
+
+    /// Takes the marks of a stub from a file in the state "half marked", which has its data.
+    virtual void clearMarks(const std::string& path);
 
     // --- Recalling ---
 
@@ -101,6 +123,7 @@ protected:
 
 private:
     QZHSMLowLevel& m_backEnd;
+    std::function<void(int)> m_announce;
 };
 
 /// The kind of stubs that a back-end keeps. It uses the back-end and does not own it.

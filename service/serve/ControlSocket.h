@@ -2,6 +2,7 @@
 
 #include "platform/files/UniqueFd.h"
 #include "service/serve/RecallService.h"
+#include "service/serve/RecallServices.h"
 
 #include <map>
 #include <string>
@@ -15,9 +16,6 @@
 //     metrics  the same for Prometheus
 //     exempt   from now on, and as long as it is connected, the process is not held up; answered by "done"
 //     heed     with descriptors: these files are about to become stubs; answered by "done"
-
-/// "/run/qzhsm/8:1.sock" for instance.
-std::string socketPath(const std::string& runtimeDirectory, dev_t device);
 
 /// The service's side. Belongs to one thread.
 class ControlSocket {
@@ -53,25 +51,3 @@ private:
     std::vector<UniqueFd> m_listeners;
     std::map<int, Connection> m_connections;
 };
-
-/// The other side: what a program of root's has to tell the services of a machine before it touches stubs.
-/// Where none runs it does nothing.
-class RecallServices {
-public:
-    /// Waits for a service that is just starting, and keeps others from starting while the object lives.
-    /// Throws `Failure` if a service does not answer.
-    explicit RecallServices(const std::string& runtimeDirectory);
-
-    /// These files, open in this process, are about to become stubs.
-    void heed(const std::vector<int>& files);
-
-    /// What each service answers to "status" or "metrics". For callers that only ask.
-    static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& request);
-
-private:
-    UniqueFd m_lock;
-    std::vector<UniqueFd> m_services;
-};
-
-/// Held by a service while it starts.
-UniqueFd lockOutTools(const std::string& runtimeDirectory);

@@ -50,8 +50,10 @@ public:
         m_begun = true;
         m_job.begin(std::move(source));
         flush(m_job);
-        if (m_job.isKept())
+        if (m_job.isKept()) {
+            m_job.beginPieces();
             m_service.begin(*m_stub, m_source->pieces(), kPieceSize);
+        }
         return true;
     }
 
@@ -60,7 +62,6 @@ public:
         if (m_job.isKept()) {
             if (bringPieces())
                 return true;
-            m_job.endPieces();
         } else { // in an order that no kill can hurt
             m_job.writeRest();
             flush(m_job);

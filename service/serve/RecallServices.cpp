@@ -1,4 +1,6 @@
-#include "service/serve/ControlSocket.h"
+#include "service/serve/RecallServices.h"
+
+#include "service/Failure.h"
 #include "service/serve/SocketMessage.h"
 
 #include <algorithm>

@@ -78,6 +78,12 @@ ServeRules ServeRules::read() {
     return rules;
 }
 
+std::string ServeRules::readRuntimeDirectory() {
+    NkRegKey key(false);
+    const char* const text = key.open("Service", false) == 0 ? key.getValue("runtimeDirectory") : nullptr;
+    return text ? text : ServeRules().runtimeDirectory;
+}
+
 bool ServeRules::isRefused(const std::string& program, const std::string& controlGroup) const {
     return refusePrograms.contains(program) ||
            (!controlGroup.empty() && refusePrograms.contains(controlGroup));

@@ -16,6 +16,8 @@ struct ServeRules {
 
     /// Reads them. Throws `Failure` for a value that makes no sense.
     static ServeRules read();
+    /// This alone, whatever else there is.
+    static std::string readRuntimeDirectory();
 
     bool isRefused(const std::string& program, const std::string& controlGroup) const;
     bool isByRange(const std::string& program, std::uint64_t size) const;

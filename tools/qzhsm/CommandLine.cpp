@@ -2,6 +2,7 @@
 
 #include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/Spelling.h"
+#include "service/serve/ServeRules.h"
 #include "tools/qzhsm/ShownWork.h"
 #include "tools/qzhsm/Verbs.h"
 
@@ -241,6 +242,11 @@ OwnBackEnd::OwnBackEnd(const std::string& fsName, int kind) : m_registry(kind) {
                                          (fsName.empty() ? "kind " + std::to_string(kind) : fsName));
     m_kind = kindOf(*backEnd);
     m_kind->requireSight();
+    if (!m_kind->keepsTextInFile())
+        return;
+    m_services = std::make_unique<RecallServices>(ServeRules::readRuntimeDirectory());
+    if (!m_services->areNone())
+        m_kind->onAnnounce([this](int fd) { m_services->heed({fd}); });
 }
 
 void CommandLine::run(Report& report) {

@@ -2,6 +2,7 @@
 
 #include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/kinds/StubKind.h"
+#include "service/serve/RecallServices.h"
 #include "tools/qzhsm/Report.h"
 
 #include <CLI/CLI.hpp>
@@ -27,6 +28,7 @@ public:
 private:
     QZHSMLowLevelCtx m_registry;
     std::unique_ptr<StubKind> m_kind;
+    std::unique_ptr<RecallServices> m_services; ///< that must not recall what we look at, or make a stub of
 };
 
 /// The verbs, and the options that come before them. A verb's own options are its file's business: they live

@@ -19,6 +19,7 @@ public:
 
     FileCrew(const CommandLine& line, Observer& observer, int count, const Make& make);
 
+    void give(OpenFile file) { m_workers.give(std::move(file)); }
     Walk& walk() { return m_walk; }
     void finish() { m_workers.finish(); }
 

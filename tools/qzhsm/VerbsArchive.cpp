@@ -34,11 +34,6 @@ struct Archiving {
     FileCrew crew;
 };
 
-void requireDriverless(const StubKind& kind, const char* verb) {
-    if (!kind.keepsTextInFile())
-        throw Failure(QZHSM_NOT_IMPLEMENTED, std::string(verb) + " is for driverless stubs only");
-}
-
 void addArchive(CommandLine& line) {
     struct Options {
         std::string store;
@@ -54,7 +49,7 @@ void addArchive(CommandLine& line) {
     CLI::App* verb = line.addPathsVerb(
         "archive", "Put files into a store and turn them into stubs; directories with all that is below",
         [options, &line](StubKind& kind, Report& report, const std::string& path) {
-            requireDriverless(kind, "archive");
+            kind.requireStores();
             if (!options->work) {
                 ArchiveRules rules;
                 rules.largerThan = static_cast<long long>(options->largerThan);
@@ -102,7 +97,7 @@ void addRepair(CommandLine& line) {
     CLI::App* verb = line.addPathsVerb(
         "repair", "Lead files out of what a kill, a power cut or a refusal has left; directories too",
         [options](StubKind& kind, Report& report, const std::string& path) {
-            requireDriverless(kind, "repair");
+            kind.requireRepair();
             if (!options->shown)
                 options->shown.emplace(report);
             Walk walk(*options->shown, [&](const OpenFile& file) {

@@ -1,4 +1,5 @@
 #include "service/FileIo.h"
+#include "service/MirrorTree.h"
 #include "service/RecallWorker.h"
 #include "service/StoreSource.h"
 #include "tools/qzhsm/FileCrew.h"
@@ -12,6 +13,7 @@ namespace {
 /// Where the data comes from: a file somebody named, a store somebody named, or the one that the stub names.
 struct Sources {
     std::string from;
+    std::string fromDir;
     std::string store;
     bool force = false;
 
@@ -20,16 +22,29 @@ struct Sources {
             return std::make_unique<FileSource>("standard input",
                                                 UniqueFd(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)), look.st,
                                                 force, isInterrupted);
+        if (mirror) {
+            const OpenFile source = mirror->counterpartOf(file);
+            if (!force && kind.isStubAsSource(kind.pathOf(source), source.stat()))
+                throw holdsNothing(source.name());
+            return std::make_unique<FileSource>(source.name(), source.open(O_RDONLY), look.st, force,
+                                                isInterrupted);
+        }
         if (!from.empty() && !force && kind.isStubAsSource(from, statFollowing(from)))
-            throw Failure(QZHSM_FAILURE, from + " is a stub or the copy of one: it holds no data",
-                          "With --force it is recalled all the same.");
+            throw holdsNothing(from);
         if (!from.empty())
             return std::make_unique<FileSource>(from, openForReading(from), look.st, force, isInterrupted);
+        kind.requireStores();
         const StubMetadata metadata = readMetadata(file, look);
         Store& found = opened ? *opened : named.find(metadata);
         return std::make_unique<StoreSource>(found, findRecord(found, metadata, file, look), isInterrupted);
     }
 
+    static Failure holdsNothing(const std::string& name) {
+        return {QZHSM_FAILURE, name + " is a stub or the copy of one: it holds no data",
+                "With --force it is recalled all the same."};
+    }
+
+    std::optional<MirrorTree> mirror{};
     NamedStores named{};
     std::unique_ptr<Store> opened{};
 };
@@ -45,6 +60,8 @@ struct Recalling {
                   shown);
           }) {
         isInterrupted(); // signals are noted from here on
+        if (!sources.fromDir.empty())
+            sources.mirror.emplace(sources.fromDir);
         if (!sources.store.empty())
             sources.opened = openStore(sources.store);
     }
@@ -83,9 +100,14 @@ void addRecallVerb(CommandLine& line) {
     CLI::Option* from = addText(verb, "--from", options->sources.from,
                                 "Take the data from this file, or - for standard input, not from a store");
     from->option_text("FILE");
+    CLI::Option* fromDir =
+        addText(verb, "--from-dir", options->sources.fromDir,
+                "Take the data from files under the same paths below this directory as below each PATH");
+    fromDir->option_text("DIR")->excludes(from);
     addText(verb, "--store", options->sources.store, "The store to ask, whatever the stubs say")
         ->option_text("STORE")
-        ->excludes(from);
+        ->excludes(from)
+        ->excludes(fromDir);
     verb->add_flag("--force", options->sources.force,
                    "Also stubs that were changed, and data of another length than the stub records");
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")

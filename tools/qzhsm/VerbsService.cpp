@@ -1,4 +1,4 @@
-#include "service/serve/ControlSocket.h"
+#include "service/serve/RecallServices.h"
 #include "service/serve/ServeRules.h"
 #include "service/stores/Encoding.h"
 #include "tools/qzhsm/CommandLine.h"
@@ -44,7 +44,7 @@ void addServiceVerbs(CommandLine& line) {
     CLI::App* verb = line.addVerb("status", "Tell what the recall services of this machine are doing",
                                   [metrics](StubKind&, Report& report) {
                                       const auto answers =
-                                          RecallServices::ask(ServeRules::read().runtimeDirectory,
+                                          RecallServices::ask(ServeRules::readRuntimeDirectory(),
                                                               *metrics ? "metrics" : "status");
                                       if (answers.empty())
                                           throw Failure(QZHSM_NOT_FOUND, "No recall service is running");

@@ -33,6 +33,7 @@ expect 0 '^$' recall "$f" --from "$work/data"
 printf user | dd of="$f" bs=1 seek=5 conv=notrunc status=none
 unchanged "$f" ended 1 'has ceased to be a stub'
 
+"$plain" store create "$work/store"
 for name in qzfs qzfs_extent; do
     wrapped "$preload" "--fs $name"
     becomes_stub m
@@ -40,6 +41,12 @@ for name in qzfs qzfs_extent; do
     expect 0 '^$' stub "$f" --meta m
     expect 0 'warning' recall "$f" --from "$work/part" --force
     same "$f" "$work/part"
+    fresh
+    expect 0 '^$' archive --store "$work/store" "$f"
+    expect 0 '"stub":true' info --json "$f"
+    expect 0 '^$' recall "$f"
+    same "$f" "$work/data"
+    [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "recall from the store: the time differs"
 done
 [ "$(ls -A "$fs")" = $'again\nfile' ] || fail "left behind: $(ls -A "$fs")"
 finish

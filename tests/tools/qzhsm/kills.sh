@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# kills.sh PATH-OF-QZHSM: killed before each of its system calls, archiving and recalling leave nothing from which
-# repair and recall do not lead to the whole file.
+# kills.sh PATH-OF-QZHSM: killed before each system call that changes something, archiving, recalling, stubbing and
+# restoring leave nothing from which repair and the next call do not lead to the whole file.
 set -uo pipefail
 if [ "$(id -u)" -ne 0 ] || ! command -v strace >/dev/null; then
     echo "skipped: mounting file systems for the test needs root, and strace"
@@ -17,22 +17,57 @@ head -c 2000000 /dev/urandom >"$work/data"
 truncate -s 3000000 "$work/data"
 touch -d @1000000000.5 "$work/data"
 "$qzhsm" store create "$work/store"
-for verb in archive recall; do
-    options=()
-    [ $verb = recall ] || options=(--store "$work/store")
-    for ((number = 1, status = 1; status != 0 && number < 300; number++)); do
-        rm -f "$f" && cp -p "$work/data" "$f"
-        [ $verb = archive ] || "$qzhsm" archive --store "$work/store" "$f"
-        strace -qq -o /dev/null -e inject='!execve,exit_group':signal=KILL:when=$number \
-            "$qzhsm" $verb "${options[@]}" "$f" 2>/dev/null
-        status=$?
-        "$qzhsm" repair "$f" &>"$work/said"
-        "$qzhsm" recall "$f" &>>"$work/said"
-        cmp -s "$f" "$work/data" && [ "$(stat -c %.9Y "$f")" = 1000000000.500000000 ] &&
-            [ -z "$(getfattr -d --absolute-names "$f" | grep -E 'TSTUB|NkStubFile')" ] && continue
-        echo "FAILED: $verb killed at call $number: $(stat -c '%s bytes, modified %y' "$f"): $(<"$work/said")"
+run() { # VERB [strace's OPTION...]
+    local options=("$f")
+    case $1 in
+    archive) options+=(--store "$work/store") ;;
+    stub) options+=(--meta m) ;;
+    restore-stub*) options+=("$work/saved") ;;
+    esac
+    strace -qq -o "$work/calls" "${@:2}" "$qzhsm" "${1%-over}" "${options[@]}"
+}
+whole() { # VERB: a restored stub has no times of the file
+    cmp -s "$f" "$work/data" && ! getfattr -d --absolute-names "$f" | grep -qE 'TSTUB|NkStubFile' &&
+        [[ $1 == restore* || $(stat -c %.9Y "$f") = 1000000000.500000000 ]]
+}
+before() {
+    rm -f "$f" && cp -p "$work/data" "$f"
+    case $1 in
+    recall) "$qzhsm" archive --store "$work/store" "$f" ;;
+    restore-stub*)
+        "$qzhsm" stub --meta m "$f" && "$qzhsm" backup "$f" -o "$work/saved"
+        rm "$f"
+        [ "$1" = restore-stub ] || : >"$f"
+        ;;
+    esac
+}
+again() { # VERB: what comes next, whatever was left
+    case $1 in
+    archive | recall) "$qzhsm" recall "$f" ;;
+    stub) "$qzhsm" recall "$f" --from "$work/data" ;;
+    restore-stub*) "$qzhsm" restore-stub "$f" "$work/saved" ;;
+    esac
+}
+leads_out() {
+    # It gets through, or says what does. What is a stub already, or whole, is refused.
+    { again "$1" || { "$qzhsm" repair "$f" && again "$1"; }; } &>"$work/said"
+    [[ $1 != restore* ]] || "$qzhsm" recall "$f" --from "$work/data" &>>"$work/said"
+    whole "$1"
+}
+for verb in archive recall stub restore-stub restore-stub-over; do
+    before $verb
+    run $verb -e trace='!execve,exit_group'
+    # Before the file is named nothing can have happened to it, and what only looks leaves what was there before.
+    # strace counts the calls of each name.
+    mapfile -t calls < <(awk -F'(' -v f="\"$f\"" '{ ++count[$1] } index($0, f) { on = 1 }
+        on && $1 ~ /^(openat|mkdirat|renameat|unlinkat|p?write(64)?|ftruncate|fallocate|(set|remove)xattr|fsync|syncfs|utimensat|fchmodat|close)$/ { print $1, count[$1] }' "$work/calls")
+    for call in "${calls[@]}"; do
+        before $verb
+        run $verb -e inject="${call% *}:signal=KILL:when=${call#* }" 2>/dev/null && continue
+        leads_out $verb && continue
+        echo "FAILED: $verb killed at $call: $(stat -c '%s bytes, modified %y' "$f"): $(<"$work/said")"
         failures=$((failures + 1))
     done
-    [ $number -gt 50 ] || { echo "FAILED: $verb was killed only $number times"; failures=1; }
+    [ ${#calls[@]} -gt 15 ] || { echo "FAILED: $verb was killed only ${#calls[@]} times"; failures=1; }
 done 2> >(grep -v Killed >&2)
 exit $((failures != 0))

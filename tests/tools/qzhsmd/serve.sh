@@ -70,6 +70,21 @@ tar -S -C "$fs" -cf "$work/tar" tar && tar -C "$work" -xOf "$work/tar" tar | cmp
 "$fs/program" "$fs" >/dev/null || fail "a program that was a stub does not run"
 for file in cat grep cp tar; do is_plain "$fs/$file"; done
 
+# What is archived while it is served is a stub like any other, though the kernel no longer asked for it; to look at
+# stubs is not to recall them.
+cat "$fs/cat" >/dev/null
+expect 0 '' archive --store "$store" "$fs/cat"
+expect 0 '"state":"stub"' info --json "$fs/cat"
+expect 0 '' verify "$fs/cat"
+expect 0 '"stubs":[1-9]' scan --json "$fs"
+expect 0 'stubs recalled +5' status
+cmp -s "$fs/cat" "$work/data" || fail "a stub made while it is served"
+expect 0 '' archive --store "$store" "$fs/cat"
+expect 0 '' recall "$fs/cat"
+same "$fs/cat" "$work/data"
+expect 0 'stubs recalled +6' status
+expect 0 'qzhsmd_recalled_total 6' status --metrics
+
 # What users do wins.
 echo mine >"$fs/new"
 [ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated"
@@ -84,7 +99,8 @@ for object in "$store"/??/????????-*[0-9a-f]; do printf x | dd of="$object" bs=1
 fails "$fs/torn" cat
 grep -q 'wrong checksum' "$work/log" || fail "nothing tells of the damage"
 stop
-expect 0 '"state":"stub"|"stub":true' info --json "$fs/torn"
+expect 0 '"state":"stub"' info --json "$fs/torn"
+expect 1 'No recall service is running' status
 rm -rf "$store" && expect 0 '^$' store create "$store"
 
 # Who must not cause recalls gets an error at once; readers of a range do not wait for the rest.

@@ -1,0 +1,199 @@
+#include "service/StubJob.h"
+
+#include "platform/stub/StubText.h"
+#include "service/FileIo.h"
+#include "service/FileRights.h"
+#include "service/Flush.h"
+#include "service/NotedObject.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+bool isSameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+/// Empty if there can be no such text; the back-end says so then.
+std::string stubText(const std::string& meta, long long size) {
+    const int length = qzhsm_meta2stub(meta.c_str(), size, nullptr, 0);
+    if (length < 0)
+        return {};
+    std::string text(static_cast<size_t>(length), '\0');
+    qzhsm_meta2stub(meta.c_str(), size, text.data(), length);
+    return text;
+}
+
+} // namespace
+
+StubJob::StubJob(StubKind& kind, OpenFile file)
+    : m_kind(kind), m_file(std::move(file)), m_look(kind.look(m_file)) {}
+
+void StubJob::hold() {
+    m_flushable = m_kind.hold(m_file);
+    m_data = openData();
+    requireClosed();
+    if (m_look.attributes)
+        m_object = notedObject(m_file);
+    m_isNoted = m_object.has_value();
+    m_look.st = m_file.stat();
+}
+
+void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTime) {
+    requireUnchanged(m_look.st);
+    m_meta = meta;
+    m_text = stubText(meta, m_look.st.st_size);
+    m_refTime = refTime.value_or(m_look.st.st_mtime);
+    m_capabilities = readCapabilities(m_file);
+    m_kind.beforeStubbing(m_kind.pathOf(m_file), meta, m_look.st);
+    // Without attributes that look has put times back, to the second, which shows in the change time.
+    m_since = m_file.stat();
+    if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
+        throw changed();
+}
+
+void StubJob::keep() {
+    requireUnchanged(m_since);
+    m_isKept = true;
+    if (m_isNoted)
+        dropNotedObject(m_file);
+    keepText(m_text, m_look.st.st_size);
+    const struct stat now = m_file.stat(); // the change time is ours now
+    if (now.st_size != m_since.st_size || !isSameTime(now.st_mtim, m_since.st_mtim))
+        throw changed();
+    m_since = now;
+}
+
+void StubJob::stub() {
+    requireUnchanged(m_since);
+    requireClosed();
+    const std::string path = m_kind.pathOf(m_file);
+    const auto& st = m_look.st;
+    make(path, [&] { return m_kind.stub(path, m_meta, m_refTime, st.st_size); });
+    if (!m_kind.keepsTextInFile())
+        return;
+    putRightsBack(m_file, m_capabilities, st.st_mode);
+    putTimesBack(m_file, st.st_atim, st.st_mtim);
+}
+
+void StubJob::end() {
+    if (m_kind.keepsTextInFile())
+        dropKeptText(m_file);
+}
+
+/// What is in a store need not be sent again.
+void StubJob::giveUp() {
+    if (!m_isKept || m_isMade)
+        return;
+    try {
+        end();
+        note();
+        flush();
+    } catch (const Failure&) { // the one before is told
+    }
+}
+
+void StubJob::note() {
+    if (m_look.attributes && m_object)
+        noteObject(m_file, *m_object);
+}
+
+void StubJob::flush() const {
+    flushAll({{flushable(), m_look.st.st_dev}});
+}
+
+void StubJob::keepText(std::string text, long long size) {
+    m_text = std::move(text);
+    m_size = size;
+    if (!m_kind.keepsTextInFile() || m_text.empty())
+        return;
+    const bool isKept = ::keepText(m_file, {m_text, false, m_look.st.st_mtim});
+    if (!m_kind.announces())
+        return;
+    if (!isKept) // the service could take it for a file that stays as it is
+        throw Failure(QZHSM_FAILURE,
+                      "Not stubbing " + m_file.name() +
+                          ": its attributes have no room for the stub text, and a recall service is at work");
+    m_kind.announce(m_file.fd());
+}
+
+void StubJob::make(const std::string& path, const std::function<int()>& act) {
+    if (!m_kind.keepsTextInFile())
+        m_data = UniqueFd(); // Lustre releases nothing that is open
+    if (act() < 0) {
+        const Failure failure = m_kind.lastFailure(path);
+        if (!m_kind.keepsTextInFile())
+            throw Failure(failure);
+        if (!isEmptied()) {
+            // Refused, perhaps after the file was marked. It was no stub before, which was looked at; but a
+            // mark that was there already is not ours.
+            if (failure.code() != EEXIST)
+                m_kind.backEnd().restoreDone(path.c_str(), true, {});
+            throw Failure(failure);
+        }
+    }
+    m_isMade = true;
+    if (m_kind.keepsTextInFile())
+        completeText();
+    m_kind.afterStubbing(path);
+}
+
+/// One open file for all, as a second one would be "somebody else" to the lease.
+UniqueFd StubJob::openData() const {
+    struct stat held {};
+    if (::fstat(m_flushable.get(), &held) == 0 && isSameFile(held, m_look.st))
+        return UniqueFd(::fcntl(m_flushable.get(), F_DUPFD_CLOEXEC, 0));
+    if (m_look.state != FileState::Plain) // to open a stub could be to recall it
+        return UniqueFd();
+    return m_file.open(O_RDONLY | O_NONBLOCK);
+}
+
+/// A write lease is given only if nobody else has the file open. It is given back at once: to whoever opens
+/// the file a lease that is held is a pause of up to 45 seconds.
+void StubJob::requireClosed() const {
+    if (!m_data.isOpen())
+        return;
+    if (::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0)
+        ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK);
+    else if (errno == EAGAIN)
+        throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
+}
+
+void StubJob::requireUnchanged(const struct stat& since) const {
+    const struct stat now = m_file.stat();
+    if (now.st_size != since.st_size || !isSameTime(now.st_mtim, since.st_mtim) ||
+        !isSameTime(now.st_ctim, since.st_ctim))
+        throw changed();
+}
+
+Failure StubJob::changed() const {
+    return {QZHSM_BUSY, m_file.name() + " was changed while it was archived"};
+}
+
+bool StubJob::isEmptied() const {
+    const FileLook now = m_kind.look(m_file, true);
+    switch (now.state) {
+    case FileState::Emptied:
+    case FileState::Lost:
+    case FileState::Stub:
+    case FileState::ChangedStub:
+        return true;
+    default: // without attributes a file that has been emptied looks like any other
+        return !now.attributes && now.st.st_blocks < m_look.st.st_blocks;
+    }
+}
+
+/// What stands in the file now is looked at, and mended if it is not the whole text: a full disk or a short
+/// write may have left less.
+void StubJob::completeText() const {
+    std::string found(m_text.size(), '\0');
+    const ssize_t got = ::pread(m_data.get(), found.data(), found.size(), 0);
+    const bool isWhole = got == static_cast<ssize_t>(m_text.size()) && found == m_text &&
+                         m_file.stat().st_size == std::max<off_t>(m_size, got);
+    if (!isWhole)
+        m_kind.putBack(m_file.path(), {m_text.begin(), m_text.end()}, m_size);
+}
