@@ -65,8 +65,8 @@ int PreContentGroup::read(std::vector<HeldAccess>& held) {
     if (got < 0)
         return errno;
     ssize_t left = got;
-    for (auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer); FAN_EVENT_OK(event, left);
-         event = FAN_EVENT_NEXT(event, left)) {
+    for (const auto* event = reinterpret_cast<const fanotify_event_metadata*>(buffer);
+         FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
         if (event->fd < 0)
             continue;
         HeldAccess access{event->fd, event->pid, (event->mask & FAN_OPEN_PERM) != 0, 0, 0};

@@ -75,7 +75,7 @@ public:
     }
 
     void giveUp(const Failure& failure) {
-        m_service.log(m_stub->name() + ": recall failed");
+        RecallService::log(m_stub->name() + ": recall failed");
         // What readers may be looking at stays; the text that is kept leads on.
         if (m_begun && !m_service.isSeen(*m_stub))
             m_job.putBack(failure);
@@ -90,7 +90,7 @@ private:
             if (*piece != m_next || m_next == 0)
                 m_source->goTo(*piece);
             const std::vector<char> bytes = m_source->next();
-            m_job.writePiece(bytes, static_cast<long long>(*piece * kPieceSize));
+            m_job.writePiece(bytes, static_cast<long long>(*piece) * static_cast<long long>(kPieceSize));
             m_service.fill(*m_stub, *piece, bytes.size());
             m_next = *piece + 1;
         }
@@ -141,7 +141,7 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
         }
         auto recall = std::make_unique<Recall>(
             m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), name));
-        m_service.log("recalling " + name + " for " + stub->cause());
+        RecallService::log("recalling " + name + " for " + stub->cause());
         bool isBegun = false;
         guarded(*recall, [&] {
             isBegun = recall->begin(m_stores);
@@ -220,6 +220,6 @@ void RecallRunner::goOn(std::unique_ptr<Recall> recall) {
         if (recall->goOn())
             return m_suspended.push_back(std::move(recall));
         m_service.done(recall->stub(), true);
-        m_service.log("recalled " + recall->stub()->name());
+        RecallService::log("recalled " + recall->stub()->name());
     });
 }

@@ -23,7 +23,7 @@ public:
     bool areNone() const { return m_services.empty(); }
 
     /// What each service answers to "status" or "metrics". For callers that only ask.
-    static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& request);
+    static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& text);
 
 private:
     UniqueFd m_lock;

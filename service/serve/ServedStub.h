@@ -3,11 +3,11 @@
 #include "platform/watch/PreContentGroup.h"
 
 #include <chrono>
-#include <compare>
 #include <functional>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 /// What has to be there before an access may go on.
@@ -22,7 +22,9 @@ enum class Need {
 struct FileKey {
     dev_t device;
     ino_t inode;
-    auto operator<=>(const FileKey&) const = default;
+    bool operator<(const FileKey& other) const {
+        return std::pair(device, inode) < std::pair(other.device, other.inode);
+    }
 };
 
 /// A stub, or what may be one, and the accesses that wait for it. Not locked by itself.

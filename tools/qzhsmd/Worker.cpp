@@ -111,6 +111,7 @@ public:
             std::vector<int> fds{m_signals.get(), m_guard.get()};
             m_socket.addTo(fds);
             std::vector<pollfd> waiting;
+            waiting.reserve(fds.size());
             for (const int fd : fds)
                 waiting.push_back({fd, POLLIN, 0});
             if (::poll(waiting.data(), waiting.size(), -1) <= 0)
@@ -133,16 +134,16 @@ private:
                 return true;
             try {
                 m_service.setRules(ServeRules::read());
-                m_service.log("the configuration was read again");
+                RecallService::log("the configuration was read again");
             } catch (const Failure& failure) {
-                m_service.log(failure.what());
+                RecallService::log(failure.what());
             }
         }
         return false;
     }
 
     void replaceGuard() {
-        m_service.log("the process that watches over this one has died; another takes its place");
+        RecallService::log("the process that watches over this one has died; another takes its place");
         m_standby.start();
         m_guard = openProcess(m_standby.pid());
         ::sd_notifyf(0, "MAINPID=%d", ::getpid());
@@ -175,7 +176,7 @@ int work(Serving& serving) {
         for (int i = 0; i < serving.rules.workers; ++i)
             runners.emplace_back(service, stores);
         control.run();
-        service.log("ending");
+        RecallService::log("ending");
         service.stop();
     }
     return 0;

@@ -67,9 +67,10 @@ PreContentGroup openGroup() {
         return group;
     }
     PreContentGroup group;
-    if (const int err = group.create(); err == EPERM)
+    const int err = group.create();
+    if (err == EPERM)
         throw Failure(QZHSM_FAILURE, "This needs the capability CAP_SYS_ADMIN", "Run it as root.");
-    else if (err != 0)
+    if (err != 0)
         throw systemFailure("The kernel hands out no pre-content events", "", err);
     return group;
 }
@@ -99,17 +100,22 @@ void serveDirectory(const std::string& directory, PreContentGroup& group, Servin
         throw Failure(QZHSM_FAILURE, "The file system of " + directory + " has no user attributes");
     const std::string& runtime = serving.rules.runtimeDirectory;
     serving.descriptors.locks.push_back(lockFileSystem(runtime, st.st_dev, directory));
-    if (const int err = group.mark(directory); err == EINVAL || err == EOPNOTSUPP)
+    const int err = group.mark(directory);
+    if (err == EINVAL || err == EOPNOTSUPP)
         throw Failure(QZHSM_FAILURE,
                       "The kernel has no pre-content events for the file system of " + directory,
                       "It takes Linux 6.14 and ext4, xfs or btrfs.");
-    else if (err != 0)
+    if (err != 0)
         throw systemFailure("Failed to watch ", directory, err);
     serving.descriptors.listeners.push_back(ControlSocket::listen(socketPath(runtime, st.st_dev)).release());
 }
 
 void say(const std::string& text) {
     std::cout << "qzhsmd: " << text << std::endl;
+}
+
+void complain(const std::string& text) {
+    std::cerr << "qzhsmd: " << text << std::endl;
 }
 
 void begin(Serving& serving) {
@@ -137,7 +143,7 @@ pid_t startWorker(Serving& serving) {
         try {
             status = work(serving);
         } catch (const Failure& failure) {
-            std::cerr << "qzhsmd: " << failure.what() << std::endl;
+            complain(failure.what());
         }
     }).join();
     ::_exit(status);
@@ -166,8 +172,8 @@ int watchOver(Serving& serving) {
         }
         if (WIFEXITED(status))
             return WEXITSTATUS(status);
-        std::cerr << "qzhsmd: the worker was ended by signal " << WTERMSIG(status)
-                  << "; another takes its place" << std::endl;
+        complain("the worker was ended by signal " + std::to_string(WTERMSIG(status)) +
+                 "; another takes its place");
         serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
         const bool isCrash = WTERMSIG(status) != SIGKILL;
         deaths = isCrash && std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
@@ -181,9 +187,7 @@ int watchOver(Serving& serving) {
     }
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     CLI::App app("Recalls stubs when they are read", "qzhsmd");
     Serving serving;
     bool takesOver = false;
@@ -193,22 +197,30 @@ int main(int argc, char** argv) {
         ->required()
         ->option_text("...");
     CLI11_PARSE(app, argc, argv);
-    try {
-        for (const std::string& warning : configWarnings())
-            std::cerr << "qzhsmd: " << warning << std::endl;
-        serving.rules = ServeRules::read();
-        if (takesOver) {
-            ::prctl(PR_SET_NAME, "qzhsmd"); // it was executed by another name
-            ::sd_notifyf(0, "MAINPID=%d", ::getpid());
-            serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
-        } else {
-            begin(serving);
-        }
-        return watchOver(serving);
-    } catch (const Failure& failure) {
-        std::cerr << "qzhsmd: " << failure.what() << std::endl;
-        if (!failure.advice().empty())
-            std::cerr << "qzhsmd: " << failure.advice() << std::endl;
-        return 1;
+    for (const std::string& warning : configWarnings())
+        complain(warning);
+    serving.rules = ServeRules::read();
+    if (takesOver) {
+        ::prctl(PR_SET_NAME, "qzhsmd"); // it was executed by another name
+        ::sd_notifyf(0, "MAINPID=%d", ::getpid());
+        serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
+    } else {
+        begin(serving);
     }
+    return watchOver(serving);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const Failure& failure) {
+        complain(failure.what());
+        if (!failure.advice().empty())
+            complain(failure.advice());
+    } catch (const std::exception& error) {
+        complain(error.what());
+    }
+    return 1;
 }
