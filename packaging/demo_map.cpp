@@ -1,4 +1,4 @@
-// demo_map FILE: writes a file to standard output by way of a mapping of it, as programs do that never call read(2).
+// demo_map FILE: writes a file to standard output by way of a mapping, without read(2).
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
