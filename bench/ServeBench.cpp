@@ -4,6 +4,7 @@
 //     read FILE [COPY]         to open, read and close it
 //     copy FROM TO             to copy a file, and to open, read and close the copy
 //     piece FILE               to open it and read 4 MiB
+//     forget FILE              to have it leave the page cache
 //     many THREADS DIR [TO]    to open, read and close all files of DIR; with TO to copy them there first
 //     create DIR COUNT         to create as many files of 100 bytes
 //     churn DIR COUNT          to create a file, write into it and remove it as many times
@@ -56,6 +57,10 @@ public:
     void write(const char* from, size_t count, off_t offset) const {
         if (::pwrite(m_fd, from, count, offset) != static_cast<ssize_t>(count))
             throw std::runtime_error(std::string("write: ") + std::strerror(errno));
+    }
+    void forget() const {
+        ::fsync(m_fd);
+        ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_DONTNEED);
     }
     off_t size() const { return ::lseek(m_fd, 0, SEEK_END); }
 
@@ -124,6 +129,10 @@ long long piece(const Arguments& arguments) {
     return timed([&] { File(arguments.at(0), O_RDONLY).read(buffer.data(), buffer.size(), 0); });
 }
 
+long long forget(const Arguments& arguments) {
+    return timed([&] { File(arguments.at(0), O_RDONLY).forget(); });
+}
+
 long long many(const Arguments& arguments) {
     std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(arguments.at(1)))
@@ -171,6 +180,7 @@ const std::map<std::string, std::function<long long(const Arguments&)>> kVerbs{
     {"read", readFile},
     {"copy", copy},
     {"piece", piece},
+    {"forget", forget},
     {"many", many},
     {"create", [](const Arguments& arguments) { return create(arguments, false); }},
     {"churn", [](const Arguments& arguments) { return create(arguments, true); }},

@@ -117,17 +117,21 @@ tell() {
 nothing() { :; }
 printf '%-58s %13s %13s %8s\n' '' 'served' 'bare' 'ratio'
 
-# --- The first bytes of a range, beside 4 MiB of the object ---
+# --- The first bytes of a range, beside 4 MiB of the object; the object is not in the page cache ---
 
 part_first() {
     local size object at
     configure 'recall = range' 'rangeFrom = 0'
     for size in 1 64 "$big"; do
         origin "first$size" $((size << 20))
+        again() { archived "$served/first$size" && object=$(<"$dir/objects"); }
+        ours() {
+            "$bench" forget "$object" >/dev/null
+            "$bench" first "$served/first$size" "$dir/origin/first$size" "$at"
+            settled "$served/first$size"
+        }
+        theirs() { "$bench" forget "$object" >/dev/null && "$bench" piece "$object"; }
         for at in 0 -4096; do
-            again() { archived "$served/first$size" && object=$(<"$dir/objects"); }
-            ours() { "$bench" first "$served/first$size" "$dir/origin/first$size" $at && settled "$served/first$size"; }
-            theirs() { "$bench" piece "$object"; }
             in_turns "first 4 KiB of $size MiB, from $at; 4 MiB of the object" 1.5 again ours theirs
         done
         rm "$served/first$size" "$dir/origin/first$size"
