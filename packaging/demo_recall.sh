@@ -54,6 +54,7 @@ is_same() { cmp -s "$1" "kept/${2:-$(basename "$1")}" || fail "$1 differs from w
 is_stub() { "$qzhsm" info --json "$1" | grep -q '"stub":true'; }
 room() { df -h --output=used,avail,target data | sed "s|$dir/||"; }
 
+configure
 say "An ext4 with real files, and a store beside it"
 truncate -s 600M image
 mkfs.ext4 -q image
@@ -79,7 +80,6 @@ room
 run ls -ls data/film data/notes/7.txt
 
 say "The service starts"
-configure
 show "qzhsmd data"
 start
 cat said
