@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Turns a real file into a stub and brings it back: demo.sh PATH-OF-QZHSM [DIRECTORY]
+# Turns real files into stubs and brings them back, by hand and out of a store: demo.sh PATH-OF-QZHSM [DIRECTORY]
 set -euo pipefail
 qzhsm=$(readlink -f "$1")
 dir=$(mktemp -d "${2:-${TMPDIR:-/tmp}}/qzhsm-demo.XXXXXX")
@@ -46,6 +46,26 @@ after=$(sum film.mov)
 echo "sha256 $after"
 run "$qzhsm" info film.mov
 run "$qzhsm" scan .
+
+say "A store does the moving: three files are archived, and their room is free"
+mkdir album
+for name in one two three; do head -c $((RANDOM * 100 + 4000000)) /dev/urandom >"album/$name.flac"; done
+sums=$(sha256sum album/*)
+run "$qzhsm" store create "$dir/store"
+run du -sh album
+run "$qzhsm" archive --store "$dir/store" album
+run du -sh album
+run "$qzhsm" info album/one.flac
+
+say "Every stub's data is in the store, by its checksums"
+run "$qzhsm" verify album
+run "$qzhsm" store list --store "$dir/store"
+
+say "They come back"
+run "$qzhsm" recall album
+run du -sh album
+echo "$sums"
+run sha256sum --check --quiet <<<"$sums" || exit 1
 
 [ "$before" = "$after" ] || {
     say "The data differs"

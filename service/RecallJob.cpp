@@ -151,7 +151,7 @@ void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
     m_punchesZeros = m_look.state != FileState::Stub; // an earlier recall may have left data
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
     if (text > 0)
-        file.write({bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(text)}, 0);
+        file.write({bytes.data(), text}, 0);
     write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
     file.close();
     // The flush that follows has less to wait for.
@@ -242,7 +242,7 @@ void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, lo
         while (to < count && !(m_skipsZeros && isZero(to)))
             to = std::min(to + kBlock, count);
         if (to > from)
-            file.write({bytes + from, bytes + to}, offset + static_cast<long long>(from));
+            file.write({bytes + from, to - from}, offset + static_cast<long long>(from));
         from = to;
         while (from < count && m_skipsZeros && isZero(from))
             from = std::min(from + kBlock, count);

@@ -23,9 +23,9 @@ std::vector<char> StoreSource::next() {
     const std::optional<Piece> piece = m_reader->next();
     if (!piece)
         return {};
-    std::vector<char> bytes(piece->part.length);
-    std::ranges::copy(piece->bytes, bytes.begin());
-    return bytes;
+    if (piece->bytes.empty())
+        return std::vector<char>(piece->part.length);
+    return {piece->bytes.begin(), piece->bytes.end()};
 }
 
 StubMetadata readMetadata(const OpenFile& file, const FileLook& look) {

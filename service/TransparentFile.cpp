@@ -16,7 +16,7 @@ TransparentFile::~TransparentFile() {
 }
 
 // Where the bytes go is said in both ways: the extent variant goes by the offset, the others by the position.
-void TransparentFile::write(const std::vector<char>& bytes, long long offset) {
+void TransparentFile::write(std::span<const char> bytes, long long offset) {
     if (m_backEnd.seekFileTrans(offset, SEEK_SET) < 0)
         throw Failure(m_backEnd);
     for (size_t done = 0; done < bytes.size();) {

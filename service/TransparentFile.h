@@ -2,8 +2,8 @@
 
 #include "lowlevel/QZHSMLowLevel.h"
 
+#include <span>
 #include <string>
-#include <vector>
 
 /// A stub open for transparent writing. What fails throws `Failure`.
 class TransparentFile {
@@ -15,7 +15,7 @@ public:
     ~TransparentFile();
 
     /// Writes all the bytes at `offset`.
-    void write(const std::vector<char>& bytes, long long offset);
+    void write(std::span<const char> bytes, long long offset);
     void close();
 
 private:

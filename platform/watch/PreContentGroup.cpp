@@ -48,7 +48,7 @@ int PreContentGroup::mark(const std::string& directory) {
 
 int PreContentGroup::ignore(int fd) {
     return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | FAN_MARK_IGNORE_SURV | FAN_MARK_EVICTABLE, kEvents,
-                           AT_FDCWD, pathOf(fd).c_str()) == 0
+                           fd, nullptr) == 0
                ? 0
                : errno;
 }

@@ -38,6 +38,7 @@ public:
     int mark(const std::string& directory);
 
     /// Opens and accesses of this file no longer wait, until `heed`, or until the kernel forgets its inode.
+    /// The descriptor must be open for reading.
     int ignore(int fd);
     /// Ends `ignore`, if it was in force.
     int heed(int fd);

@@ -97,7 +97,7 @@ public:
         TransparentFile file(backEnd(), path, O_WRONLY | O_TRUNC);
         file.write(stubData, 0);
         if (size > static_cast<long long>(stubData.size()))
-            file.write({'\0'}, size - 1);
+            file.write(std::vector<char>{'\0'}, size - 1);
         file.close();
         return true;
     }

@@ -52,13 +52,14 @@ RecallService::RecallService(PreContentGroup& group, ServeRules rules)
 
 RecallService::~RecallService() {
     stop();
+    m_watcher.request_stop();
     ::eventfd_write(m_wake.get(), 1);
     m_watcher = {}; // which may add a last line to the log
     m_logger = {};
 }
 
 void RecallService::start() {
-    m_watcher = std::jthread([this] { watch(); });
+    m_watcher = std::jthread([this](const std::stop_token& token) { watch(token); });
     m_logger = std::jthread([this](const std::stop_token& token) {
         const OwnThread own(*this);
         for (std::unique_lock lock(m_mutex);;) {
@@ -132,18 +133,17 @@ bool RecallService::isPassed(pid_t tid) {
 
 // --- Answering ---
 
-void RecallService::watch() {
+void RecallService::watch(const std::stop_token& token) {
     const OwnThread own(*this);
     const rlim_t most = mostDescriptors();
     std::vector<HeldAccess> held;
     auto last = Clock::now();
-    while (true) {
-        pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
-        const bool isLively = Clock::now() - last < kPolling;
-        if (::poll(fds, std::size(fds), isLively ? 0 : -1) <= 0)
-            continue;
-        if (fds[1].revents != 0)
-            return;
+    while (!token.stop_requested()) {
+        if (Clock::now() - last >= kPolling) {
+            pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
+            if (::poll(fds, std::size(fds), -1) <= 0 || fds[1].revents != 0)
+                continue;
+        }
         {
             const std::lock_guard lock(m_mutex);
             if (m_counts.waiting > most) { // what is not read waits as well
@@ -153,6 +153,8 @@ void RecallService::watch() {
         }
         held.clear();
         const int err = m_group.read(held);
+        if (err == EAGAIN)
+            continue;
         if (err == EMFILE || err == ENFILE) {
             const std::lock_guard lock(m_mutex);
             m_lines.emplace_back("A reader was refused: the descriptor table is full");

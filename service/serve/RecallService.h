@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <stop_token>
 #include <thread>
 
 /// Has readers of stubs wait until their data is there. One thread of its own looks at each access and
@@ -79,7 +80,7 @@ public:
     static void log(const std::string& text);
 
 private:
-    void watch();
+    void watch(const std::stop_token& token);
     void handle(const HeldAccess& access);
     bool isPassed(pid_t tid);
     void handleStub(const HeldAccess& access, const struct stat& st);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
 /// The descriptors that outlive a process of the service: the worker and whoever watches over it share one
@@ -13,5 +12,5 @@ struct Descriptors {
     std::vector<int> held;        ///< accesses without an answer
 
     /// Finds them among all that are open, and closes what else a process that died has left.
-    static Descriptors find(const std::string& runtimeDirectory);
+    static Descriptors find();
 };

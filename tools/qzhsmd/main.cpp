@@ -130,6 +130,17 @@ void begin(Serving& serving) {
     ::sd_pid_notify_with_fds(0, 0, "FDSTORE=1\nFDNAME=events", &serving.descriptors.group, 1);
 }
 
+/// Rules that a worker has read again died with it. Where the sockets lie stays.
+void readRulesAgain(Serving& serving) {
+    try {
+        const std::string runtimeDirectory = serving.rules.runtimeDirectory;
+        serving.rules = ServeRules::read();
+        serving.rules.runtimeDirectory = runtimeDirectory;
+    } catch (const Failure& failure) {
+        complain(failure.what());
+    }
+}
+
 /// A child that shares this process's descriptors. This one has a single thread, so the child may do
 /// anything.
 pid_t startWorker(Serving& serving) {
@@ -174,7 +185,8 @@ int watchOver(Serving& serving) {
             return WEXITSTATUS(status);
         complain("the worker was ended by signal " + std::to_string(WTERMSIG(status)) +
                  "; another takes its place");
-        serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
+        serving.descriptors = Descriptors::find();
+        readRulesAgain(serving);
         const bool isCrash = WTERMSIG(status) != SIGKILL;
         deaths = isCrash && std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
         if (deaths < kMostDeaths)
@@ -199,12 +211,13 @@ int run(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     for (const std::string& warning : configWarnings())
         complain(warning);
-    serving.rules = ServeRules::read();
     if (takesOver) {
         ::prctl(PR_SET_NAME, "qzhsmd"); // it was executed by another name
         ::sd_notifyf(0, "MAINPID=%d", ::getpid());
-        serving.descriptors = Descriptors::find(serving.rules.runtimeDirectory);
+        serving.descriptors = Descriptors::find();
+        readRulesAgain(serving); // readers do not pay for a mistake in them
     } else {
+        serving.rules = ServeRules::read();
         begin(serving);
     }
     return watchOver(serving);

@@ -105,8 +105,10 @@ rm -rf "$store" && expect 0 '^$' store create "$store"
 
 # Who must not cause recalls gets an error at once; readers of a range do not wait for the rest.
 archived "$fs"/{refused,range}
-configure 'refusePrograms = head' 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M'
-start
+configure && start
+configure 'refusePrograms = head' 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M' && kill -HUP "$served"
+for ((i = 0; i < 100; i++)); do grep -q 'read again' "$work/log" && break; sleep 0.05; done
+pkill -KILL -P "$served" # what was read again outlives the worker
 fails "$fs/refused" head -c 1
 grep -q 'refused head' "$work/log" || fail "nothing tells of a refusal"
 tail -c 1000 "$fs/range" | cmp -s - <(tail -c 1000 "$work/data") || fail "the tail of a range"
