@@ -41,7 +41,15 @@ fails() {
     said=$("${@:2}" "$1" 2>&1 >/dev/null) && fail "no error, line ${BASH_LINENO[0]}"
     [[ $said == *'Input/output error'* ]] || fail "line ${BASH_LINENO[0]}: $said"
 }
-# plain FILE: it is no stub any more, and has its time. Readers may be a flush ahead of that.
+# logged TEXT: the service tells that, perhaps a moment later.
+logged() {
+    for ((i = 0; i < 60; i++)); do
+        grep -q "$1" "$work/log" && return
+        sleep 0.05
+    done
+    fail "the log lacks '$1'"
+}
+# is_plain FILE: it is no stub any more, and has its time. Readers may be a flush ahead of that.
 is_plain() {
     for ((i = 0; i < 60; i++)); do
         [ -z "$(getfattr -d --absolute-names "$1" | grep -E 'NkStubFile|TSTUB')" ] && break
@@ -97,7 +105,7 @@ mv "$work/away"/?? "$store"
 cmp -s "$fs/gone" "$work/data" || fail "the objects are there again"
 for object in "$store"/??/????????-*[0-9a-f]; do printf x | dd of="$object" bs=1 seek=2000000 conv=notrunc status=none; done
 fails "$fs/torn" cat
-grep -q 'wrong checksum' "$work/log" || fail "nothing tells of the damage"
+logged 'wrong checksum'
 stop
 expect 0 '"state":"stub"' info --json "$fs/torn"
 expect 1 'No recall service is running' status
@@ -110,7 +118,7 @@ configure 'refusePrograms = head' 'rangePrograms = tail dd' 'rangeFrom = 1M' 'ba
 for ((i = 0; i < 100; i++)); do grep -q 'read again' "$work/log" && break; sleep 0.05; done
 pkill -KILL -P "$served" # what was read again outlives the worker
 fails "$fs/refused" head -c 1
-grep -q 'refused head' "$work/log" || fail "nothing tells of a refusal"
+logged 'refused head'
 tail -c 1000 "$fs/range" | cmp -s - <(tail -c 1000 "$work/data") || fail "the tail of a range"
 cmp -s "$fs/range" "$work/data" || fail "the whole behind a range"
 is_plain "$fs/range"
