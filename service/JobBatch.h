@@ -3,9 +3,11 @@
 #include "service/Failure.h"
 #include "service/Flush.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <sys/resource.h>
 #include <utility>
 #include <vector>
 
@@ -14,11 +16,16 @@
 template <class Job, class GiveUp>
 class JobBatch {
 public:
-    explicit JobBatch(GiveUp giveUp) : m_giveUp(std::move(giveUp)) {}
+    explicit JobBatch(GiveUp giveUp) : m_giveUp(std::move(giveUp)) {
+        // Each file takes a few descriptors, for each of several workers.
+        rlimit limit{};
+        if (::getrlimit(RLIMIT_NOFILE, &limit) == 0)
+            m_most = std::clamp<size_t>(limit.rlim_cur / 64, 8, kMostFiles);
+    }
 
     /// To be brought to its end before more is taken: enough to share a flush, few enough to keep the
     /// descriptors open.
-    bool isFull() const { return m_jobs.size() >= 256 || m_bytes >= 256LL << 20; }
+    bool isFull() const { return m_jobs.size() >= m_most || m_bytes >= kMostBytes; }
     bool isEmpty() const { return m_jobs.empty(); }
 
     void add(std::unique_ptr<Job> job, long long bytes) {
@@ -69,7 +76,11 @@ public:
     }
 
 private:
+    static constexpr size_t kMostFiles = 1024;
+    static constexpr long long kMostBytes = 1LL << 30;
+
     GiveUp m_giveUp;
+    size_t m_most = 8;
     std::vector<std::unique_ptr<Job>> m_jobs;
     long long m_bytes = 0;
 };

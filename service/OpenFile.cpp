@@ -1,7 +1,12 @@
 #include "service/OpenFile.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -20,13 +25,57 @@ void replaceAll(std::string& text, const std::string& what, const std::string& b
         text.replace(at, what.size(), by);
 }
 
+/// Whoever may write a directory on the way may have put a link there. One is followed if it belongs to root
+/// or to whom this process works for; the file itself may be one.
+UniqueFd openTrusted(const std::string& path) {
+    open_how how{};
+    how.flags = kOnlyTheFile | O_NOFOLLOW;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    UniqueFd direct(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+    if (direct.isOpen())
+        return direct;
+
+    int links = 0;
+    std::string rest = path;
+    UniqueFd at;
+    for (;;) {
+        if (rest.starts_with('/'))
+            at = openAt(AT_FDCWD, "/", 0, path);
+        const size_t start = std::min(rest.find_first_not_of('/'), rest.size());
+        const size_t end = std::min(rest.find('/', start), rest.size());
+        const std::string component = start == end ? "." : rest.substr(start, end - start);
+        const bool isDirectory = end < rest.size();
+        rest.erase(0, std::min(rest.find_first_not_of('/', end), rest.size()));
+        if (rest.empty() && isDirectory)
+            rest = "."; // a link with a slash behind it is followed
+        UniqueFd next = openAt(at.isOpen() ? at.get() : AT_FDCWD, component.c_str(), O_NOFOLLOW, path);
+        if (rest.empty())
+            return next;
+        struct stat st {};
+        if (::fstat(next.get(), &st) < 0)
+            throw systemFailure("Failed to stat ", path, errno);
+        if (!S_ISLNK(st.st_mode)) {
+            at = std::move(next);
+            continue;
+        }
+        if (st.st_uid != 0 && st.st_uid != ::geteuid())
+            throw Failure(QZHSM_FAILURE,
+                          path + " leads through a symbolic link of another user, " + component);
+        char target[PATH_MAX];
+        const ssize_t length = ::readlinkat(next.get(), "", target, sizeof target);
+        if (length < 0 || ++links > 40)
+            throw systemFailure("Failed to open ", path, length < 0 ? errno : ELOOP);
+        rest.insert(0, std::string(target, static_cast<size_t>(length)) + '/');
+    }
+}
+
 } // namespace
 
 OpenFile::OpenFile(UniqueFd fd, std::string name)
     : m_fd(std::move(fd)), m_name(std::move(name)), m_path("/proc/self/fd/" + std::to_string(m_fd.get())) {}
 
 OpenFile OpenFile::named(const std::string& path) {
-    OpenFile file = in(AT_FDCWD, path.c_str(), path);
+    OpenFile file(openTrusted(path), path);
     file.m_named = true;
     return file;
 }

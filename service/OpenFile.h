@@ -12,8 +12,9 @@
 /// its name in the meantime: users may own the tree in which a service works, and swap files in it.
 class OpenFile {
 public:
-    /// Opens the file at a path that somebody named. A symbolic link in its last component is not followed.
-    /// Nothing is read, and no driver or lease is woken. Throws if there is no such file.
+    /// Opens the file at a path that somebody named. A symbolic link in its last component is not followed,
+    /// and one on the way only if it is root's or the caller's own: another user may have put it there
+    /// meanwhile. Nothing is read, and no driver or lease is woken. Throws if there is no such file.
     static OpenFile named(const std::string& path);
     /// The same, following symbolic links: for whoever only looks.
     static OpenFile following(const std::string& path);

@@ -88,12 +88,13 @@ void RecallJob::tellLonger() {
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
-    // A file that was half recalled or half stubbed has times of that making.
+    // A file that was half recalled or half stubbed has times of that making. Without attributes it looks
+    // like a stub.
     const std::optional<timespec> modified = m_source->modified();
     const timespec& found = m_look.st.st_mtim;
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
                                                                           found.tv_nsec > modified->tv_nsec));
-    if (m_look.state == FileState::Stub && !m_look.kept && isLater)
+    if (m_look.state == FileState::Stub && m_look.attributes && !m_look.kept && isLater)
         suspect(m_file.name() + " was changed since it was stubbed: it was written to later");
     if (m_source->size())
         examineLength(*m_source->size());
@@ -108,7 +109,8 @@ void RecallJob::writeRest() {
     std::vector<char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireStub();
-    punch(static_cast<long long>(page));
+    m_written = m_kind.keepsTextInFile(); // to make a hole moves the time
+    punch(static_cast<long long>(page), m_kept);
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
     for (size_t skip = m_page.size(); !piece.empty(); piece = m_source->next(), skip = 0) {
         if (m_total > 0)
@@ -205,7 +207,7 @@ void RecallJob::putBack(const Failure& failure) {
             return m_observer.note(name + ": still a stub, to be recalled again");
         }
         if (m_written && !m_kept && !m_pageWritten) {
-            punch(static_cast<long long>(endOfPage(m_look.text)));
+            punch(static_cast<long long>(endOfPage(m_look.text)), true);
             if (!m_skipsZeros)
                 throw Failure(QZHSM_FAILURE, name + ": what was written cannot be taken out again");
         } else if (m_written) {
@@ -253,7 +255,7 @@ void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, lo
 
 /// Makes a hole of all from there on, so that zeros need not be written. An earlier recall may have left
 /// data.
-void RecallJob::punch(long long from) {
+void RecallJob::punch(long long from, bool mayShorten) {
     if (!m_kind.keepsTextInFile() || from >= m_look.st.st_size) {
         m_skipsZeros = m_kind.keepsTextInFile();
         return;
@@ -263,8 +265,9 @@ void RecallJob::punch(long long from) {
                                m_look.st.st_size - from) == 0;
     if (m_skipsZeros)
         return;
-    // A file system that cannot punch can shorten, and lengthen again.
-    m_skipsZeros = ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
+    // A file system that cannot punch can shorten, and lengthen again. In between the text would not fit.
+    m_skipsZeros =
+        mayShorten && ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
 }
 
 void RecallJob::punchHole(long long from, long long count) const {

@@ -55,7 +55,7 @@ private:
     void tellLonger();
     void requireStub();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
-    void punch(long long from);
+    void punch(long long from, bool mayShorten);
     void punchHole(long long from, long long count) const;
     timespec timeOfData() const;
     void putTimesBack();

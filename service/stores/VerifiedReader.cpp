@@ -25,7 +25,6 @@ VerifiedReader::VerifiedReader(Store& store, const ObjectRecord& record, std::ui
     m_end = std::min(record.size, (first + count) * kPieceSize);
     if (m_at < m_end)
         m_reader = store.open(record, {m_at, m_end - m_at});
-    m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_end - m_at, kPieceSize));
 }
 
 std::optional<Piece> VerifiedReader::next() {
@@ -33,12 +32,15 @@ std::optional<Piece> VerifiedReader::next() {
         if (m_reader)
             m_reader->finish();
         m_reader.reset();
+        m_buffer.reset();
         return std::nullopt;
     }
     Piece piece{{m_at, std::min(kPieceSize, m_end - m_at)}, {}};
     if (m_record.dataWithin(piece.part).empty()) {
         m_reader->skip(piece.part.length);
     } else {
+        if (!m_buffer) // which readers that wait for their turn do without
+            m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_end - m_at, kPieceSize));
         piece.bytes = {m_buffer.get(), piece.part.length};
         m_reader->read(m_buffer.get(), piece.bytes.size());
         if (pieceChecksum(piece.bytes.data(), piece.bytes.size()) !=

@@ -85,15 +85,15 @@ inline std::string newDirectory(const char* shape) {
 enum class FsKind { Ext4, Tmpfs, Ramfs };
 class TestFs {
 public:
-    /// `options` go to mount, "size=64k" for instance.
+    /// `options` go to mount, "size=64k" for instance; for ext4 they are the size of its image, dir().img.
     explicit TestFs(FsKind kind, const std::string& options = "") {
         static const std::string whyNoMounts = makeMountsPrivate();
         m_why = whyNoMounts;
         if (!m_why.empty())
             return;
         const char* type = kind == FsKind::Ext4 ? "ext4" : kind == FsKind::Tmpfs ? "tmpfs" : "ramfs";
-        const std::string make = "truncate -s 64M " + m_image + " && mkfs.ext4 -q " + m_image +
-                                 " && mount -o loop " + m_image + " " + m_dir;
+        const std::string make = "truncate -s " + (options.empty() ? "64M" : options) + " " + m_image +
+                                 " && mkfs.ext4 -q " + m_image + " && mount -o loop " + m_image + " " + m_dir;
         if (kind == FsKind::Ext4 ? std::system(make.c_str()) != 0
                                  : ::mount("none", m_dir.c_str(), type, 0, options.c_str()) != 0)
             m_why = std::string(type) + " cannot be mounted";

@@ -41,4 +41,21 @@ expect 0 '^$' archive --store "$store" "$f"
 said=$(injected fsync:error=EIO:when=4 recall "$f" 2>&1)
 [[ $said == *'may not be on the disk'* ]] || fail "the last flush's failure: $said"
 same "$f" "$work/data"
+
+# 10000 names of any bytes, by a list and by a walk.
+mkdir "$fs/names" && for ((i = 0; i < 10000; i++)); do
+    printf -v bytes '\\x%02x' $((i % 255 + 1)) $((RANDOM % 255 + 1)) $((RANDOM % 255 + 1)) $((RANDOM % 255 + 1))
+    LC_ALL=C printf -v name '%b' "${bytes//\\x2f/_}"
+    printf '%5000s' "$i" >"$fs/names/$name.$i"
+done
+find "$fs/names" -type f -print0 | sort -z >"$work/names"
+[ "$(tr -dc '\0' <"$work/names" | wc -c)" = 10000 ] || fail "not every name is a file"
+contents() { xargs -0 cat <"$work/names" | sha256sum; }
+before=$(contents)
+for paths in -0 "$fs/names"; do
+    expect 0 '10000 archived, 0 left alone, 0 failed' archive --store "$store" $paths <"$work/names"
+    [ "$(contents)" != "$before" ] || fail "nothing was archived: $paths"
+    expect 0 '10000 recalled, 0 left alone, 0 failed' recall -j 2 $paths <"$work/names"
+    [ "$(contents)" = "$before" ] || fail "not all came back: $paths"
+done
 finish
