@@ -111,6 +111,8 @@ protected:
     void prepare() const {
         ::unlink(m_file.c_str());
         ::unlink(saved().c_str());
+        for (const auto& path : stored()) // else it would be full in the end
+            ::unlink(path.c_str());
         {
             const int fd = ::open(m_file.c_str(), O_WRONLY | O_CREAT, 0644);
             ::pwrite(fd, content().data(), 30000, 0);
@@ -132,16 +134,24 @@ protected:
     }
     timespec modified() const { return {1000000000, fromStore() ? 500000000 : 0}; }
 
+    /// What the store holds: objects, their records, and what was cut off.
+    std::vector<std::filesystem::path> stored() const {
+        std::vector<std::filesystem::path> files;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_store))
+            if (entry.is_regular_file() && entry.path().parent_path() != m_store)
+                files.push_back(entry.path());
+        return files;
+    }
+
     /// Changes a byte of each object; done again, it puts it right.
     void damage() const {
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_store))
-            if (entry.is_regular_file() && entry.file_size() > 1000000) {
-                std::fstream object(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
-                object.seekg(100);
-                const int byte = object.get();
-                object.seekp(100);
-                object.put(static_cast<char>(~byte));
-            }
+        for (const auto& path : stored()) {
+            if (std::filesystem::file_size(path) < content().size())
+                continue;
+            std::fstream object(path, std::ios::in | std::ios::out | std::ios::binary);
+            const int byte = object.seekg(100).get();
+            object.seekp(100).put(static_cast<char>(~byte));
+        }
     }
 
     bool isZeros() const { return readFile(m_file).find_first_not_of('\0') == std::string::npos; }
