@@ -30,9 +30,9 @@
 
 namespace {
 
-constexpr size_t kBuffer = 128 * 1024;
+constexpr size_t kBuffer = size_t{128} * 1024;
 constexpr size_t kPage = 4096;
-constexpr size_t kPiece = 4 * 1024 * 1024;
+constexpr size_t kPiece = size_t{4} * 1024 * 1024;
 
 using Arguments = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
@@ -87,13 +87,18 @@ void copyAndRead(const std::string& from, const std::string& to) {
     readAll(to);
 }
 
+[[noreturn]] void different(const std::string& file, const std::string& copy) {
+    std::string text = file;
+    throw std::runtime_error(text.append(" is not what ").append(copy).append(" is"));
+}
+
 void requireSame(const std::string& a, const std::string& b) {
     const File files[] = {{a, O_RDONLY}, {b, O_RDONLY}};
     std::vector<char> pieces[] = {std::vector<char>(kPiece), std::vector<char>(kPiece)};
     for (off_t at = 0;; at += static_cast<off_t>(kPiece)) {
         const size_t got = files[0].read(pieces[0].data(), kPiece, at);
         if (got != files[1].read(pieces[1].data(), kPiece, at) || pieces[0] != pieces[1])
-            throw std::runtime_error(a + " is not what " + b + " is");
+            different(a, b);
         if (got == 0)
             return;
     }
@@ -109,7 +114,7 @@ long long first(const Arguments& arguments) {
     const long long time =
         timed([&] { File(arguments.at(0), O_RDONLY).read(found.data(), found.size(), at); });
     if (found != wanted)
-        throw std::runtime_error(arguments.at(0) + " is not what " + arguments.at(1) + " is");
+        different(arguments.at(0), arguments.at(1));
     return time;
 }
 

@@ -233,6 +233,7 @@ holding() {
     echo "$(awk '/^VmRSS/ { print $2 }' "/proc/$pid/status") $(find "/proc/$pid/fd" -type l | wc -l)" \
         "$(cat "/proc/$pid/fdinfo/"* 2>/dev/null | grep -c '^fanotify ino:' || true)"
 }
+recalled() { "$qzhsm" status --json | grep -o '"recalled":[0-9]*' | cut -d: -f2; }
 # look TEXT: what it holds, after it has settled.
 look() {
     sleep 0.5
@@ -241,18 +242,24 @@ look() {
 }
 
 part_memory() {
-    local batch=1000 done=0 first_memory='' first_descriptors i
+    local batch=1000 done=0 first_memory='' first_descriptors=0 i step
+    recalls=$(((recalls + 999) / 1000 * 1000))
+    step=$((recalls < 5000 ? 1000 : recalls / 5000 * 1000))
     configure
     fill_many $batch 8192
     stop
     start
     while [ $done -lt "$recalls" ]; do
-        "$qzhsm" archive --store "$store" "$served/many" >"$dir/archived" 2>&1 || fail "$(<"$dir/archived")"
-        grep -q "$batch archived" "$dir/archived" || fail "$(<"$dir/archived")"
+        for ((i = 0; i < 100; i++)); do # what is recalled is closed a little later
+            "$qzhsm" archive --store "$store" "$served/many" >"$dir/archived" 2>&1 && break
+            sleep 0.1
+        done
         "$bench" many 8 "$served/many" >/dev/null
-        for ((i = 0; i < batch; i += 100)); do settled "$served/many/$i"; done
         done=$((done + batch))
-        ((done % (recalls / 5 > batch ? recalls / 5 / batch * batch : batch))) || look "after $done recalls"
+        for ((i = 0; i < 100; i++)); do [ "$(recalled)" -lt $done ] || break; sleep 0.1; done
+        [ "$(recalled)" -eq $done ] || fail "$(recalled) recalls, not $done"
+        ((done % step == 0)) || continue
+        look "after $done recalls"
         [ -n "$first_memory" ] || first_memory=$memory first_descriptors=$descriptors
     done
     mkdir -p "$served/churn"

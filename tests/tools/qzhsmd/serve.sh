@@ -136,7 +136,7 @@ for rules in 'recall = open' $'recall = range\nrangeFrom = 0'; do
     kills=0
     while kill -0 $stressed 2>/dev/null; do
         sleep 0.0$((RANDOM % 50 + 10))
-        mapfile -t processes < <(pgrep -x qzhsmd -s 0)
+        mapfile -t processes < <(pgrep -x qzhsmd -s 0 -r S,R,D)
         [ ${#processes[@]} -eq 2 ] && kill -KILL "${processes[RANDOM % 2]}" && kills=$((kills + 1))
     done 2>/dev/null
     wait $stressed || fail "wrong bytes: $(<"$work/said")"
