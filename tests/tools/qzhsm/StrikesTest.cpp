@@ -124,7 +124,7 @@ protected:
         }
         for (const std::string& line : verb().before)
             if (line.starts_with("kill "))
-                ASSERT_TRUE(run(line.substr(5), {.kind = Kind::Kill, .number = 6}).struck);
+                ASSERT_TRUE(run(line.substr(5), {.kind = Kind::Kill, .number = 9}).struck);
             else if (line == "remove")
                 ASSERT_EQ(::unlink(m_file.c_str()), 0);
             else if (const Ended ended = run(line); ended.status != 0)

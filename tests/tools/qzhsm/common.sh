@@ -7,7 +7,9 @@ set -uo pipefail
 plain=$1 qzhsm=$1 failures=0 work=$(mktemp -d) fs=$work/fs f=$fs/file
 mount -t tmpfs none "$work" && mkdir "$fs"
 trap 'umount -R "$work"; rmdir "$work"' EXIT
-export QZHSM_CONFIG=/dev/null
+# No recall service of this machine is asked.
+export QZHSM_CONFIG=$work/conf
+printf '[Service]\nruntimeDirectory = /proc/none\n' >"$QZHSM_CONFIG"
 head -c 3000000 /dev/urandom >"$work/data" && head -c 2500000 "$work/data" >"$work/part"
 
 fail() { echo "FAILED: $*" && failures=$((failures + 1)); }
