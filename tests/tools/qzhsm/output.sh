@@ -55,11 +55,4 @@ QZHSM_CONFIG=$work/conf expect 0 'conf:2: archiveTimout is ignored: .* did you m
 QZHSM_CONFIG=$work/conf expect 0 'conf:4: instance is ignored: there is no section \[Focuss\]; did you' info "$f"
 [ "$(QZHSM_CONFIG=$work/conf "$qzhsm" info "$f" 2>&1 | grep -c warning)" = 2 ] || fail "what is known was warned of"
 QZHSM_CONFIG=$work/missing expect 0 'warning: QZHSM_CONFIG names .*missing' info "$f"
-
-# From too little memory to load on, until there is enough.
-for ((kib = 6000, status = 127; status != 0 && kib < 400000; kib += kib < 10000 ? 50 : kib / 20)); do
-    (ulimit -v $kib && exec timeout 20 "$plain" archive --keep -j 4 --store "$store" "$f" "$fs/g") &>"$work/said"
-    status=$?
-    [[ $status = [01] || $status = 12[67] ]] && [ -s "$work/said" ] || fail "status $status with $kib KiB: $(<"$work/said")"
-done
 finish
