@@ -1,6 +1,7 @@
-// Stress DIR COPY SECONDS: readers, writers and truncaters at work on the files f0, f1... of DIR, whose content when
-// they were archived is in COPY. Prints how many reads there were and how many got EIO, and ends with 1 if one byte
-// was wrong. f0 to f29 are only read; the first page of f30 to f39 is written over; f40 to f49 are truncated.
+// Stress DIR COPY SECONDS: readers, writers and truncaters at work on the files f0, f1... of DIR, whose
+// content when they were archived is in COPY. Prints how many reads there were and how many got EIO, and ends
+// with 1 if one byte was wrong. f0 to f29 are only read; the first page of f30 to f39 is written over; f40 to
+// f49 are truncated.
 
 #include <atomic>
 #include <cerrno>
