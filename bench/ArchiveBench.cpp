@@ -18,8 +18,6 @@
 // Archiving and recalling a tree with two workers beside "cp -a" of the same tree, each with a flush at its
 // end. The two sides take turns, what counts is the median. Caches are warm on both sides.
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -66,6 +64,7 @@ void flush(const fs::path& path) {
 
 Run run(const fs::path& work, const std::vector<std::string>& words) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string& word : words)
         argv.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
@@ -83,6 +82,7 @@ Run run(const fs::path& work, const std::vector<std::string>& words) {
 
 double middle(const std::vector<Run>& runs) {
     std::vector<double> seconds;
+    seconds.reserve(runs.size());
     for (const Run& one : runs)
         seconds.push_back(one.seconds);
     std::ranges::sort(seconds);

@@ -59,8 +59,9 @@ UniqueFd openTrusted(const std::string& path) {
             continue;
         }
         if (st.st_uid != 0 && st.st_uid != ::geteuid())
-            throw Failure(QZHSM_FAILURE,
-                          path + " leads through a symbolic link of another user, " + component);
+            throw Failure(QZHSM_FAILURE, std::string(path)
+                                             .append(" leads through a symbolic link of another user, ")
+                                             .append(component));
         char target[PATH_MAX];
         const ssize_t length = ::readlinkat(next.get(), "", target, sizeof target);
         if (length < 0 || ++links > 40)

@@ -227,7 +227,7 @@ TEST_P(TransparentIo, WritesItAllBack) {
     if (!is(kJoinsOpens))
         open(O_WRONLY); // again, after a close
 
-    const rlim_t end = static_cast<rlim_t>(m_before.st_size);
+    const auto end = static_cast<rlim_t>(m_before.st_size);
     const rlimit room{end + 10, RLIM_INFINITY};
     const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
     EXPECT_GE(m_backEnd->seekFileTrans(m_before.st_size, SEEK_SET), 0);

@@ -59,7 +59,7 @@ TEST(Loops, StopAtTheEndAndAtFailures) {
 namespace {
 
 /// How much a pipe is to hold, and a page.
-constexpr int kPage = 4096;
+constexpr size_t kPage = 4096;
 
 /// A pipe that is full, and emptied by SIGUSR1.
 int ends[2];

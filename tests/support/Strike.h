@@ -89,6 +89,7 @@ inline Ended runStruck(const std::vector<std::string>& words, const Strike& stri
     const pid_t child = ::fork();
     if (child == 0) {
         std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
         for (const std::string& word : words)
             argv.push_back(const_cast<char*>(word.c_str()));
         argv.push_back(nullptr);

@@ -23,7 +23,8 @@ TEST(DriverExtentThreads, WriteWhereTheyShould) {
     const auto writeExtents = [&](int first) {
         EXPECT_EQ(driver.openFileTrans(path.c_str(), O_RDWR, 0600), 0);
         for (int i = first; i >= 0; i -= 2) {
-            EXPECT_EQ(driver.writeFileTrans(&wanted[4096UL * i], 4096, 4096LL * i), 4096) << i;
+            EXPECT_EQ(driver.writeFileTrans(&wanted[4096UL * static_cast<size_t>(i)], 4096, 4096LL * i), 4096)
+                << i;
             EXPECT_EQ(driver.writeFileTrans("", 1, -1), -1) << "beside the other's successes";
         }
         EXPECT_EQ(driver.closeFileTrans(), 0);

@@ -14,7 +14,8 @@ constexpr const char* kMark = "user.NkStubFile";
 
 /// Metadata whose stub text is `length` bytes long.
 std::string metaFor(size_t length) {
-    return std::string(length - stubText("", 0).size(), 'm');
+    std::string meta(length - stubText("", 0).size(), 'm');
+    return meta;
 }
 
 class DriverlessStubs : public BackEndTest<QZHSMLowLevelDriverless> {

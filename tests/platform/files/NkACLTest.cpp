@@ -9,6 +9,6 @@ TEST(NkACL, TellsWhetherAttributesWork) {
     EXPECT_FALSE(helper->supportsXattr("/missing"));
     for (const auto& [err, supports] : {std::pair{ENOSYS, false}, {EOPNOTSUPP, false}, {EIO, true}})
         EXPECT_TRUE(inChild([&, err = err, supports = supports] {
-            return refuse(SYS_getxattr, err) && helper->supportsXattr("/") == supports;
+            return refuse(SYS_getxattr, static_cast<unsigned>(err)) && helper->supportsXattr("/") == supports;
         })) << err;
 }

@@ -23,12 +23,12 @@ TEST(NkProcess, TellsWhatTheCommandWroteAndHowItEnded) {
     if (other == 0)
         ::_exit(9);                                     // the status of another child is not the command's
     const UniqueFd open(::open("/dev/null", O_RDONLY)); // and may not be inherited
-    const std::string many(9'999'999, 'x');
+    const std::string many = std::string().append(9'999'999, 'x');
     const std::string writeMany = "head -c 9999999 /dev/zero | tr '\\0' x";
     for (const auto& [command, result, output, errors] :
          {std::tuple<std::string, int, std::string, std::string>{"cat", 0, "", ""}, // there is no input
           {"echo ' a  b'; echo oops >&2; exit 125", 125, " a  b\n", "oops\n"},
-          {writeMany + "& " + writeMany + " >&2; wait", 0, many, many},
+          {std::string(writeMany).append("& ").append(writeMany).append(" >&2; wait"), 0, many, many},
           {"ls /proc/self/fd", 0, "0\n1\n2\n3\n", ""}, // 3 is the directory's
           {"/no/such/command", -127, "", "sh: 1: /no/such/command: not found\n"},
           {"/dev/null", -126, "", "sh: 1: /dev/null: Permission denied\n"},
@@ -49,9 +49,10 @@ TEST(NkProcess, GoesOnAfterSignals) {
     // One while one output is awaited, the other being closed, and one while the end is.
     const std::string signal = "until grep -q '^State:.S' /proc/$PPID/status; do :; done; kill -USR1 $PPID; ";
     for (const auto& [closed, open] : {std::pair{"1", "2"}, {"2", "1"}}) {
-        EXPECT_EQ(run(std::string("exec ") + closed + ">&-; " + signal + "echo late >&" + open + "; exec " +
-                      open + ">&-; " + signal + "exit 5"),
-                  5);
+        std::string command = "exec ";
+        command.append(closed).append(">&-; ").append(signal).append("echo late >&").append(open);
+        command.append("; exec ").append(open).append(">&-; ").append(signal).append("exit 5");
+        EXPECT_EQ(run(command), 5);
         EXPECT_EQ(out + err, "late\n");
     }
 }

@@ -232,12 +232,17 @@ class PowerCuts : public Strikes {
 protected:
     /// What has reached the disks leads to the whole file; after a success it holds what that says.
     void cut(int status, const std::string& where) {
-        std::string same = "true", copy = "true";
+        std::string same = "true";
+        std::string copy = "true";
         for (const std::string& dir : {m_fs->dir(), m_archive->dir()}) {
-            const std::string image = dir + ".img ", cut = dir + ".cut ";
-            same += " && cmp -s " + image + cut;
-            copy += " && cp --sparse=always " + image + cut + " && cp --sparse=always " + cut + dir +
-                    ".now && mount -o loop " + dir + ".now " + dir;
+            const auto filledIn = [&dir](std::string command) {
+                for (size_t at = 0; (at = command.find('@')) != std::string::npos;)
+                    command.replace(at, 1, dir);
+                return command;
+            };
+            same += filledIn(" && cmp -s @.img @.cut");
+            copy += filledIn(" && cp --sparse=always @.img @.cut && cp --sparse=always @.cut @.now && "
+                             "mount -o loop @.now @");
         }
         if (status != 0 && std::system(same.c_str()) == 0)
             return;

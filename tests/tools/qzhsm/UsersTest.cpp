@@ -62,7 +62,7 @@ TEST_P(Users, NeverGetRootToTouchAnothersFile) {
         writeFile(file, noise(20000));
     std::filesystem::create_symlink(secret, fs.path("tree/link"));
     std::filesystem::create_symlink(fs.path("secret"), fs.path("tree/linked"));
-    const auto run = [&](std::string line, const std::string& file) {
+    const auto run = [&](const std::string& line, const std::string& file) {
         std::vector<std::string> words{QZHSM_PROGRAM};
         std::istringstream stream(line);
         for (std::string word; stream >> word;)
