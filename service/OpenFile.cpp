@@ -47,7 +47,7 @@ UniqueFd openTrusted(const std::string& path) {
         const bool isDirectory = end < rest.size();
         rest.erase(0, std::min(rest.find_first_not_of('/', end), rest.size()));
         if (rest.empty() && isDirectory)
-            rest = "."; // a link with a slash behind it is followed
+            rest.assign(1, '.'); // a link with a slash behind it is followed
         UniqueFd next = openAt(at.isOpen() ? at.get() : AT_FDCWD, component.c_str(), O_NOFOLLOW, path);
         if (rest.empty())
             return next;
