@@ -2,21 +2,6 @@
 
 #include "service/FileIo.h"
 
-#include <cerrno>
-#include <new>
-
-namespace {
-
-/// What a stub's text takes: a block of the file system, 4096 bytes on most.
-constexpr long long kBlock = 4096;
-
-} // namespace
-
-ArchiveWorker::ArchiveWorker(StubKind& kind, Store& store, const ArchiveRules& rules, SeenFiles& seen,
-                             Observer& observer)
-    : m_kind(kind), m_store(store), m_rules(rules), m_seen(seen), m_observer(observer),
-      m_batch(Tell{observer}) {}
-
 std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& look) {
     switch (look.state) {
     case FileState::Stub:
@@ -33,25 +18,11 @@ std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& lo
         return "it was modified too lately";
     if (look.st.st_size <= m_rules.largerThan)
         return "it is too small";
-    if (!m_rules.keepData && allocatedBytes(look.st) <= kBlock)
+    if (!m_rules.keepData && !wouldFreeRoom(look.st))
         return "it would free no room";
-    if (look.st.st_nlink > 1 && !m_seen.isNew(look.st))
+    if (!m_seen.isNew(look.st))
         return "it was archived under another name";
     return {};
-}
-
-void ArchiveWorker::take(OpenFile file) {
-    const std::string name = file.name();
-    try {
-        auto job = std::make_unique<ArchiveJob>(m_kind, std::move(file));
-        job->file().as([&] { begin(job); });
-    } catch (const Failure& failure) {
-        m_observer.failed(name, failure);
-    } catch (const std::bad_alloc&) {
-        m_observer.failed(name, systemFailure("Failed to archive ", name, ENOMEM));
-    }
-    if (m_batch.isFull())
-        finish();
 }
 
 /// Puts the file into the store, unless there is a reason to leave it alone.
@@ -63,11 +34,7 @@ void ArchiveWorker::begin(std::unique_ptr<ArchiveJob>& job) {
     if (m_rules.dryRun)
         return m_observer.done(name, "would be archived");
     m_observer.started(name, job->look().st.st_size);
-    std::uint64_t told = 0;
-    job->put(m_store, [&](std::uint64_t done) {
-        m_observer.bytes(static_cast<long long>(done - told));
-        told = done;
-    });
+    job->put(m_store, tellBytes(m_observer));
     const long long bytes = job->look().st.st_size;
     m_batch.add(std::move(job), bytes);
 }
@@ -84,11 +51,7 @@ void ArchiveWorker::finish() {
         m_batch.step([](ArchiveJob& job) { job.note(); });
         m_batch.flush();
     } else {
-        for (void (ArchiveJob::*step)() : {&ArchiveJob::keep, &ArchiveJob::stub}) {
-            m_batch.step([step](ArchiveJob& job) { (job.*step)(); });
-            m_batch.flush();
-        }
-        m_batch.step([](ArchiveJob& job) { job.end(); });
+        makeStubs();
     }
     m_batch.finish([this](const ArchiveJob& job) { m_observer.done(job.file().name(), "archived"); });
 }

@@ -3,9 +3,7 @@
 #include "service/FileIo.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -15,19 +13,7 @@ constexpr size_t kPiece = size_t{1} << 20;
 /// The piece at this offset, shorter only at the end of the file.
 void readPiece(int fd, const std::string& name, off_t offset, std::vector<char>& piece) {
     piece.resize(kPiece);
-    size_t total = 0;
-    while (total < kPiece) {
-        const ssize_t got =
-            ::pread(fd, piece.data() + total, kPiece - total, offset + static_cast<off_t>(total));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            throw systemFailure("Failed to read from ", name, errno);
-        if (got == 0)
-            break;
-        total += static_cast<size_t>(got);
-    }
-    piece.resize(total);
+    piece.resize(readAt(fd, piece.data(), kPiece, offset, name));
 }
 
 } // namespace

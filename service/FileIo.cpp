@@ -6,7 +6,16 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
 
 struct stat statFollowing(const std::string& path) {
     struct stat st {};
@@ -18,6 +27,11 @@ struct stat statFollowing(const std::string& path) {
 long long allocatedBytes(const struct stat& st) {
     constexpr long long kBlock = 512; // the unit of st_blocks, whatever the file system's own
     return st.st_blocks * kBlock;
+}
+
+bool wouldFreeRoom(const struct stat& st) {
+    constexpr long long kBlock = 4096;
+    return allocatedBytes(st) > kBlock;
 }
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
@@ -50,6 +64,21 @@ std::vector<char> readUpTo(int fd, size_t size, const std::string& name,
     }
     bytes.resize(total);
     return bytes;
+}
+
+size_t readAt(int fd, char* buffer, size_t size, off_t offset, const std::string& name) {
+    size_t total = 0;
+    while (total < size) {
+        const ssize_t got = ::pread(fd, buffer + total, size - total, offset + static_cast<off_t>(total));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            throw systemFailure("Failed to read from ", name, errno);
+        if (got == 0)
+            break;
+        total += static_cast<size_t>(got);
+    }
+    return total;
 }
 
 std::string parentOf(const std::string& path) {

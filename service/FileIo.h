@@ -8,11 +8,18 @@
 #include <sys/stat.h>
 #include <vector>
 
+/// Raises this process's limit of open files as far as it may: files on their way, and those who wait for
+/// them, are open.
+void allowManyDescriptors();
+
 /// The file that a path leads to, symbolic links followed.
 struct stat statFollowing(const std::string& path);
 
 /// The bytes that the file's blocks take.
 long long allocatedBytes(const struct stat& st);
+
+/// Whether a stub in its place takes less: the stub's text takes a block, 4096 bytes on most file systems.
+bool wouldFreeRoom(const struct stat& st);
 
 bool isSameFile(const struct stat& a, const struct stat& b);
 
@@ -23,6 +30,10 @@ UniqueFd openForReading(const std::string& path);
 /// short; what it throws passes.
 std::vector<char> readUpTo(
     int fd, size_t size, const std::string& name, const std::function<void()>& onSignal = [] {});
+
+/// Reads `size` bytes from `offset` on, wherever the descriptor stands; fewer only if the file ends. Throws
+/// `Failure`.
+size_t readAt(int fd, char* buffer, size_t size, off_t offset, const std::string& name);
 
 /// The directory that a path's last component is in: "." for a path of one component.
 std::string parentOf(const std::string& path);

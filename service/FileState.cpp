@@ -2,6 +2,8 @@
 
 #include "lowlevel/driverless/StubMark.h"
 #include "platform/stub/StubText.h"
+#include "service/FileIo.h"
+#include "service/StubData.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -27,21 +29,9 @@ void lookForMark(const OpenFile& file, FileLook& look) {
     look.marked = got == 1 && value[0] == kStubMarkValue;
 }
 
-std::string readAt(int fd, const OpenFile& file, long long offset, size_t size) {
+std::string bytesAt(int fd, const OpenFile& file, long long offset, size_t size) {
     std::string bytes(size, '\0');
-    size_t total = 0;
-    while (total < size) {
-        const ssize_t got =
-            ::pread(fd, bytes.data() + total, size - total, offset + static_cast<long long>(total));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            throw systemFailure("Failed to read from ", file.name(), errno);
-        if (got == 0)
-            break;
-        total += static_cast<size_t>(got);
-    }
-    bytes.resize(total);
+    bytes.resize(readAt(fd, bytes.data(), size, offset, file.name()));
     return bytes;
 }
 
@@ -66,7 +56,7 @@ bool isHole(int fd, const OpenFile& file, long long offset, const struct stat& s
         const off_t hole = std::max<off_t>(::lseek(fd, data, SEEK_HOLE), data + 1);
         const long long length = std::min<long long>(hole, size) - data;
         looked += length;
-        if (looked > kMostZeros || !allZero(readAt(fd, file, data, static_cast<size_t>(length))))
+        if (looked > kMostZeros || !allZero(bytesAt(fd, file, data, static_cast<size_t>(length))))
             return false;
         offset = hole;
     }
@@ -91,11 +81,11 @@ struct Content {
 Content readContent(const OpenFile& file, const struct stat& st, bool attributes, bool marked) {
     const UniqueFd fd = file.open(O_RDONLY);
     Content content;
-    content.beginning = readAt(fd.get(), file, 0, kPage);
+    content.beginning = bytesAt(fd.get(), file, 0, kPage);
     int length = 0;
     if (qzhsm_stub2meta(content.beginning.c_str(), &length, nullptr, nullptr, 0, true)) {
         if (static_cast<size_t>(length) > content.beginning.size())
-            content.beginning = readAt(fd.get(), file, 0, static_cast<size_t>(length));
+            content.beginning = bytesAt(fd.get(), file, 0, static_cast<size_t>(length));
         std::vector<char> meta(kStubTextMax + 1);
         if (static_cast<size_t>(length) <= content.beginning.size() &&
             qzhsm_stub2meta(content.beginning.c_str(), nullptr, nullptr, meta.data(),
@@ -122,10 +112,10 @@ std::string changeOf(const FileLook& look, const Content& content) {
 
 void setText(FileLook& look, std::string text) {
     look.text = std::move(text);
-    std::vector<char> meta(kStubTextMax + 1);
-    if (qzhsm_stub2meta(look.text.c_str(), nullptr, &look.recordedSize, meta.data(),
-                        static_cast<int>(meta.size()), false))
-        look.meta = meta.data();
+    if (const std::optional<StubFacts> facts = readFacts(look.text)) {
+        look.recordedSize = facts->fileSize;
+        look.meta = facts->meta;
+    }
 }
 
 FileState stateOf(FileLook& look, const Content& content) {

@@ -18,6 +18,11 @@ bool isDirectory(int fd) {
 
 } // namespace
 
+void flushOne(int fd, const std::string& name) {
+    if ((isDirectory(fd) ? ::syncfs(fd) : ::fsync(fd)) < 0)
+        throw systemFailure("Failed to flush ", name, errno);
+}
+
 void flushAll(const std::vector<Flushable>& files) {
     constexpr size_t kFew = 2; // a flush of the whole file system also waits for what others wrote
     std::map<dev_t, std::vector<int>> byDevice;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <sys/types.h>
 #include <vector>
 
@@ -9,6 +10,9 @@ struct Flushable {
     int fd;
     dev_t device;
 };
+
+/// Brings one to the disk; `name` is for the failure.
+void flushOne(int fd, const std::string& name);
 
 /// Brings files, with their attributes and times, to the disk. Many files of one file system go together.
 /// Throws `Failure` if any of them may not have got there.

@@ -1,6 +1,8 @@
 #include "service/KeptText.h"
 
 #include "platform/stub/StubText.h"
+#include "service/StubData.h"
+#include "service/Times.h"
 
 #include <cerrno>
 #include <charconv>
@@ -17,32 +19,12 @@ constexpr const char* kAttribute = "user.TSTUB";
 constexpr std::string_view kRecalling = ";recalling=";
 constexpr std::string_view kStubbing = ";stubbing=";
 
-struct Decoded {
-    std::string meta;
-    long long fileSize;
-};
-
-std::optional<Decoded> decode(const std::string& text) {
-    std::vector<char> meta(kStubTextMax + 1);
-    int length = 0;
-    long long size = 0;
-    if (!qzhsm_stub2meta(text.c_str(), &length, &size, meta.data(), static_cast<int>(meta.size()), true) ||
-        static_cast<size_t>(length) > text.size())
-        return {};
-    return Decoded{meta.data(), size};
-}
-
-std::string encode(const Decoded& decoded) {
-    const int length = qzhsm_meta2stub(decoded.meta.c_str(), decoded.fileSize, nullptr, 0);
-    if (length < 0)
-        return {};
-    std::string text(static_cast<size_t>(length), '\0');
-    qzhsm_meta2stub(decoded.meta.c_str(), decoded.fileSize, text.data(), length);
-    return text;
-}
-
-std::string nanoseconds(const timespec& time) {
-    return std::to_string(time.tv_sec * 1'000'000'000LL + time.tv_nsec);
+/// Nothing for a text that is not whole.
+std::optional<StubFacts> decode(const std::string& text) {
+    std::optional<StubFacts> facts = readFacts(text);
+    if (facts && static_cast<size_t>(facts->textLength) > text.size())
+        facts.reset();
+    return facts;
 }
 
 /// Takes the purpose from the end of the metadata, if it is this one, and gives its time.
@@ -56,9 +38,7 @@ std::optional<timespec> takePurpose(std::string& meta, std::string_view purpose)
     if (error != std::errc() || stop != end)
         return {};
     meta.resize(at);
-    constexpr long long kSecond = 1'000'000'000;
-    const long long within = ((modified % kSecond) + kSecond) % kSecond; // also before 1970
-    return timespec{(modified - within) / kSecond, within};
+    return timeOf(modified);
 }
 
 } // namespace
@@ -76,24 +56,25 @@ std::optional<KeptText> readKeptText(const OpenFile& file) {
         throw systemFailure("Failed to read attribute user.TSTUB of ", file.name(), errno);
     }
     value.resize(static_cast<size_t>(got));
-    std::optional<Decoded> decoded = decode(value);
+    std::optional<StubFacts> decoded = decode(value);
     if (!decoded)
         return {};
     for (const bool recalling : {true, false}) {
         const std::optional<timespec> modified =
             takePurpose(decoded->meta, recalling ? kRecalling : kStubbing);
         if (modified)
-            return KeptText{encode(*decoded), recalling, *modified};
+            return KeptText{stubTextOf(decoded->meta, decoded->fileSize), recalling, *modified};
     }
     return KeptText{value, false, file.stat().st_mtim};
 }
 
 bool keepText(const OpenFile& file, const KeptText& kept) {
-    std::optional<Decoded> decoded = decode(kept.text);
+    std::optional<StubFacts> decoded = decode(kept.text);
     if (!decoded)
         throw Failure(QZHSM_NOT_A_STUB, file.name() + " has no valid stub text");
-    decoded->meta.append(kept.recalling ? kRecalling : kStubbing).append(nanoseconds(kept.modified));
-    const std::string value = encode(*decoded);
+    decoded->meta.append(kept.recalling ? kRecalling : kStubbing)
+        .append(std::to_string(nanoseconds(kept.modified)));
+    const std::string value = stubTextOf(decoded->meta, decoded->fileSize);
     if (value.empty())
         return false;
     if (::setxattr(file.path().c_str(), kAttribute, value.data(), value.size(), 0) == 0)

@@ -2,6 +2,7 @@
 
 #include "service/Failure.h"
 
+#include <cstdint>
 #include <string>
 
 /// Hears how work on many files goes. Workers call it one at a time; whoever waits for it holds them up.
@@ -26,3 +27,11 @@ public:
     /// The files below a directory are looked for: there is no telling how many there will be.
     virtual void walking(const std::string&) {}
 };
+
+/// Tells of what is further done when it is called with how much is done so far.
+inline auto tellBytes(Observer& observer) {
+    return [&observer, told = std::uint64_t{0}](std::uint64_t done) mutable {
+        observer.bytes(static_cast<long long>(done - told));
+        told = done;
+    };
+}

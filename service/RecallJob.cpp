@@ -216,7 +216,7 @@ void RecallJob::putBack(const Failure& failure) {
         }
         if (m_written)
             putTimesBack();
-        flushAll({{flushable(), m_look.st.st_dev}});
+        flushOne(flushable(), name);
         if (m_kept)
             dropKeptText(m_file);
         m_observer.note(name +

@@ -6,33 +6,32 @@
 
 namespace {
 
-void flush(int fd, const OpenFile& file) {
-    flushAll({{fd, file.stat().st_dev}});
-}
-
-/// The file is whole: what makes it look like a stub goes.
-void makePlain(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
-    if (look.marked)
-        checked(kind.backEnd(), kind.backEnd().restoreDone(kind.pathOf(file).c_str(), true, {}));
-    dropKeptText(file);
-    flush(fd, file);
+void endPlain(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
+    makePlain(kind, file, look);
+    flushOne(fd, file.name());
 }
 
 /// The file is a stub: what was kept is not needed any more.
 void endStub(StubKind&, const OpenFile& file, const FileLook& look, int fd) {
     putTimesBack(file, look.st.st_atim, look.kept->modified);
     dropKeptText(file);
-    flush(fd, file);
+    flushOne(fd, file.name());
 }
 
 /// The text that is kept comes back into the file, which is a stub then.
 void makeStub(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
     kind.putBack(file.path(), {look.text.begin(), look.text.end()}, look.recordedSize);
-    flush(fd, file);
+    flushOne(fd, file.name());
     endStub(kind, file, look, fd);
 }
 
 } // namespace
+
+void makePlain(StubKind& kind, const OpenFile& file, const FileLook& look) {
+    if (look.marked)
+        checked(kind.backEnd(), kind.backEnd().restoreDone(kind.pathOf(file).c_str(), true, {}));
+    dropKeptText(file);
+}
 
 void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observer) {
     const UniqueFd fd = kind.hold(file);
@@ -51,7 +50,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
         break;
     case FileState::MarkedWhole:
     case FileState::Leftover:
-        wayOut = makePlain;
+        wayOut = endPlain;
         outcome = "an ordinary file, whole";
         break;
     case FileState::Emptied:
@@ -65,7 +64,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
                           "\"qzhsm restore-stub\" completes it. Its metadata is " + look.meta);
         wayOut = [](StubKind& marking, const OpenFile& marked, const FileLook&, int flushable) {
             marking.clearMarks(marking.pathOf(marked));
-            flush(flushable, marked);
+            flushOne(flushable, marked.name());
         };
         outcome = "an ordinary file, whole";
         break;

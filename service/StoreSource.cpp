@@ -1,6 +1,7 @@
 #include "service/StoreSource.h"
 
 #include "platform/logging/ProcessLog.h"
+#include "service/Times.h"
 
 #include <algorithm>
 #include <unistd.h>
@@ -11,8 +12,7 @@ StoreSource::StoreSource(Store& store, ObjectRecord record, StopRequest stop)
       m_record(std::move(record)), m_stop(std::move(stop)) {}
 
 std::optional<timespec> StoreSource::modified() const {
-    constexpr std::int64_t kSecond = 1'000'000'000;
-    return timespec{m_record.mtime / kSecond, m_record.mtime % kSecond};
+    return timeOf(m_record.mtime);
 }
 
 std::vector<char> StoreSource::next() {

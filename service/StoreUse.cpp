@@ -1,6 +1,8 @@
 #include "service/StoreUse.h"
 
+#include "service/FileIo.h"
 #include "service/NotedObject.h"
+#include "service/Times.h"
 #include "service/stores/StubMetadata.h"
 
 #include <algorithm>
@@ -8,9 +10,7 @@
 #include <fcntl.h>
 
 void StoreUse::addFileSystem(const std::string& directory) {
-    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd.isOpen())
-        throw systemFailure("Failed to open ", directory, errno);
+    UniqueFd fd = openDirectory(directory);
     FileIdentity root = FileIdentity::of(fd.get(), directory);
     if (std::ranges::none_of(m_fileSystems,
                              [&](const FileSystem& known) { return known.root.isBeside(root); }))
@@ -64,7 +64,6 @@ void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& obser
     store.list([&](const ListedObject& object) { all.push_back(object); });
     std::vector<ObjectId> unneeded;
     const auto judge = [&](const ListedObject& listed) {
-        constexpr std::int64_t kSecond = 1'000'000'000;
         const std::string name(listed.object.text());
         std::optional<ObjectRecord> record;
         if (!listed.leftSince) {
@@ -75,7 +74,7 @@ void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& obser
             if (!reason.empty())
                 return observer.skipped(name, reason);
         }
-        if (listed.leftSince.value_or(record ? record->stored / kSecond : 0) >= rules.storedBefore)
+        if (listed.leftSince.value_or(record ? timeOf(record->stored).tv_sec : 0) >= rules.storedBefore)
             return observer.skipped(name, "it was stored too lately");
         if (rules.remove)
             store.remove(listed.object);

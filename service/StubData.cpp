@@ -13,7 +13,19 @@ bool beginsWithStubText(const std::vector<char>& bytes) {
 }
 
 std::optional<StubFacts> readFacts(const std::vector<char>& stubData) {
-    const std::string text(stubData.begin(), stubData.end());
+    return readFacts(std::string(stubData.begin(), stubData.end()));
+}
+
+std::string stubTextOf(const std::string& meta, long long fileSize) {
+    const int length = qzhsm_meta2stub(meta.c_str(), fileSize, nullptr, 0);
+    if (length < 0)
+        return {};
+    std::string text(static_cast<size_t>(length), '\0');
+    qzhsm_meta2stub(meta.c_str(), fileSize, text.data(), length);
+    return text;
+}
+
+std::optional<StubFacts> readFacts(const std::string& text) {
     std::vector<char> meta(text.size() + 1);
     StubFacts facts{};
     if (!qzhsm_stub2meta(text.c_str(), &facts.textLength, &facts.fileSize, meta.data(),

@@ -17,7 +17,11 @@ struct StubFacts {
     std::string meta;
 };
 /// Nothing for stub data that is not valid.
+std::optional<StubFacts> readFacts(const std::string& text);
 std::optional<StubFacts> readFacts(const std::vector<char>& stubData);
+
+/// The stub text of a file of that size; empty if no stub text can hold such metadata.
+std::string stubTextOf(const std::string& meta, long long fileSize);
 
 /// What is wrong with such stub data on a file of `size` bytes; empty if it fits.
 std::string misfit(const std::optional<StubFacts>& facts, long long size);

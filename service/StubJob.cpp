@@ -1,10 +1,10 @@
 #include "service/StubJob.h"
 
-#include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/NotedObject.h"
+#include "service/StubData.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,16 +16,6 @@ namespace {
 
 bool isSameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-/// Empty if there can be no such text; the back-end says so then.
-std::string stubText(const std::string& meta, long long size) {
-    const int length = qzhsm_meta2stub(meta.c_str(), size, nullptr, 0);
-    if (length < 0)
-        return {};
-    std::string text(static_cast<size_t>(length), '\0');
-    qzhsm_meta2stub(meta.c_str(), size, text.data(), length);
-    return text;
 }
 
 } // namespace
@@ -46,7 +36,7 @@ void StubJob::hold() {
 void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTime) {
     requireUnchanged(m_look.st);
     m_meta = meta;
-    m_text = stubText(meta, m_look.st.st_size);
+    m_text = stubTextOf(meta, m_look.st.st_size); // empty if there is none; the back-end says so
     m_refTime = refTime.value_or(m_look.st.st_mtime);
     m_capabilities = readCapabilities(m_file);
     m_kind.beforeStubbing(m_kind.pathOf(m_file), meta, m_look.st);
@@ -103,7 +93,7 @@ void StubJob::note() {
 }
 
 void StubJob::flush() const {
-    flushAll({{flushable(), m_look.st.st_dev}});
+    flushOne(flushable(), m_file.name());
 }
 
 void StubJob::keepText(std::string text, long long size) {

@@ -3,44 +3,22 @@
 #include "service/ArchivedCopy.h"
 #include "service/FileIo.h"
 
-#include <cerrno>
-#include <new>
-
-namespace {
-
-bool freesRoom(const FileLook& look) {
-    constexpr long long kBlock = 4096; // what the stub will take
-    return allocatedBytes(look.st) > kBlock;
-}
-
-} // namespace
-
 std::string StubWorker::reasonToSkip(const FileLook& look) {
     if (!m_rules.isList)
         return {};
     if (look.state == FileState::Stub || look.state == FileState::ChangedStub)
         return "it is a stub already";
     const bool isPlain = look.state == FileState::Plain || look.state == FileState::Leftover;
-    if (isPlain && !m_rules.force && !freesRoom(look))
+    if (isPlain && !m_rules.force && !wouldFreeRoom(look.st))
         return "it would free no room";
-    if (look.st.st_nlink > 1 && !m_seen.isNew(look.st))
+    if (!m_seen.isNew(look.st))
         return "it was stubbed under another name";
     return {};
 }
 
-void StubWorker::take(OpenFile file) {
-    const std::string name = file.name();
-    try {
-        auto job = std::make_unique<StubJob>(m_kind, std::move(file));
-        job->file().as([&] { begin(job); });
-    } catch (const Failure& failure) {
-        m_observer.failed(name, failure);
-    } catch (const std::bad_alloc&) {
-        m_observer.failed(name, systemFailure("Failed to stub ", name, ENOMEM));
-    }
+bool StubWorker::isFull() const {
     constexpr size_t kMostCopies = 64; // which are open, besides three descriptors for each file
-    if (m_batch.isFull() || m_copies.size() >= kMostCopies)
-        finish();
+    return StubbingWorker::isFull() || m_copies.size() >= kMostCopies;
 }
 
 void StubWorker::begin(std::unique_ptr<StubJob>& job) {
@@ -56,7 +34,7 @@ void StubWorker::begin(std::unique_ptr<StubJob>& job) {
     if (m_rules.copyOf)
         copy = requireSameCopy(job->data(), file, job->look(), m_rules.copyOf(file));
     job->prepare(m_rules.meta, m_rules.refTime);
-    if (!m_rules.force && !freesRoom(job->look()))
+    if (!m_rules.force && !wouldFreeRoom(job->look().st))
         throw Failure(QZHSM_FAILURE, "Not stubbing " + file.name() + ": it would free no room",
                       "With --force it is stubbed all the same.");
     if (copy.isOpen())
@@ -77,11 +55,7 @@ void StubWorker::finish() {
         m_batch.giveUpAll(failure);
     }
     m_copies.clear();
-    for (void (StubJob::*step)() : {&StubJob::keep, &StubJob::stub}) {
-        m_batch.step([step](StubJob& job) { (job.*step)(); });
-        m_batch.flush();
-    }
-    m_batch.step([](StubJob& job) { job.end(); });
+    makeStubs();
     m_batch.finish([this](const StubJob& job) {
         m_observer.bytes(job.look().st.st_size);
         m_observer.done(job.file().name(), "stubbed");

@@ -1,9 +1,12 @@
 #pragma once
 
-#include "service/ArchiveWorker.h"
+#include "service/StubbingWorker.h"
 
+#include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 /// What files are turned into stubs with.
 struct StubRules {
@@ -17,31 +20,19 @@ struct StubRules {
     bool force = false; ///< also what frees no room
 };
 
-/// Turns files whose data has been archived into stubs, several together.
-class StubWorker final : public FileWorker {
+/// Turns files whose data has been archived into stubs.
+class StubWorker final : public StubbingWorker<StubJob> {
 public:
     StubWorker(StubKind& kind, const StubRules& rules, SeenFiles& seen, Observer& observer)
-        : m_kind(kind), m_rules(rules), m_seen(seen), m_observer(observer), m_batch(Tell{observer}) {}
+        : StubbingWorker(kind, seen, observer), m_rules(rules) {}
 
-    void take(OpenFile file) override;
     void finish() override;
 
 private:
+    void begin(std::unique_ptr<StubJob>& job) override;
+    bool isFull() const override;
     std::string reasonToSkip(const FileLook& look);
-    void begin(std::unique_ptr<StubJob>& job);
 
-    struct Tell {
-        Observer& observer;
-        void operator()(StubJob& job, const Failure& failure) const {
-            job.giveUp();
-            observer.failed(job.file().name(), failure);
-        }
-    };
-
-    StubKind& m_kind;
     const StubRules& m_rules;
-    SeenFiles& m_seen;
-    Observer& m_observer;
-    JobBatch<StubJob, Tell> m_batch;
     std::vector<UniqueFd> m_copies; ///< to be on the disk before any data is given up
 };

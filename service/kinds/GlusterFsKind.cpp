@@ -78,7 +78,7 @@ public:
         look.state = FileState::HalfMarked;
         if (const auto text = marks.find(kCloudsyncAttributes[StubText]); text != marks.end()) {
             look.text = text->second;
-            if (const auto facts = readFacts({look.text.begin(), look.text.end()}))
+            if (const auto facts = readFacts(look.text))
                 look.meta = facts->meta;
         }
         return look;
@@ -110,7 +110,7 @@ public:
         // What a killed stubbing has left gives way, but never what may be all that tells where data is.
         const auto text = marks.find(kCloudsyncAttributes[StubText]);
         const auto facts =
-            text == marks.end() ? std::nullopt : readFacts({text->second.begin(), text->second.end()});
+            text == marks.end() ? std::nullopt : readFacts(text->second);
         const bool isOther = text != marks.end() && (!facts || facts->meta != meta);
         if (isOther || hasAttribute(path, kRemote))
             throw Failure(EEXIST, "Not stubbing " + path + ": it carries some of a stub's attributes already",

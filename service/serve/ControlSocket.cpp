@@ -33,14 +33,19 @@ void ControlSocket::addListener(UniqueFd listener) {
     m_listeners.push_back(std::move(listener));
 }
 
-void ControlSocket::addConnection(UniqueFd connection) {
+void ControlSocket::takeOver(UniqueFd connection) {
+    if (Connection* added = add(std::move(connection)))
+        exempt(*added);
+}
+
+ControlSocket::Connection* ControlSocket::add(UniqueFd connection) {
     ucred peer{};
     socklen_t length = sizeof peer;
     if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0 ||
         (peer.uid != 0 && peer.uid != ::geteuid()))
-        return;
+        return nullptr;
     const int fd = connection.get();
-    m_connections.emplace(fd, Connection{std::move(connection), peer.pid});
+    return &m_connections.emplace(fd, Connection{std::move(connection), peer.pid}).first->second;
 }
 
 void ControlSocket::addTo(std::vector<int>& fds) const {
@@ -55,7 +60,12 @@ void ControlSocket::serve(int fd) {
         return answer(found->second);
     UniqueFd connection(::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK));
     if (connection.isOpen())
-        addConnection(std::move(connection));
+        add(std::move(connection));
+}
+
+void ControlSocket::exempt(Connection& connection) {
+    if (!std::exchange(connection.exempt, true))
+        m_service.exempt(connection.process);
 }
 
 void ControlSocket::answer(Connection& connection) {
@@ -80,8 +90,7 @@ std::string ControlSocket::answerTo(Connection& connection, std::string_view req
     if (request == "metrics")
         return m_service.status().toMetrics();
     if (request == "exempt") {
-        if (!std::exchange(connection.exempt, true))
-            m_service.exempt(connection.process);
+        exempt(connection);
         return "done";
     }
     if (request == "heed") {

@@ -27,8 +27,9 @@ public:
     static UniqueFd listen(const std::string& path);
 
     void addListener(UniqueFd listener);
-    /// One that a process which died had accepted.
-    void addConnection(UniqueFd connection);
+    /// One that a process which died had accepted. Whoever is behind it is not held up from now on: he may
+    /// have asked for that.
+    void takeOver(UniqueFd connection);
 
     /// Adds the descriptors to wait for.
     void addTo(std::vector<int>& fds) const;
@@ -42,6 +43,9 @@ private:
         bool exempt = false;
     };
 
+    /// Null for one of somebody else than root.
+    Connection* add(UniqueFd connection);
+    void exempt(Connection& connection);
     void answer(Connection& connection);
     std::string answerTo(Connection& connection, std::string_view request,
                          const std::vector<UniqueFd>& files);

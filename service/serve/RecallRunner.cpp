@@ -1,10 +1,12 @@
 #include "service/serve/RecallRunner.h"
 
-#include "service/KeptText.h"
+#include "service/Flush.h"
 #include "service/Repair.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
 #include <new>
 #include <thread>
 #include <unistd.h>
@@ -23,8 +25,7 @@ public:
 };
 
 void flush(const RecallJob& job) {
-    if (::fsync(job.flushable()) < 0)
-        throw systemFailure("Failed to flush ", job.file().name(), errno);
+    flushOne(job.flushable(), job.file().name());
 }
 
 } // namespace
@@ -75,7 +76,6 @@ public:
     }
 
     void giveUp(const Failure& failure) {
-        RecallService::log(m_stub->name() + ": recall failed");
         // What readers may be looking at stays; the text that is kept leads on.
         if (m_begun && !m_service.isSeen(*m_stub))
             m_job.putBack(failure);
@@ -114,16 +114,21 @@ RecallRunner::~RecallRunner() = default;
 void RecallRunner::run() {
     const RecallService::OwnThread own(m_service);
     while (true) {
-        const RecallService::Stub stub = m_service.next(m_suspended.empty());
-        if (stub) {
-            serve(stub);
-        } else if (!m_suspended.empty()) {
-            std::unique_ptr<Recall> recall = std::move(m_suspended.back());
-            m_suspended.pop_back();
-            goOn(std::move(recall));
-        } else {
-            return;
+        // One that somebody waits for again, else a new one, else any.
+        auto next = std::ranges::find_if(
+            m_suspended, [this](const auto& recall) { return m_service.isAwaited(*recall->stub()); });
+        if (next == m_suspended.end()) {
+            if (const RecallService::Stub stub = m_service.next(m_suspended.empty())) {
+                serve(stub);
+                continue;
+            }
+            if (m_suspended.empty())
+                return;
+            next = std::prev(m_suspended.end());
         }
+        std::unique_ptr<Recall> recall = std::move(*next);
+        m_suspended.erase(next);
+        goOn(std::move(recall));
     }
 }
 
@@ -135,7 +140,7 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
             throw systemFailure("Failed to open ", name, errno);
         const OpenFile file = OpenFile::of(std::move(fd), name);
         {
-            const UniqueFd lock = waitForHold(file);
+            const UniqueFd lock = waitForHold(*stub, file);
             if (settle(stub, file, m_kind.look(file, true)))
                 return m_service.done(stub, false);
         }
@@ -157,10 +162,14 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
     }
 }
 
-/// Whoever archives or recalls the file by hand is waited for.
-UniqueFd RecallRunner::waitForHold(const OpenFile& file) {
+/// Whoever archives or recalls the file by hand is waited for; but he may wait here himself, if this process
+/// took his access over from one that died.
+UniqueFd RecallRunner::waitForHold(ServedStub& stub, const OpenFile& file) {
     constexpr auto kPause = std::chrono::milliseconds(20);
-    for (;;) {
+    constexpr int kPatience = 50; // pauses
+    for (int pauses = 0;; ++pauses) {
+        if (pauses == kPatience)
+            m_service.refuseUnknown(stub);
         try {
             return m_kind.hold(file);
         } catch (const Failure& failure) {
@@ -173,17 +182,13 @@ UniqueFd RecallRunner::waitForHold(const OpenFile& file) {
 
 /// What users did wins. True if the file is none to recall.
 bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look) {
-    const auto makePlain = [&] {
-        checked(m_kind.backEnd(), m_kind.backEnd().restoreDone(m_kind.pathOf(file).c_str(), true, {}));
-        dropKeptText(file);
-    };
     switch (look.state) {
     case FileState::Plain:
     case FileState::Leftover:
     case FileState::Copy:
         return true;
     case FileState::MarkedWhole: // somebody has written a file of his own over it
-        makePlain();
+        makePlain(m_kind, file, look);
         return true;
     case FileState::Stub:
         if (!m_service.isGivenUp(*stub))
@@ -191,12 +196,12 @@ bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file,
         // The size first: what a crash leaves between the two is seen to be a truncated stub.
         if (::truncate(file.path().c_str(), 0) < 0)
             throw systemFailure("Failed to truncate ", file.name(), errno);
-        makePlain();
+        makePlain(m_kind, file, look);
         return true;
     case FileState::Lost: // tools keep the text when they empty a file: users have done this
         if (look.st.st_size > 0)
             break;
-        makePlain();
+        makePlain(m_kind, file, look);
         return true;
     default:
         break;

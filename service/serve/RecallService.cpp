@@ -19,6 +19,8 @@ using Clock = std::chrono::steady_clock;
 /// An idle processor takes half of that to wake up, so the thread that answers looks for more before it
 /// sleeps.
 constexpr auto kPolling = std::chrono::microseconds(100);
+/// Until there may be room again, in microseconds.
+constexpr useconds_t kPause = 1000;
 /// Descriptors that are left for recalls.
 constexpr rlim_t kReserve = 1024;
 
@@ -79,13 +81,12 @@ void RecallService::stop() {
         const std::lock_guard lock(m_mutex);
         if (m_stopping.exchange(true))
             return;
-        for (const Stub& stub : m_queue) {
-            stub->denyAll(EIO);
-            m_stubs.erase(stub->key());
-        }
+        for (const Stub& stub : m_queue)
+            refuse(*stub);
         m_queue.clear();
     }
     m_queued.notify_all();
+    m_stopped.notify_all();
 }
 
 void RecallService::setRules(ServeRules rules) {
@@ -133,6 +134,20 @@ bool RecallService::isPassed(pid_t tid) {
 
 // --- Answering ---
 
+bool RecallService::isFull(std::uint64_t most) const {
+    const std::lock_guard lock(m_mutex);
+    return m_counts.waiting > most;
+}
+
+/// Whoever answers must not wait for the log, which may lie on the file system that is served. Of what comes
+/// faster than it can be written some is left out.
+void RecallService::logLater(std::string line) {
+    constexpr size_t kMost = 1000;
+    if (m_lines.size() < kMost)
+        m_lines.push_back(std::move(line));
+    m_lineThere.notify_one();
+}
+
 void RecallService::watch(const std::stop_token& token) {
     const OwnThread own(*this);
     const rlim_t most = mostDescriptors();
@@ -144,22 +159,20 @@ void RecallService::watch(const std::stop_token& token) {
             if (::poll(fds, std::size(fds), -1) <= 0 || fds[1].revents != 0)
                 continue;
         }
-        {
-            const std::lock_guard lock(m_mutex);
-            if (m_counts.waiting > most) { // what is not read waits as well
-                ::usleep(1000);
-                continue;
-            }
+        if (isFull(most)) { // what is not read waits as well
+            ::usleep(kPause);
+            continue;
         }
         held.clear();
         const int err = m_group.read(held);
         if (err == EAGAIN)
             continue;
         if (err == EMFILE || err == ENFILE) {
-            const std::lock_guard lock(m_mutex);
-            m_lines.emplace_back("A reader was refused: the descriptor table is full");
-            m_lineThere.notify_one();
-            ::usleep(1000);
+            {
+                const std::lock_guard lock(m_mutex);
+                logLater("a reader was refused: the descriptor table is full");
+            }
+            ::usleep(kPause);
         }
         for (const HeldAccess& access : held)
             handle(access);
@@ -203,9 +216,7 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
     if (!m_rules.refusePrograms.empty() && access.tid > 0 &&
         m_rules.isRefused(program, controlGroupOf(access.tid))) {
         ++m_counts.refused;
-        m_lines.push_back("refused " + program + " (" + std::to_string(access.tid) +
-                          "): " + pathOf(access.fd));
-        m_lineThere.notify_one();
+        logLater("refused " + program + " (" + std::to_string(access.tid) + "): " + pathOf(access.fd));
         return m_group.deny(access.fd, EIO);
     }
     const std::optional<Need> need = needOf(access);
@@ -221,9 +232,14 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
         m_queue.push_back(stub);
         m_queued.notify_one();
     }
-    const size_t before = stub->waiting();
-    stub->add(access, *need);
-    m_counts.waiting += stub->waiting() - before;
+    counted(*stub, [&] { stub->add(access, *need); });
+}
+
+/// Keeps count of who waits while `act` changes it.
+void RecallService::counted(ServedStub& stub, const std::function<void()>& act) {
+    m_counts.waiting -= stub.waiting();
+    act();
+    m_counts.waiting += stub.waiting();
 }
 
 std::optional<Need> RecallService::needOf(const HeldAccess& access) const {
@@ -252,9 +268,7 @@ std::optional<Need> RecallService::needOf(const HeldAccess& access) const {
 }
 
 void RecallService::reconsider(ServedStub& stub) {
-    const size_t before = stub.waiting();
-    stub.reconsider([this](const HeldAccess& access) { return needOf(access); });
-    m_counts.waiting -= before - stub.waiting();
+    counted(stub, [&] { stub.reconsider([this](const HeldAccess& access) { return needOf(access); }); });
 }
 
 // --- For those who bring the data ---
@@ -287,33 +301,35 @@ std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64
 }
 
 void RecallService::fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes) {
-    Clock::time_point free;
-    {
-        const std::lock_guard lock(m_mutex);
-        const size_t before = stub.waiting();
-        stub.fill(piece, bytes);
-        m_counts.waiting -= before - stub.waiting();
-        m_counts.bytes += bytes;
-        if (m_rules.bandwidth == 0)
-            return;
-        const auto cost = std::chrono::duration<double>(static_cast<double>(bytes) /
-                                                        static_cast<double>(m_rules.bandwidth));
-        m_free = std::max(m_free, Clock::now()) + std::chrono::duration_cast<Clock::duration>(cost);
-        free = m_free;
-    }
-    std::this_thread::sleep_until(free);
+    std::unique_lock lock(m_mutex);
+    counted(stub, [&] { stub.fill(piece, bytes); });
+    m_counts.bytes += bytes;
+    if (m_rules.bandwidth == 0)
+        return;
+    const auto cost =
+        std::chrono::duration<double>(static_cast<double>(bytes) / static_cast<double>(m_rules.bandwidth));
+    m_free = std::max(m_free, Clock::now()) + std::chrono::duration_cast<Clock::duration>(cost);
+    m_stopped.wait_until(lock, Clock::time_point(m_free), [this] { return m_stopping.load(); });
 }
 
 void RecallService::settle(ServedStub& stub) {
     const std::lock_guard lock(m_mutex);
-    const size_t before = stub.waiting();
-    stub.settle();
-    m_counts.waiting -= before - stub.waiting();
+    counted(stub, [&] { stub.settle(); });
 }
 
 bool RecallService::isLessUrgent(const ServedStub& stub) const {
     const std::lock_guard lock(m_mutex);
     return stub.waiting() == 0 && !m_queue.empty() && m_idle == 0;
+}
+
+bool RecallService::isAwaited(const ServedStub& stub) const {
+    const std::lock_guard lock(m_mutex);
+    return stub.waiting() > 0;
+}
+
+void RecallService::refuseUnknown(ServedStub& stub) {
+    const std::lock_guard lock(m_mutex);
+    counted(stub, [&] { stub.denyUnknown(EIO); });
 }
 
 bool RecallService::isGivenUp(ServedStub& stub) {
@@ -329,21 +345,23 @@ bool RecallService::isSeen(const ServedStub& stub) const {
 
 void RecallService::done(const Stub& stub, bool wasRecalled) {
     const std::lock_guard lock(m_mutex);
-    m_counts.waiting -= stub->waiting();
     m_counts.recalled += wasRecalled;
     m_group.ignore(stub->fd());
-    stub->allowAll();
+    counted(*stub, [&] { stub->allowAll(); });
     m_stubs.erase(stub->key());
 }
 
 void RecallService::fail(const Stub& stub, const Failure& failure) {
     log("Failed to recall " + stub->name() + " for " + stub->cause() + ": " + failure.what());
     const std::lock_guard lock(m_mutex);
-    m_counts.waiting -= stub->waiting();
     ++m_counts.failed;
     m_counts.lastFailure = failure.what();
-    stub->denyAll(EIO);
-    m_stubs.erase(stub->key());
+    refuse(*stub);
+}
+
+void RecallService::refuse(ServedStub& stub) {
+    counted(stub, [&] { stub.denyAll(EIO); });
+    m_stubs.erase(stub.key());
 }
 
 ServeStatus RecallService::status() const {

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -69,7 +70,10 @@ public:
     void settle(ServedStub& stub);
     /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
     bool isLessUrgent(const ServedStub& stub) const;
+    bool isAwaited(const ServedStub& stub) const;
     bool isGivenUp(ServedStub& stub);
+    /// Has accesses that an earlier process had read fail: nobody knows whose they are.
+    void refuseUnknown(ServedStub& stub);
     bool isSeen(const ServedStub& stub) const;
     bool isStopping() const { return m_stopping; }
     /// Ends the work on a stub: it is none any more, or all who wait for it get EIO.
@@ -87,6 +91,10 @@ private:
     /// Nothing for an access that need not wait.
     std::optional<Need> needOf(const HeldAccess& access) const;
     void reconsider(ServedStub& stub);
+    void counted(ServedStub& stub, const std::function<void()>& act);
+    void refuse(ServedStub& stub);
+    bool isFull(std::uint64_t most) const;
+    void logLater(std::string line);
 
     PreContentGroup& m_group;
     mutable std::mutex m_mutex; ///< for all below
@@ -94,6 +102,7 @@ private:
     std::map<FileKey, Stub> m_stubs; ///< those that are waited for or recalled
     std::deque<Stub> m_queue;        ///< those of them that nobody works on
     std::condition_variable m_queued;
+    std::condition_variable m_stopped;
     int m_idle = 0; ///< threads that wait for work
     std::set<pid_t> m_ownThreads;
     std::map<pid_t, int> m_exempt;   ///< processes, and how often

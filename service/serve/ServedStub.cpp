@@ -114,6 +114,14 @@ void ServedStub::denyAll(int err) {
     m_waiting.clear();
 }
 
+void ServedStub::denyUnknown(int err) {
+    std::erase_if(m_waiting, [&](const Waiting& waiting) {
+        if (waiting.access.tid == 0)
+            m_group.deny(waiting.access.fd, err);
+        return waiting.access.tid == 0;
+    });
+}
+
 bool ServedStub::isGivenUp() const {
     return m_missing == UINT64_MAX && !m_waiting.empty() &&
            std::ranges::all_of(m_waiting,

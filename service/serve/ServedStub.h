@@ -62,6 +62,8 @@ public:
     /// Answers all: the file is what they may see, or they get `err`.
     void allowAll();
     void denyAll(int err);
+    /// Those whose thread is not known.
+    void denyUnknown(int err);
 
     size_t waiting() const { return m_waiting.size(); }
     /// Whether somebody may be looking at a part of the data.

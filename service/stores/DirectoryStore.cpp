@@ -1,6 +1,7 @@
 #include "service/stores/DirectoryStore.h"
 
 #include "service/Failure.h"
+#include "service/FileIo.h"
 #include "service/stores/Content.h"
 #include "service/stores/DirectoryMarker.h"
 #include "service/stores/StoreFiles.h"
@@ -58,18 +59,10 @@ public:
         : m_file(std::move(file)), m_name(std::move(name)), m_at(at) {}
 
     void read(char* buffer, size_t size) override {
-        while (size > 0) {
-            const ssize_t got = ::pread(m_file.get(), buffer, size, static_cast<off_t>(m_at));
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got < 0)
-                throw systemFailure("Failed to read from ", m_name, errno);
-            if (got == 0)
-                throw Failure(QZHSM_FAILURE, m_name + " ends at byte " + std::to_string(m_at));
-            buffer += got;
-            size -= static_cast<size_t>(got);
-            m_at += static_cast<std::uint64_t>(got);
-        }
+        const size_t got = readAt(m_file.get(), buffer, size, static_cast<off_t>(m_at), m_name);
+        m_at += got;
+        if (got < size)
+            throw Failure(QZHSM_FAILURE, m_name + " ends at byte " + std::to_string(m_at));
     }
     void skip(std::uint64_t size) override { m_at += size; }
     void finish() override {}

@@ -1,6 +1,7 @@
 #include "service/stores/ObjectRecord.h"
 
 #include "service/Failure.h"
+#include "service/Times.h"
 #include "service/stores/Encoding.h"
 
 #include <algorithm>
@@ -15,10 +16,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kFormat = 1;
 constexpr const char* kCapability = "security.capability";
-
-std::int64_t nanoseconds(const timespec& time) {
-    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
 
 [[noreturn]] void wrong(const std::string& what) {
     throw Failure(QZHSM_FAILURE, "The record is damaged: " + what);

@@ -1,6 +1,7 @@
 #include "service/stores/StoreFiles.h"
 
 #include "service/Failure.h"
+#include "service/FileIo.h"
 
 #include <cerrno>
 #include <dirent.h>
@@ -59,18 +60,7 @@ std::optional<std::string> readText(int directory, const char* path, const std::
     if (static_cast<size_t>(st.st_size) > max)
         throw systemFailure("Failed to read ", name, EFBIG);
     std::string text(static_cast<size_t>(st.st_size), '\0');
-    size_t total = 0;
-    while (total < text.size()) {
-        const ssize_t got = ::read(file.get(), text.data() + total, text.size() - total);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            throw systemFailure("Failed to read ", name, errno);
-        if (got == 0)
-            break;
-        total += static_cast<size_t>(got);
-    }
-    text.resize(total);
+    text.resize(readAt(file.get(), text.data(), text.size(), 0, name));
     return text;
 }
 

@@ -1,14 +1,6 @@
 #include "tools/qzhsm/FileCrew.h"
 
-#include <sys/resource.h>
-
-void allowManyDescriptors() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-        limit.rlim_cur = limit.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
+#include "service/FileIo.h"
 
 FileCrew::FileCrew(const CommandLine& line, Observer& observer, int count, const Make& make)
     : m_workers(count,

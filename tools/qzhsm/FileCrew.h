@@ -9,9 +9,6 @@
 #include <string>
 #include <vector>
 
-/// Files on their way, and directories that are walked, are open.
-void allowManyDescriptors();
-
 /// Workers with a back-end each, to which paths are handed: files, and directories with all that is below.
 class FileCrew {
 public:

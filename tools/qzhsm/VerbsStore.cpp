@@ -18,11 +18,7 @@ constexpr long long kMonth = 30LL * 24 * 60 * 60; // seconds
 void check(Store& store, const ObjectRecord& record, bool quick, Observer& observer) {
     if (quick)
         return;
-    std::uint64_t told = 0;
-    verifyObject(store, record, [&](std::uint64_t done) {
-        observer.bytes(static_cast<long long>(done - told));
-        told = done;
-    });
+    verifyObject(store, record, tellBytes(observer));
 }
 
 void verifyStore(Store& store, bool quick, Observer& observer) {
@@ -127,8 +123,6 @@ void list(const std::string& storeName, Report& report) {
         try {
             const auto record = listed.leftSince ? std::nullopt : store->look(listed.object);
             show(report, listed.object, record ? &*record : nullptr);
-        } catch (const OutputFailure&) {
-            throw;
         } catch (const Failure& failure) {
             report.failure(failure);
         }

@@ -49,18 +49,13 @@ public:
             m_argv.push_back(argument.data());
         m_argv.push_back(nullptr);
     }
-    ~Standby() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-    }
+    ~Standby() { end(); }
     Standby(const Standby&) = delete;
     Standby& operator=(const Standby&) = delete;
 
-    void start() {
-        if (m_pid > 0)
-            ::waitpid(m_pid, nullptr, 0);
+    /// False if there are not the means.
+    bool start() {
+        end();
         m_worker = openProcess(::getpid());
         pollfd worker{m_worker.get(), POLLIN, 0};
         m_pid = static_cast<pid_t>(::syscall(SYS_clone, CLONE_FILES | SIGCHLD, 0, 0, 0, 0));
@@ -70,13 +65,20 @@ public:
             ::execv("/proc/self/exe", m_argv.data());
             ::_exit(1);
         }
-        if (m_pid < 0)
-            throw systemFailure("Failed to start a process", "", errno);
+        return m_pid > 0;
     }
 
     pid_t pid() const { return m_pid; }
 
 private:
+    void end() {
+        if (m_pid <= 0)
+            return;
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
     std::vector<std::string> m_arguments;
     std::vector<char*> m_argv;
     UniqueFd m_worker; ///< the standby waits on it
@@ -99,27 +101,28 @@ public:
         for (const int fd : serving.descriptors.listeners)
             m_socket.addListener(UniqueFd(fd));
         for (const int fd : serving.descriptors.connections)
-            m_socket.addConnection(UniqueFd(fd));
+            m_socket.takeOver(UniqueFd(fd));
     }
 
     /// Returns when the service is to end.
     void run() {
         const RecallService::OwnThread own(m_service);
-        if (!m_guard.isOpen())
-            replaceGuard();
+        constexpr int kAgain = 1000; // milliseconds
         for (;;) {
+            if (!m_guard.isOpen())
+                replaceGuard();
             std::vector<int> fds{m_signals.get(), m_guard.get()};
             m_socket.addTo(fds);
             std::vector<pollfd> waiting;
             waiting.reserve(fds.size());
             for (const int fd : fds)
                 waiting.push_back({fd, POLLIN, 0});
-            if (::poll(waiting.data(), waiting.size(), -1) <= 0)
+            if (::poll(waiting.data(), waiting.size(), m_guard.isOpen() ? -1 : kAgain) <= 0)
                 continue;
             if (waiting[0].revents != 0 && takeSignals())
                 return;
             if (waiting[1].revents != 0)
-                replaceGuard();
+                m_guard = UniqueFd();
             for (size_t i = 2; i < waiting.size(); ++i)
                 if (waiting[i].revents != 0)
                     m_socket.serve(waiting[i].fd);
@@ -143,9 +146,10 @@ private:
     }
 
     void replaceGuard() {
-        RecallService::log("the process that watches over this one has died; another takes its place");
-        m_standby.start();
+        if (!m_standby.start())
+            return RecallService::log("nobody watches over this process: no other one can be started");
         m_guard = openProcess(m_standby.pid());
+        RecallService::log("the process that watched over this one has died; another has taken its place");
         ::sd_notifyf(0, "MAINPID=%d", ::getpid());
     }
 
@@ -164,7 +168,7 @@ std::vector<std::string> takeOverArguments(const std::vector<std::string>& direc
     return arguments;
 }
 
-int work(Serving& serving) {
+void work(Serving& serving) {
     PreContentGroup group{UniqueFd(serving.descriptors.group)};
     RecallService service(group, serving.rules);
     service.takeOver(serving.descriptors.held);
@@ -179,5 +183,4 @@ int work(Serving& serving) {
         RecallService::log("ending");
         service.stop();
     }
-    return 0;
 }

@@ -16,8 +16,8 @@ struct Serving {
 };
 
 /// Serves until SIGTERM or SIGINT, which must be blocked. If the process that watches over this one dies,
-/// another takes its place. Returns the exit status.
-int work(Serving& serving);
+/// another takes its place. What is thrown must end the process at once.
+void work(Serving& serving);
 
 /// The arguments with which this program takes over what another process has served.
 std::vector<std::string> takeOverArguments(const std::vector<std::string>& directories);

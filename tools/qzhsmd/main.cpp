@@ -1,6 +1,7 @@
 #include "lowlevel/driverless/StubMark.h"
 #include "platform/watch/PreContentGroup.h"
 #include "service/ConfigCheck.h"
+#include "service/FileIo.h"
 #include "service/serve/ControlSocket.h"
 #include "tools/qzhsmd/Worker.h"
 
@@ -12,6 +13,7 @@
 #include <fcntl.h>
 #include <iostream>
 #include <sched.h>
+#include <set>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -22,18 +24,11 @@
 #include <systemd/sd-daemon.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr const char* kParkedName = "events";
-
-void allowManyDescriptors() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
 
 /// The group that an earlier service parked with the service manager, or -1.
 int parkedGroup() {
@@ -86,16 +81,15 @@ int lockFileSystem(const std::string& runtimeDirectory, dev_t device, const std:
     return lock;
 }
 
-void serveDirectory(const std::string& directory, PreContentGroup& group, Serving& serving) {
+void serveDirectory(const std::string& directory, PreContentGroup& group, std::set<dev_t>& served,
+                    Serving& serving) {
     struct stat st {};
     if (::stat(directory.c_str(), &st) < 0)
         throw systemFailure("Failed to stat ", directory, errno);
     if (!S_ISDIR(st.st_mode))
         throw systemFailure("Failed to serve ", directory, ENOTDIR);
-    static std::vector<dev_t> served;
-    if (std::ranges::find(served, st.st_dev) != served.end())
+    if (!served.insert(st.st_dev).second)
         return;
-    served.push_back(st.st_dev);
     if (::getxattr(directory.c_str(), kStubMark, nullptr, 0) < 0 && errno == EOPNOTSUPP)
         throw Failure(QZHSM_FAILURE, "The file system of " + directory + " has no user attributes");
     const std::string& runtime = serving.rules.runtimeDirectory;
@@ -122,8 +116,9 @@ void begin(Serving& serving) {
     allowManyDescriptors();
     const UniqueFd tools = lockOutTools(serving.rules.runtimeDirectory);
     PreContentGroup group = openGroup();
+    std::set<dev_t> served;
     for (const std::string& directory : serving.directories)
-        serveDirectory(directory, group, serving);
+        serveDirectory(directory, group, served, serving);
     serving.descriptors.group = ::fcntl(group.descriptor(), F_DUPFD, STDERR_FILENO + 1);
     for (const std::string& directory : serving.directories)
         say("serving " + directory);
@@ -148,32 +143,36 @@ pid_t startWorker(Serving& serving) {
     const auto pid = static_cast<pid_t>(::syscall(SYS_clone, CLONE_FILES | SIGCHLD, 0, 0, 0, 0));
     if (pid != 0)
         return pid;
-    int status = 1;
-    // In a thread: the C library does not know that the first one has a number of its own now.
-    std::thread([&] {
-        try {
-            status = work(serving);
-        } catch (const Failure& failure) {
-            complain(failure.what());
-        }
-    }).join();
-    ::_exit(status);
+    // In a thread: the C library does not know that the first one has a number of its own now. What fails
+    // there aborts the process, and closes nothing on the way: the descriptors are needed by the next one.
+    std::thread([&] { work(serving); }).join();
+    ::_exit(0);
 }
 
-/// Starts workers, one after the other, until one ends by itself. Its status is ours.
-int watchOver(Serving& serving) {
+/// Starts workers, one after the other, until one has come to its end. Readers wait meanwhile, but not for
+/// ever: if workers fail again and again, they get an error.
+void watchOver(Serving& serving) {
     sigset_t signals;
     ::sigemptyset(&signals);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
         ::sigaddset(&signals, signal);
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     constexpr auto kSoon = std::chrono::seconds(1);
+    const auto refuseHeld = [&] {
+        PreContentGroup group{UniqueFd(::fcntl(serving.descriptors.group, F_DUPFD_CLOEXEC, 0))};
+        for (const int fd : std::exchange(serving.descriptors.held, {}))
+            group.deny(fd, EIO);
+        std::this_thread::sleep_for(kSoon);
+    };
     constexpr int kMostDeaths = 5;
     for (int deaths = 0;;) {
         const auto began = std::chrono::steady_clock::now();
         const pid_t worker = startWorker(serving);
-        if (worker < 0)
-            throw systemFailure("Failed to start a process", "", errno);
+        if (worker < 0) {
+            complain(systemFailure("Failed to start a process", "", errno).what());
+            refuseHeld();
+            continue;
+        }
         ::sd_notify(0, "READY=1");
         int status = 0;
         while (::waitpid(worker, &status, WNOHANG) == 0) {
@@ -182,7 +181,7 @@ int watchOver(Serving& serving) {
                 ::kill(worker, signal);
         }
         if (WIFEXITED(status))
-            return WEXITSTATUS(status);
+            return;
         complain("the worker was ended by signal " + std::to_string(WTERMSIG(status)) +
                  "; another takes its place");
         serving.descriptors = Descriptors::find();
@@ -191,11 +190,8 @@ int watchOver(Serving& serving) {
         deaths = isCrash && std::chrono::steady_clock::now() - began < kSoon ? deaths + 1 : 0;
         if (deaths < kMostDeaths)
             continue;
-        deaths = 0; // what is held may be what kills it
-        PreContentGroup group{UniqueFd(::fcntl(serving.descriptors.group, F_DUPFD, 0))};
-        for (const int fd : serving.descriptors.held)
-            group.deny(fd, EIO);
-        serving.descriptors.held.clear();
+        deaths = 0;
+        refuseHeld(); // what is held may be what kills it
     }
 }
 
@@ -220,7 +216,8 @@ int run(int argc, char** argv) {
         serving.rules = ServeRules::read();
         begin(serving);
     }
-    return watchOver(serving);
+    watchOver(serving);
+    return 0;
 }
 
 } // namespace

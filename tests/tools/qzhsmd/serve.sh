@@ -93,6 +93,13 @@ same "$fs/cat" "$work/data"
 expect 0 'stubs recalled +6' status
 expect 0 'qzhsmd_recalled_total 6' status --metrics
 
+# A recall by hand is not held up by the worker that follows one which was killed in the middle of it.
+archived "$f"
+feed
+kill -KILL "$(pgrep -P "$served")"
+ended 0 '^$'
+same "$f" "$work/data"
+
 # What users do wins.
 echo mine >"$fs/new"
 [ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated"

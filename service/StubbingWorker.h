@@ -1,0 +1,81 @@
+#pragma once
+
+#include "service/JobBatch.h"
+#include "service/Observer.h"
+#include "service/StubJob.h"
+#include "service/Workers.h"
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+#include <utility>
+
+/// The files with several names that were seen, by all workers together.
+class SeenFiles {
+public:
+    /// True for the first time, and for a file with one name.
+    bool isNew(const struct stat& st) {
+        if (st.st_nlink < 2)
+            return true;
+        const std::lock_guard lock(m_mutex);
+        return m_seen.emplace(st.st_dev, st.st_ino).second;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::set<std::pair<dev_t, ino_t>> m_seen;
+};
+
+/// Turns files into stubs, several together: each step is taken for all of them, and flushed once. `Job` is a
+/// `StubJob`.
+template <class Job>
+class StubbingWorker : public FileWorker {
+public:
+    StubbingWorker(StubKind& kind, SeenFiles& seen, Observer& observer)
+        : m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}), m_kind(kind) {}
+
+    void take(OpenFile file) final {
+        const std::string name = file.name();
+        try {
+            auto job = std::make_unique<Job>(m_kind, std::move(file));
+            job->file().as([&] { begin(job); });
+        } catch (const Failure& failure) {
+            m_observer.failed(name, failure);
+        } catch (const std::bad_alloc&) {
+            m_observer.failed(name, systemFailure("Failed to stub ", name, ENOMEM));
+        }
+        if (isFull())
+            this->finish();
+    }
+
+protected:
+    /// Brings a job to where `keep` can follow, and hands it to the batch; or leaves it, and tells why.
+    virtual void begin(std::unique_ptr<Job>& job) = 0;
+    virtual bool isFull() const { return m_batch.isFull(); }
+
+    void makeStubs() {
+        for (void (Job::*step)() : {&Job::keep, &Job::stub}) {
+            m_batch.step([step](Job& job) { (job.*step)(); });
+            m_batch.flush();
+        }
+        m_batch.step([](Job& job) { job.end(); });
+    }
+
+    struct GiveUp {
+        Observer& observer;
+        void operator()(Job& job, const Failure& failure) const {
+            job.giveUp();
+            observer.failed(job.file().name(), failure);
+        }
+    };
+
+    SeenFiles& m_seen;
+    Observer& m_observer;
+    JobBatch<Job, GiveUp> m_batch;
+
+private:
+    StubKind& m_kind;
+};
