@@ -109,8 +109,7 @@ public:
                           "The volume makes a stub of it.");
         // What a killed stubbing has left gives way, but never what may be all that tells where data is.
         const auto text = marks.find(kCloudsyncAttributes[StubText]);
-        const auto facts =
-            text == marks.end() ? std::nullopt : readFacts(text->second);
+        const auto facts = text == marks.end() ? std::nullopt : readFacts(text->second);
         const bool isOther = text != marks.end() && (!facts || facts->meta != meta);
         if (isOther || hasAttribute(path, kRemote))
             throw Failure(EEXIST, "Not stubbing " + path + ": it carries some of a stub's attributes already",
