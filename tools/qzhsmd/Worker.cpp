@@ -172,8 +172,8 @@ void work(Serving& serving) {
     PreContentGroup group{UniqueFd(serving.descriptors.group)};
     RecallService service(group, serving.rules);
     service.takeOver(serving.descriptors.held);
+    Control control(service, serving); // knows whom not to hold up, so before the first access is looked at
     service.start();
-    Control control(service, serving);
     {
         NamedStores stores;
         std::list<Runner> runners;
