@@ -1,5 +1,6 @@
 #include "platform/files/TimedStat.h"
 
+#include "platform/files/CachedStat.h"
 #include "platform/files/utf_files.h"
 
 #include <atomic>
@@ -83,9 +84,9 @@ public:
     int startError() const { return m_startError; }
     bool lives() const { return m_startError == 0 && !m_hangs && m_born == forks; }
 
-    /// Null if the time ran out; the helper then no longer lives.
+    /// Takes a path in the locale's encoding. Null if the time ran out; the helper then no longer lives.
     const Exchange* ask(const char* path, int timeoutSeconds) {
-        m_exchange->path = LocalPath(path).c_str();
+        m_exchange->path = path;
         m_exchange->asked.release();
         m_hangs = !m_exchange->answered.try_acquire_for(std::chrono::seconds(timeoutSeconds));
         return m_hangs ? nullptr : m_exchange.get();
@@ -102,6 +103,10 @@ private:
 } // namespace
 
 const struct stat* TimedStat::class_lstat(const char* path) try {
+    const LocalPath local(path);
+    m_errno = 0;
+    if (cachedLstat(local.c_str(), m_stat))
+        return &m_stat;
     static thread_local std::unique_ptr<Helper> helper;
     if (!helper || !helper->lives()) {
         helper = std::make_unique<Helper>();
@@ -109,7 +114,7 @@ const struct stat* TimedStat::class_lstat(const char* path) try {
         if (m_errno != 0)
             return nullptr;
     }
-    const Exchange* answer = helper->ask(path, m_timeoutSeconds);
+    const Exchange* answer = helper->ask(local.c_str(), m_timeoutSeconds);
     if (!answer) {
         helper.reset();
         m_errno = ETIMEDOUT;
