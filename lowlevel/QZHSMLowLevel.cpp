@@ -54,6 +54,7 @@ int QZHSMLowLevel::writeFileTransAll(const void* buf, int len) {
     });
 }
 
+// A descriptor that takes nothing is asked again without limit, which callers rely on.
 int QZHSMLowLevel::writeAll(int fd, const void* buf, int len) {
     int total = 0;
     while (total < len) {

@@ -64,7 +64,7 @@ public:
 
     /// Ends a recall of `path`: with `success` the file counts as an ordinary file from now on, else it stays
     /// a stub. `ids` are the recall's identifiers, for back-ends that track them.
-    /// 0 or the back-end's own success value; negative on failure, with the file still a stub.
+    /// 0 or the back-end's own success value; negative on failure, with the file what it was.
     virtual int restoreDone(const char* path, bool success, const std::list<long long>& ids) = 0;
 
     /// Saves a stub's metadata: `stubData` becomes exactly the stub data that `restoreStub` takes.

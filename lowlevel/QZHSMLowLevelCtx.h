@@ -30,7 +30,8 @@ public:
 
     /// The same for the choice between driverless and filter driver alone: with kind 2 always the driverless
     /// back-end; with kind 0 a driverless back-end that exists already, and the driverless one in place of a
-    /// filter-driver back-end that cannot be made. The boolean has no effect.
+    /// filter-driver back-end that cannot be made; null, without a line, if neither can. The boolean has no
+    /// effect.
     QZHSMLowLevel* getByFSName(const char* fsName, bool);
 
     /// The back-end of this registry's kind; the path is not looked at.

@@ -6,8 +6,8 @@
 namespace {
 
 /// Writes the last error into the log as well: -1.
-int logged(const QZHSMLowLevel& backEnd, const char* tag) {
-    EvDebug(nullptr).Error(tag, "%s", backEnd.m_errorText.c_str());
+int logged(const QZHSMLowLevel& backEnd, EvDebug& log, const char* tag) {
+    log.Error(tag, "%s", backEnd.m_errorText.c_str());
     return -1;
 }
 
@@ -18,15 +18,16 @@ int QZHSMLowLevelQZFS::startWatchingDirTree(const char* path) {
     if (!begin())
         return -1;
     const QZHSMMntTab mounts;
-    EvDebug(nullptr).Debug(kTag, "Starting to watch FS containing %s", path);
+    EvDebug log(nullptr);
+    log.Debug(kTag, "Starting to watch FS containing %s", path);
     const QZHSMMntTab::Entry* mount = mounts.find(path);
     if (!mount) {
         fail(*this, QZHSM_FAILURE, std::string("No mount entry for ") + path);
-        return logged(*this, kTag);
+        return logged(*this, log, kTag);
     }
     auto record = recordFor<AddWatchRecord>(path);
     record.mountFlag = mount->readOnly;
-    return askFurther(QZHSM_ADD_WATCH_FS, record, path) < 0 ? logged(*this, kTag) : 0;
+    return askFurther(QZHSM_ADD_WATCH_FS, record, path) < 0 ? logged(*this, log, kTag) : 0;
 }
 
 // "Stoping" is how the log has always had it, and what scripts that read it look for.
@@ -35,9 +36,10 @@ int QZHSMLowLevelQZFS::stopWatchingDirTree(const char* path) {
     constexpr const char* kTag = "QZHSMLowLevelQZFS::stopWatchingDirTree";
     if (!begin())
         return -1;
-    EvDebug(nullptr).Debug(kTag, "Stoping to watch FS containing %s", path);
+    EvDebug log(nullptr);
+    log.Debug(kTag, "Stoping to watch FS containing %s", path);
     auto record = recordFor<DelWatchRecord>(path);
-    return askFurther(QZHSM_DEL_WATCH_FS, record, path) < 0 ? logged(*this, kTag) : 0;
+    return askFurther(QZHSM_DEL_WATCH_FS, record, path) < 0 ? logged(*this, log, kTag) : 0;
 }
 
 int QZHSMLowLevelQZFS::stopWatchingDevice(unsigned long dev) {
@@ -45,10 +47,11 @@ int QZHSMLowLevelQZFS::stopWatchingDevice(unsigned long dev) {
     if (!begin())
         return -1;
     const std::string number = FXString::Format("%lx", dev);
-    EvDebug(nullptr).Debug(kTag, "Stoping to watch FS on block device %s", number.c_str());
+    EvDebug log(nullptr);
+    log.Debug(kTag, "Stoping to watch FS on block device %s", number.c_str());
     DelWatchRecord record{};
     record.dev = dev;
-    return askFurther(QZHSM_DEL_WATCH_DEVICE, record, number) < 0 ? logged(*this, kTag) : 0;
+    return askFurther(QZHSM_DEL_WATCH_DEVICE, record, number) < 0 ? logged(*this, log, kTag) : 0;
 }
 
 int QZHSMLowLevelQZFS::isDirBeingWatched(const char* path) {

@@ -148,7 +148,8 @@ int QZHSMLowLevelDriverless::restoreStub(const char* path, const std::vector<cha
 }
 
 int QZHSMLowLevelDriverless::restoreDone(const char* path, bool success, const std::list<long long>&) {
-    // The last error is not cleared here: callers read the recall's own after this.
+    // The last error is not cleared here: callers read the recall's own after this. Nor is it asked first
+    // whether the file system has attributes: they rely on the failure.
     if (!success)
         return 0;
     const int result = m_aclHelper->removeAttribute(path, kStubMark);

@@ -75,6 +75,6 @@ void QZHSMLowLevelDriverless::getNonXATTRmountPoints(std::string& out) {
     if (m_mountPointsByDevice.empty())
         populateMountPointDetails();
     for (const auto& [device, lacksXattr] : m_nonXattrDevices)
-        if (lacksXattr)
+        if (lacksXattr) // a device that is not mounted any more has an empty name, as callers expect
             out += m_mountPointsByDevice[device] + " ";
 }

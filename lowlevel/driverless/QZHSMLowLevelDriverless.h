@@ -92,8 +92,9 @@ public:
     /// stub.
     int restoreStub(const char* path, const std::vector<char>& stubData) override;
 
-    /// With `success` removes the mark. 0, or negative with the code errno, as for a file without one. Does
-    /// not clear the error. `ids` have no effect.
+    /// With `success` removes the mark. 0, or negative with the code errno: ENODATA for a file without one,
+    /// EOPNOTSUPP on every file system without user attributes, where there is nothing to remove. Does not
+    /// clear the error. `ids` have no effect.
     int restoreDone(const char* path, bool success, const std::list<long long>& ids) override;
 
     // --- Transparent I/O: plain I/O on one descriptor, which nothing intercepts ---

@@ -11,7 +11,7 @@ FXMutex::FXMutex() {
 }
 
 // The system's mutex is not destroyed: another thread may still stand in its unlock, and on Linux a mutex
-// holds nothing that would be lost.
+// and its attributes hold nothing that would be lost.
 FXMutex::~FXMutex() {
     while (m_lockCount > 0)
         FXMutex::Unlock();

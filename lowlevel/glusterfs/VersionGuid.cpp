@@ -24,7 +24,6 @@ CWbError QZHSMLowLevelGlusterFs::GetVersionGUIDFromMetaInBinaryFormat(const char
         return FXErrorUtil::ErrorErrNo({kTag, kFile, 477}, kInvalidReparseData,
                                        "Invalid stub reparse data[%s]", stubMeta);
     TransformToStandardUUID(record.versionGuid, versionGuid);
-    errno = 0; // which the parser leaves alone: an older failure must not pass for its reason
     if (::uuid_parse(versionGuid.c_str(), guid) == 0)
         return CWbError::Success();
 

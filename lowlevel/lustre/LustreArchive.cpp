@@ -21,10 +21,10 @@ std::atomic<unsigned> timeoutSeconds{kDefaultTimeoutSeconds};
 void readArchiveTimeout() {
     NkRegKey key(true);
     const char* timeout = key.open("Lustre", true) == 0 ? key.getValue("archiveTimeout") : nullptr;
-    unsigned seconds = kDefaultTimeoutSeconds;
-    if (timeout)
-        std::from_chars(timeout, timeout + std::strlen(timeout), seconds);
-    timeoutSeconds = seconds;
+    unsigned seconds = 0;
+    const char* end = timeout ? timeout + std::strlen(timeout) : nullptr;
+    const auto [behind, err] = std::from_chars(timeout, end, seconds);
+    timeoutSeconds = timeout && err == std::errc() && behind == end ? seconds : kDefaultTimeoutSeconds;
 }
 
 int archiveAndWait(const char* path, const char* requestData, std::string& errorText) {

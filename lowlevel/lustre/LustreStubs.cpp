@@ -24,6 +24,7 @@ constexpr int kStubTextLimit = 65536;
 /// quote by themselves rely on it. The exit status, or negative with the error set if it could not be run.
 int runOn(QZHSMLowLevel& backEnd, const char* command, const char* path, std::string& out, std::string& err) {
     const std::string line = std::string(command) + path;
+    [[maybe_unused]] const NkProcess process; // as a library of a deployment's own may want it
     const int result = NkProcess::system(line.c_str(), &out, &err, 0, true);
     if (result < 0)
         fail(backEnd, QZHSM_FAILURE, line + " failed, error=" + err);
@@ -35,14 +36,13 @@ int runOn(QZHSMLowLevel& backEnd, const char* command, const char* path, std::st
 int QZHSMLowLevelLustre::getHSMState(const char* path, std::string& state) {
     constexpr const char* kTag = "int QZHSMLowLevelLustre::getHSMState(const char*, std::string&)";
     clearError(*this);
-    CLogWriterInterface* log = processLog(3);
-    if (log)
+    if (CLogWriterInterface* log = processLog(3))
         log->Write(3, kTag, 227, 0, 0, "%s", (std::string("lfs hsm_state ") + path).c_str());
     std::string out;
     std::string err;
     if (runOn(*this, "lfs hsm_state ", path, out, err) < 0)
         return -1;
-    if (log)
+    if (CLogWriterInterface* log = processLog(3)) // the service may have changed it meanwhile
         log->Write(3, kTag, 234, 0, 0, "%s sOut=%s, sErr=%s", path, out.c_str(), err.c_str());
     state = std::move(out);
     return 0;

@@ -8,8 +8,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <mntent.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -23,6 +25,14 @@ std::string nearestExisting(std::string path) {
         path.resize(slash == std::string::npos ? 0 : std::max<size_t>(slash, 1)); // "/a" lies in "/"
     }
     return resolved;
+}
+
+/// Whether the directory is where a mount begins. It is not if a later mount on one of its parents hides it.
+bool isMountRoot(const std::string& directory) {
+    struct statx st {};
+    return ::statx(AT_FDCWD, directory.c_str(), AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, 0, &st) != 0 ||
+           (st.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
+           (st.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
 } // namespace
@@ -50,7 +60,7 @@ const QZHSMMntTab::Entry* QZHSMMntTab::find(const char* path) const {
     const Entry* best = nullptr;
     for (const Entry& entry : m_entries)
         if (!real.empty() && liesIn(entry.mountDir, real) &&
-            (!best || entry.mountDir.size() >= best->mountDir.size()))
+            (!best || entry.mountDir.size() >= best->mountDir.size()) && isMountRoot(entry.mountDir))
             best = &entry;
     return best;
 }

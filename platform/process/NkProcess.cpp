@@ -11,15 +11,16 @@
 
 namespace {
 
-/// Reads both to their ends, whichever has something: a command that waits for room in one never blocks.
-void drain(int outFd, std::string& out, int errFd, std::string& err) {
+/// Reads both to their ends, whichever has something: a command that waits for room in one never blocks. 0,
+/// or the errno of what was in the way.
+int drain(int outFd, std::string& out, int errFd, std::string& err) {
     pollfd ready[] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
     std::string* const texts[] = {&out, &err};
     while (ready[0].fd >= 0 || ready[1].fd >= 0) {
         if (::poll(ready, std::size(ready), -1) < 0) {
             if (errno == EINTR)
                 continue;
-            return;
+            return errno;
         }
         for (size_t i = 0; i < std::size(ready); ++i) {
             if (ready[i].fd < 0 || ready[i].revents == 0)
@@ -28,10 +29,13 @@ void drain(int outFd, std::string& out, int errFd, std::string& err) {
             const ssize_t got = ::read(ready[i].fd, piece, sizeof piece);
             if (got > 0)
                 texts[i]->append(piece, static_cast<size_t>(got));
-            else if (got == 0 || errno != EINTR)
+            else if (got == 0)
                 ready[i].fd = -1; // which poll skips
+            else if (errno != EINTR)
+                return errno;
         }
     }
+    return 0;
 }
 
 } // namespace
@@ -57,13 +61,16 @@ int NkProcess::system(const char* command, std::string* out, std::string* err, i
         return cannotRun("Failed to run /bin/sh", reason);
     outPipe.writing = UniqueFd();
     errPipe.writing = UniqueFd();
-    drain(outPipe.reading.get(), outText, errPipe.reading.get(), errText);
+    const int lost = drain(outPipe.reading.get(), outText, errPipe.reading.get(), errText);
     outPipe.reading = UniqueFd();
     errPipe.reading = UniqueFd();
 
     int status = 0;
-    if (!child.wait(status))
-        return kUnknownStatus;
+    const bool isKnown = child.wait(status);
+    if (lost != 0)
+        return cannotRun("Failed to read what the command wrote", lost);
+    if (!isKnown) // what has written no complaint counts as run; a shell that found no command complains
+        return errText.empty() ? kUnknownStatus : -kUnknownStatus;
     if (WIFSIGNALED(status))
         return 128 + WTERMSIG(status);
     const bool wasRun = WEXITSTATUS(status) != 126 && WEXITSTATUS(status) != 127;

@@ -13,10 +13,11 @@ public:
     /// Returns when both outputs are closed and the command has ended, so a child that the command leaves in
     /// the background, with its outputs open, delays the return. There is no time-out.
     ///
-    /// The result is the command's exit status, or 128 plus the number of the signal that ended it. It is 255
-    /// if the status is lost because this process ignores or reaps its children elsewhere: the command was
-    /// run, and must not be taken for one that was not. It is negative if the command could not be run, with
-    /// the reason in `err`: no shell, or a shell that reports 126 or 127.
+    /// The result is the command's exit status, or 128 plus the number of the signal that ended it. It is
+    /// negative if the command could not be run, with the reason in `err`: no shell, or a shell that reports
+    /// 126 or 127; so it is if part of its output is lost. If the status is lost, because this process
+    /// ignores or reaps its children elsewhere, it is 255 for a command that wrote nothing to standard error,
+    /// which must not be taken for one that was not run, and negative for any other, which may be one.
     ///
     /// The last two arguments have no effect; callers pass 0 and true.
     static int system(const char* command, std::string* out, std::string* err, int, bool);

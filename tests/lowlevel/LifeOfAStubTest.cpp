@@ -149,6 +149,14 @@ TEST_P(LifeOfAStub, Watching) {
     EXPECT_EQ(fresh().stopWatchingDirTree(m_fs.dir().c_str()), 0);
 }
 
+TEST_P(LifeOfAStub, StopsWatching) {
+    EXPECT_EQ(fresh().stopWatchingDevice(m_before.st_dev), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(m_backEnd->m_errorCode, 0);
+    ASSERT_EQ(fresh().startWatchingDirTree(m_fs.dir().c_str()), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(fresh().stopWatchingDirTree(m_fs.dir().c_str()), 0) << m_backEnd->m_errorText;
+    EXPECT_EQ(m_backEnd->m_errorCode, 0);
+}
+
 TEST_P(LifeOfAStub, TimesAndStatOfWhatIsMissing) {
     const std::string missing = m_fs.path("missing");
     struct stat st {};

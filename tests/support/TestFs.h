@@ -185,3 +185,8 @@ private:
     const std::string m_dir = newDirectory("qzhsm-conf-XXXXXX");
     const TestEnvironment m_named{"QZHSM_CONFIG", m_dir + "/conf"};
 };
+
+/// No recall service of this machine is asked.
+struct NoService : TestConfig {
+    NoService() : TestConfig("[Service]\nruntimeDirectory = /proc/none\n") {}
+};

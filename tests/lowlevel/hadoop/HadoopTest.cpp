@@ -1,30 +1,43 @@
 #include "lowlevel/hadoop/QZHSMLowLevelHadoop.h"
+#include "lowlevel/lustre/QZHSMLowLevelLustre.h"
 
-#include <functional>
 #include <gtest/gtest.h>
+
+namespace {
+
+void expectRefused(const QZHSMLowLevel& backEnd, const char* operation, long long result) {
+    EXPECT_EQ(result, -1) << operation;
+    EXPECT_EQ(backEnd.m_errorCode, 38) << operation;
+    EXPECT_EQ(backEnd.m_errorText, operation + std::string(" not implemented"));
+}
+
+/// What Lustre refuses as well.
+void expectNoTransparentIo(QZHSMLowLevel& backEnd) {
+    char buffer[1];
+    expectRefused(backEnd, "openFileTrans", backEnd.openFileTrans("p", 0, 0));
+    expectRefused(backEnd, "readFileTrans", backEnd.readFileTrans(buffer, 1));
+    expectRefused(backEnd, "writeFileTrans", backEnd.writeFileTrans(buffer, 1, 0));
+    expectRefused(backEnd, "seekFileTrans", backEnd.seekFileTrans(0, 0));
+    expectRefused(backEnd, "closeFileTrans", backEnd.closeFileTrans());
+    expectRefused(backEnd, "setAMCTime", backEnd.setAMCTime("p", 0, 0, 0));
+}
+
+} // namespace
+
+TEST(Lustre, RefusesTransparentIo) {
+    QZHSMLowLevelLustre lustre;
+    expectNoTransparentIo(lustre);
+}
 
 TEST(Hadoop, RefusesActionsAndAnswersQueries) {
     QZHSMLowLevelHadoop hadoop;
     std::vector<char> data;
     struct stat st {};
-    char buffer[1];
-    const std::pair<const char*, std::function<long long()>> refused[] = {
-        {"backupStub", [&] { return hadoop.backupStub("p", data); }},
-        {"restoreStub", [&] { return hadoop.restoreStub("p", data); }},
-        {"openFileTrans", [&] { return hadoop.openFileTrans("p", 0, 0); }},
-        {"readFileTrans", [&] { return hadoop.readFileTrans(buffer, 1); }},
-        {"writeFileTrans", [&] { return hadoop.writeFileTrans(buffer, 1, 0); }},
-        {"seekFileTrans", [&] { return hadoop.seekFileTrans(0, 0); }},
-        {"closeFileTrans", [&] { return hadoop.closeFileTrans(); }},
-        {"setAMCTime", [&] { return hadoop.setAMCTime("p", 0, 0, 0); }},
-        {"statFile", [&] { return hadoop.statFile("p", &st); }},
-        {"stubFile", [&] { return hadoop.stubFile("p", "m", 0, 0); }},
-    };
-    for (const auto& [operation, call] : refused) {
-        EXPECT_EQ(call(), -1) << operation;
-        EXPECT_EQ(hadoop.m_errorCode, 38) << operation;
-        EXPECT_EQ(hadoop.m_errorText, operation + std::string(" not implemented"));
-    }
+    expectNoTransparentIo(hadoop);
+    expectRefused(hadoop, "backupStub", hadoop.backupStub("p", data));
+    expectRefused(hadoop, "restoreStub", hadoop.restoreStub("p", data));
+    expectRefused(hadoop, "statFile", hadoop.statFile("p", &st));
+    expectRefused(hadoop, "stubFile", hadoop.stubFile("p", "m", 0, 0));
     bool isStub = true;
     int state = 0;
     EXPECT_EQ(hadoop.isStub("/no/such/file"), 0);

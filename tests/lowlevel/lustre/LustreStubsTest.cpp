@@ -115,6 +115,14 @@ TEST_F(LustreStubs, StubFileKeepsTheDataOfWhatIsNotArchived) {
         {"LUSTRE_DELAY_MS", "60000", "Not archived within 0 seconds: @ Connection timed out"},
         {"LUSTRE_LOST", "1", "Not archived within 0 seconds: @ Connection timed out"},
     };
+    for (const char* value : {"1", "0"}) { // what is no number counts as an hour, for which nobody waits here
+        const TestConfig config(std::string("[Lustre]\narchiveTimeout = ") + value + "\n");
+        const QZHSMLowLevelLustre reader;
+        const TestEnvironment never("LUSTRE_DELAY_MS", "60000");
+        arrange();
+        expectFailure(stub(), -1,
+                      "Not archived within " + std::string(value) + " seconds: @ Connection timed out");
+    }
     const TestConfig config("[Lustre]\narchiveTimeout = 0\n");
     const QZHSMLowLevelLustre reader;
     for (const auto& [name, value, text] : rows) {

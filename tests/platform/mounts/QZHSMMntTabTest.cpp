@@ -18,11 +18,19 @@ TEST(QZHSMMntTab, FindsTheMountThatHoldsAPath) {
     while (deep.size() < 3800)
         ASSERT_EQ(::mkdir((deep += "/" + std::string(200, 'd')).c_str(), 0700), 0);
     ASSERT_EQ(::mount(std::string(4000, 's').c_str(), deep.c_str(), "tmpfs", 0, nullptr), 0);
+    const std::string hiding = outer.path("hiding"); // hides the mount below it
+    ASSERT_EQ(::mkdir(hiding.c_str(), 0700), 0);
+    ASSERT_EQ(::mount("none", hiding.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(::mkdir((hiding + "/hidden").c_str(), 0700), 0);
+    ASSERT_EQ(::mount("none", (hiding + "/hidden").c_str(), "proc", 0, nullptr), 0);
+    ASSERT_EQ(::mount("none", hiding.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(::mkdir((hiding + "/hidden").c_str(), 0700), 0);
     const QZHSMMntTab table;
     for (const auto& [path, mountDir] : {std::pair{dir + "/missing/too", dir},
                                          {outer.path("link"), dir},
                                          {outer.path("with"), outer.dir()},
                                          {deep, deep},
+                                         {hiding + "/hidden", hiding},
                                          {"/proc/self", "/proc"}}) {
         const QZHSMMntTab::Entry* entry = table.find(path.c_str());
         ASSERT_NE(entry, nullptr);

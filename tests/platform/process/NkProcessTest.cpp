@@ -69,8 +69,13 @@ TEST(NkProcess, CopesWithTheStateOfItsProcess) {
         inChild([] { // no standard descriptors; a status that is lost: the command was run all the same
             ::close_range(0, 2, 0);
             ::signal(SIGCHLD, SIG_IGN);
-            return run("echo out; echo err >&2") == 255 && out == "out\n" && err == "err\n";
+            return run("echo out") == 255 && out == "out\n" && run("/no/such/command") == -255 &&
+                   run("echo out; echo err >&2") == -255 && out == "out\n" && err == "err\n";
         }));
+    EXPECT_TRUE(inChild([] { // an output that cannot be read is none to rely on
+        return refuse(SYS_poll, ENOMEM) && run("echo out") < 0 &&
+               err == "Failed to read what the command wrote: Cannot allocate memory";
+    }));
     if (::geteuid() != 0)
         GTEST_SKIP() << "changing the root directory needs root";
     EXPECT_TRUE(inChild([] { // no shell, and no descriptors

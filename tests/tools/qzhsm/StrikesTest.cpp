@@ -220,6 +220,7 @@ protected:
 
     TestFs m_memory{FsKind::Tmpfs}; // so that flushes are quick
     TestEnvironment m_temporary{"TEST_TMPDIR", m_memory.dir()};
+    const NoService m_alone;
     std::unique_ptr<TestFs> m_fs;
     std::unique_ptr<TestFs> m_archive;
     std::string m_file, m_store, m_data;

@@ -36,6 +36,7 @@ protected:
         }
     }
 
+    const NoService m_alone;
     TestFs m_fs{FsKind::Tmpfs};
     std::vector<pid_t> m_children;
 };
