@@ -21,7 +21,7 @@ std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& lo
     if (!m_rules.keepData && !wouldFreeRoom(look.st))
         return "it would free no room";
     if (!m_seen.isNew(look.st))
-        return "it was archived under another name";
+        return "it was met under another name";
     return {};
 }
 
@@ -34,7 +34,11 @@ void ArchiveWorker::begin(std::unique_ptr<ArchiveJob>& job) {
     if (m_rules.dryRun)
         return m_observer.done(name, "would be archived");
     m_observer.started(name, job->look().st.st_size);
-    job->put(m_store, tellBytes(m_observer));
+    job->put(m_store, [this, &name, tell = tellBytes(m_observer)](std::uint64_t done) mutable {
+        if (m_rules.isToStop && m_rules.isToStop())
+            throw Failure(QZHSM_FAILURE, "Archiving of " + name + " interrupted");
+        tell(done);
+    });
     const long long bytes = job->look().st.st_size;
     m_batch.add(std::move(job), bytes);
 }

@@ -4,6 +4,7 @@
 #include "service/StubbingWorker.h"
 
 #include <ctime>
+#include <functional>
 #include <optional>
 
 /// Which files are archived, and how far.
@@ -12,6 +13,7 @@ struct ArchiveRules {
     long long largerThan = 0;                  ///< only files of more bytes
     bool keepData = false;                     ///< to the store only: no file becomes a stub
     bool dryRun = false;                       ///< nothing is done, only told
+    std::function<bool()> isToStop{};          ///< asked while data is put
 };
 
 /// Puts files into a store and turns them into stubs.

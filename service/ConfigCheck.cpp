@@ -41,6 +41,8 @@ std::string sectionProblem(const std::string& section) {
         const std::string name = known.name;
         beginnings.push_back(name.substr(0, name.find('/')));
     }
+    if (std::ranges::find(beginnings, section) != beginnings.end())
+        return "[" + section + "] lacks a name, as in [" + section + "/NAME]";
     return "there is no section [" + section + "]" +
            suggestion(section.substr(0, section.find('/')), beginnings);
 }

@@ -26,6 +26,9 @@ public:
     virtual std::optional<long long> size() const = 0;
     /// The modification time that the file had when this was its data, if it is known.
     virtual std::optional<timespec> modified() const { return {}; }
+    /// The file capabilities (attribute "security.capability") that the file had then; empty if it had none,
+    /// or it is not known.
+    virtual std::string capabilities() const { return {}; }
     /// The object in a store that this is, if it is one.
     virtual std::optional<ObjectId> object() const { return {}; }
     /// The next bytes, all of a piece but the last; none at the end. What is known to be wrong throws.

@@ -31,7 +31,8 @@ long long allocatedBytes(const struct stat& st) {
 
 bool wouldFreeRoom(const struct stat& st) {
     constexpr long long kBlock = 4096;
-    return allocatedBytes(st) > kBlock;
+    const int left = st.st_size > kBlock ? 2 : 1; // the stub text's, and that of the last byte
+    return allocatedBytes(st) > left * kBlock;
 }
 
 bool isSameFile(const struct stat& a, const struct stat& b) {

@@ -4,21 +4,31 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace {
 constexpr const char* kCapabilities = "security.capability";
 constexpr mode_t kPermissions = 07777;
+constexpr mode_t kTaken = S_ISUID | S_ISGID; // by a write, unless it is root's
 } // namespace
 
 std::string readCapabilities(const OpenFile& file) {
     char value[256];
     const ssize_t got = ::getxattr(file.path().c_str(), kCapabilities, value, sizeof value);
+    if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP)
+        throw systemFailure("Failed to read the capabilities of ", file.name(), errno);
     return got > 0 ? std::string(value, static_cast<size_t>(got)) : std::string();
 }
 
-void putRightsBack(const OpenFile& file, const std::string& capabilities, mode_t mode) {
+void putRightsBack(const OpenFile& file, const std::string& capabilities, const struct stat& before) {
+    const struct stat now = file.stat();
+    if (now.st_uid != before.st_uid || now.st_gid != before.st_gid)
+        return;
     // The mode first: to change it can take the capabilities.
-    if (file.stat().st_mode != mode && ::chmod(file.path().c_str(), mode & kPermissions) < 0)
+    const bool isOnlyLess =
+        (now.st_mode | kTaken) == (before.st_mode | kTaken) && (now.st_mode & ~before.st_mode) == 0;
+    if (::geteuid() != 0 && now.st_mode != before.st_mode && isOnlyLess &&
+        ::chmod(file.path().c_str(), before.st_mode & kPermissions) < 0)
         throw systemFailure("Failed to put back the mode of ", file.name(), errno);
     if (!capabilities.empty() &&
         ::setxattr(file.path().c_str(), kCapabilities, capabilities.data(), capabilities.size(), 0) < 0)

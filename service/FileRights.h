@@ -7,9 +7,11 @@
 
 // What writing into a file takes from it, and what has to come back.
 
-/// The attribute "security.capability", or nothing.
+/// The attribute "security.capability", or nothing. Throws if it cannot be read.
 std::string readCapabilities(const OpenFile& file);
-/// Gives a file its capabilities and the permissions of `mode` again.
-void putRightsBack(const OpenFile& file, const std::string& capabilities, mode_t mode);
+/// Gives a file the capabilities, and the set-user-ID and set-group-ID bits, that our own writes have taken
+/// from it. What its owner or root has changed meanwhile stays: to a file of another owner or group nothing
+/// is given.
+void putRightsBack(const OpenFile& file, const std::string& capabilities, const struct stat& before);
 /// To the nanosecond, while the interface's own way takes whole seconds.
 void putTimesBack(const OpenFile& file, const timespec& accessed, const timespec& modified);

@@ -98,13 +98,26 @@ Content readContent(const OpenFile& file, const struct stat& st, bool attributes
     return content;
 }
 
+/// Whether the file has the size of the stub. One shorter than its text grew to the text's length.
+bool fits(const FileLook& look) {
+    const auto textLength = static_cast<long long>(look.text.size());
+    return look.st.st_size == std::max(look.recordedSize, textLength) || look.st.st_size == look.recordedSize;
+}
+
+std::string sizeProblem(const FileLook& look) {
+    return "header says " + std::to_string(look.recordedSize) + " bytes, file has " +
+           std::to_string(look.st.st_size);
+}
+
+FileState changed(FileLook& look, std::string why) {
+    look.why = std::move(why);
+    return FileState::ChangedStub;
+}
+
 /// Empty if the file is the stub that its text describes, untouched.
 std::string changeOf(const FileLook& look, const Content& content) {
-    const auto textLength = static_cast<long long>(look.text.size());
-    // A file shorter than its text grew to the text's length.
-    if (look.st.st_size != std::max(look.recordedSize, textLength) && look.st.st_size != look.recordedSize)
-        return "header says " + std::to_string(look.recordedSize) + " bytes, file has " +
-               std::to_string(look.st.st_size);
+    if (!fits(look))
+        return sizeProblem(look);
     if (!content.restIsHole || !allZero(std::string_view(content.beginning).substr(look.text.size())))
         return "there is data behind its stub text";
     return {};
@@ -124,17 +137,28 @@ FileState stateOf(FileLook& look, const Content& content) {
             return FileState::Copy;
         return look.kept ? FileState::Leftover : FileState::Plain;
     }
-    if (look.kept && look.kept->recalling)
+    if (look.kept && look.kept->recalling) {
+        // A recall leaves the size as it is, but for the moment in which it takes out what it wrote.
+        if (!fits(look) && !content.isBeginningOf(look.text) && !content.beginning.starts_with(look.text))
+            return changed(look, sizeProblem(look));
         return FileState::HalfRecalled;
+    }
     if (!content.text.empty() && content.text == look.text) {
         look.why = changeOf(look, content);
         return look.why.empty() ? FileState::Stub : FileState::ChangedStub;
     }
     if (!look.attributes)
         return FileState::Plain;
-    if (look.kept)
-        return content.isBeginningOf(look.kept->text) ? FileState::Emptied : FileState::MarkedWhole;
-    return content.isEmpty() ? FileState::Lost : FileState::MarkedWhole;
+    const bool isHollow =
+        content.restIsHole && look.st.st_size > static_cast<off_t>(content.beginning.size());
+    if (!look.kept)
+        return content.isEmpty() || isHollow ? FileState::Lost : FileState::MarkedWhole;
+    if (content.isBeginningOf(look.kept->text))
+        return FileState::Emptied;
+    // Who writes into a file that was emptied already must not pass for the data that was there before.
+    if (look.st.st_size < look.recordedSize || isHollow)
+        return changed(look, "somebody has written to it on its way to a stub");
+    return FileState::MarkedWhole;
 }
 
 } // namespace

@@ -76,6 +76,8 @@ OpenFile::OpenFile(UniqueFd fd, std::string name)
     : m_fd(std::move(fd)), m_name(std::move(name)), m_path("/proc/self/fd/" + std::to_string(m_fd.get())) {}
 
 OpenFile OpenFile::named(const std::string& path) {
+    if (path.empty())
+        throw systemFailure("Failed to open ", "\"\"", ENOENT);
     OpenFile file(openTrusted(path), path);
     file.m_named = true;
     return file;

@@ -3,7 +3,10 @@
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/NotedObject.h"
+#include "service/Times.h"
 #include "service/TransparentFile.h"
+#include "service/stores/Checksums.h"
+#include "service/stores/StubMetadata.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -90,6 +93,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
     // A file that was half recalled or half stubbed has times of that making. Without attributes it looks
     // like a stub.
+    requireSame(m_look.st.st_size, m_look.st.st_mtim);
     const std::optional<timespec> modified = m_source->modified();
     const timespec& found = m_look.st.st_mtim;
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
@@ -99,7 +103,11 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
     if (m_source->size())
         examineLength(*m_source->size());
     m_capabilities = readCapabilities(m_file);
+    if (m_capabilities.empty() && m_look.kept) // a kill may have been in the way of putting them back
+        m_capabilities = m_source->capabilities();
     putTimesBack(); // who may not do that could not end the recall
+    m_size = m_look.st.st_size;
+    m_pinned = m_kind.keepsTextInFile();
     if (m_kind.keepsTextInFile())
         m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
@@ -108,13 +116,17 @@ void RecallJob::writeRest() {
     const size_t page = endOfPage(m_look.text);
     std::vector<char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
-    requireStub();
+    requireUntouched();
     m_written = m_kind.keepsTextInFile(); // to make a hole moves the time
     punch(static_cast<long long>(page), m_kept);
+    pin();
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
+    ChecksumStream sum; // what comes from a store is compared there
     for (size_t skip = m_page.size(); !piece.empty(); piece = m_source->next(), skip = 0) {
         if (m_total > 0)
-            requireStub();
+            requireUntouched();
+        if (!m_source->object())
+            sum.add(piece.data(), piece.size());
         // Before it is written: a stub that grew would pass for that of a longer file.
         const auto length = static_cast<long long>(piece.size());
         if (m_total + length > m_look.recordedSize && !m_source->size())
@@ -122,19 +134,25 @@ void RecallJob::writeRest() {
         m_written = true;
         write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
         m_total += length;
+        pin();
         m_observer.bytes(length);
     }
     file.close();
     if (!m_source->size() && m_total <= m_look.recordedSize)
         examineLength(m_total);
+    const std::optional<StubMetadata> known = StubMetadata::fromText(m_look.meta);
+    if (!m_source->object() && known && known->xxh128 != sum.finish().whole)
+        suspect(m_source->name() + " is not the data of the stub " + m_file.name() +
+                ": the checksums differ");
 }
 
 void RecallJob::writePage() {
-    requireStub();
+    requireUntouched();
     m_written = m_pageWritten = true;
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
     file.write(m_page, 0);
     file.close();
+    pin();
 }
 
 void RecallJob::beginPieces() {
@@ -148,6 +166,7 @@ void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
     if (m_file.stat().st_size != std::max<long long>(m_look.st.st_size, m_total))
         throw Failure(QZHSM_BUSY, m_file.name() + " was truncated or extended while it was recalled");
     m_written = m_pageWritten = true;
+    m_pinned = false; // to pin each piece's time would cost readers more; no writers come near
     const size_t text = offset == 0 ? std::min(endOfPage(m_look.text), bytes.size()) : 0;
     m_skipsZeros = true;
     m_punchesZeros = m_look.state != FileState::Stub; // an earlier recall may have left data
@@ -162,6 +181,7 @@ void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
 }
 
 void RecallJob::end() {
+    requireUntouched();
     const bool shortens = m_total < m_look.st.st_size;
     const auto shorten = [&] {
         if (shortens && ::truncate(m_file.path().c_str(), m_total) < 0)
@@ -173,7 +193,7 @@ void RecallJob::end() {
     if (m_kind.keepsTextInFile() && m_file.stat().st_size < m_total &&
         ::truncate(m_file.path().c_str(), m_total) < 0)
         throw systemFailure("Failed to lengthen ", m_file.name(), errno);
-    putRightsBack(m_file, m_capabilities, m_look.st.st_mode);
+    putRightsBack(m_file, m_capabilities, m_look.st);
     putTimesBack();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
@@ -202,6 +222,8 @@ void RecallJob::putBack(const Failure& failure) {
             return m_observer.note(name + ": no stub any more, left as it is");
         if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
             m_observer.failed(name, Failure(backEnd));
+        if (m_isChanged)
+            return leave();
         if (m_written && !m_kind.keepsTextInFile()) {
             putTimesBack();
             return m_observer.note(name + ": still a stub, to be recalled again");
@@ -228,12 +250,41 @@ void RecallJob::putBack(const Failure& failure) {
     }
 }
 
+/// What a user did to the file meanwhile stays. Nor does the next recall go on over it: the text that is kept
+/// is no longer that of a recall.
+void RecallJob::leave() {
+    if (m_kept && m_written)
+        keepText(m_file, {m_look.text, false, timeOfData()});
+    else if (m_kept)
+        dropKeptText(m_file);
+    flushOne(flushable(), m_file.name());
+    m_observer.note(m_file.name() + ": left as it is");
+}
+
 // --- Pieces of the above ---
 
-/// Another recall may have ended in the meantime, and the file be in use again.
-void RecallJob::requireStub() {
-    if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
+void RecallJob::requireSame(long long size, const timespec& modified) {
+    const struct stat now = m_file.stat();
+    m_isChanged = now.st_size != size || nanoseconds(now.st_mtim) != nanoseconds(modified);
+    if (m_isChanged)
+        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was recalled");
+}
+
+/// Between two steps others may come near: another recall may have ended, or a user have written.
+void RecallJob::requireUntouched() {
+    if (m_pinned)
+        requireSame(m_size, timeOfData());
+    else if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
         throw Failure(QZHSM_NOT_A_STUB, m_file.name() + " has ceased to be a stub");
+}
+
+/// Behind a write of ours: one of others' shows by its time then.
+void RecallJob::pin() {
+    if (!m_pinned)
+        return;
+    putTimesBack();
+    if (m_total > m_size)
+        m_size = m_file.stat().st_size;
 }
 
 /// Blocks of zeros stay the holes that they are.
@@ -280,6 +331,10 @@ void RecallJob::punchHole(long long from, long long count) const {
 /// making.
 timespec RecallJob::timeOfData() const {
     const std::optional<timespec> recorded = m_source ? m_source->modified() : std::nullopt;
+    // An earlier one its user has set.
+    if (recorded && m_look.state == FileState::Stub && !m_look.kept &&
+        m_look.st.st_mtim.tv_sec < recorded->tv_sec)
+        return m_look.st.st_mtim;
     return recorded.value_or(m_look.kept ? m_look.kept->modified : m_look.st.st_mtim);
 }
 

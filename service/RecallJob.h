@@ -18,7 +18,8 @@
 ///  4. `end`: length, times, mode, capabilities; the mark goes, then the kept text.
 ///
 /// If the text cannot be kept, it stands in its page until step 3, which is alone what makes the file whole.
-/// A step that throws has to be followed by `putBack`.
+/// What others do to the file in between, as long as its size or time shows it, ends the recall and stays. A
+/// step that throws has to be followed by `putBack`.
 class RecallJob {
 public:
     RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer);
@@ -53,7 +54,10 @@ private:
     void suspect(const std::string& text);
     void examineLength(long long total);
     void tellLonger();
-    void requireStub();
+    void requireSame(long long size, const timespec& modified);
+    void requireUntouched();
+    void pin();
+    void leave();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from, bool mayShorten);
     void punchHole(long long from, long long count) const;
@@ -70,6 +74,9 @@ private:
     std::vector<char> m_page;
     std::string m_capabilities;
     long long m_total = 0;
+    long long m_size = 0;      ///< that our steps have left
+    bool m_pinned = false;     ///< each step leaves the time of the data
+    bool m_isChanged = false;  ///< by somebody else, meanwhile
     bool m_kept = false;       ///< the text stands in the attribute
     bool m_skipsZeros = false; ///< what is not written is a hole already
     bool m_punchesZeros = false;

@@ -4,15 +4,25 @@
 #include <new>
 #include <utility>
 
-RecallWorker::RecallWorker(StubKind& kind, bool force, FindSource findSource, Observer& observer)
-    : m_kind(kind), m_force(force), m_findSource(std::move(findSource)), m_observer(observer) {}
+RecallWorker::RecallWorker(StubKind& kind, bool force, SeenFiles& seen, FindSource findSource,
+                           Observer& observer)
+    : m_kind(kind), m_force(force), m_seen(seen), m_findSource(std::move(findSource)), m_observer(observer) {}
 
 void RecallWorker::take(OpenFile file) {
     const std::string name = file.name();
     const bool isNamed = file.isNamed();
     auto job = std::make_unique<RecallJob>(m_kind, std::move(file), m_force, m_observer);
     try {
-        job->file().as([&] { begin(job); });
+        job->file().as([&] {
+            try {
+                begin(job);
+            } catch (const Failure& failure) {
+                if (failure.code() != QZHSM_BUSY || m_batch.isEmpty())
+                    throw;
+                finish(); // the file may have been named twice
+                begin(job);
+            }
+        });
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
@@ -28,8 +38,12 @@ void RecallWorker::take(OpenFile file) {
 
 void RecallWorker::begin(std::unique_ptr<RecallJob>& job) {
     const std::string& name = job->file().name();
-    if (job->isDone())
+    if (!m_seen.isNew(job->file().stat()))
+        return m_observer.skipped(name, "it was met under another name");
+    if (job->isDone()) {
+        flushOne(job->flushable(), name);
         return m_observer.done(name, "recalled before");
+    }
     const long long bytes = job->look().recordedSize;
     m_observer.started(name, bytes);
     job->begin(m_findSource(job->file(), job->look()));

@@ -2,6 +2,7 @@
 
 #include "service/JobBatch.h"
 #include "service/RecallJob.h"
+#include "service/SeenFiles.h"
 #include "service/Workers.h"
 
 #include <functional>
@@ -13,7 +14,7 @@ public:
     /// Where a stub's data lies. Throws if that cannot be told, or there is none for this stub.
     using FindSource = std::function<std::unique_ptr<DataSource>(const OpenFile&, const FileLook&)>;
 
-    RecallWorker(StubKind& kind, bool force, FindSource findSource, Observer& observer);
+    RecallWorker(StubKind& kind, bool force, SeenFiles& seen, FindSource findSource, Observer& observer);
 
     void take(OpenFile file) override;
     void finish() override;
@@ -27,6 +28,7 @@ private:
 
     StubKind& m_kind;
     bool m_force;
+    SeenFiles& m_seen;
     FindSource m_findSource;
     Observer& m_observer;
     JobBatch<RecallJob, PutBack> m_batch{PutBack{}};

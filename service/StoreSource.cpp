@@ -1,6 +1,7 @@
 #include "service/StoreSource.h"
 
 #include "platform/logging/ProcessLog.h"
+#include "service/FileRights.h"
 #include "service/Times.h"
 
 #include <algorithm>
@@ -13,6 +14,10 @@ StoreSource::StoreSource(Store& store, ObjectRecord record, StopRequest stop)
 
 std::optional<timespec> StoreSource::modified() const {
     return timeOf(m_record.mtime);
+}
+
+std::string StoreSource::capabilities() const {
+    return m_record.capability;
 }
 
 std::vector<char> StoreSource::next() {
@@ -77,7 +82,7 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
     ObjectRecord record = findObject(store, metadata, file, look);
     const FileOwner owner = FileOwner::of(file.fd(), file.name());
     if (record.isOf(owner))
-        return;
+        return putTimesBack(file, look.st.st_atim, timeOf(record.mtime));
     const std::string from =
         "Not adopting the stub " + file.name() + ": its data was taken from " + record.path;
     if (!owner.matches(owner))
@@ -92,4 +97,5 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
         throw Failure(QZHSM_FAILURE, from + ", and it is not yours alone");
     record.adopted.push_back(owner);
     store.replaceRecord(record);
+    putTimesBack(file, look.st.st_atim, timeOf(record.mtime)); // a later one would pass for that of a change
 }

@@ -14,6 +14,7 @@ public:
 
     std::optional<long long> size() const override { return static_cast<long long>(m_record.size); }
     std::optional<timespec> modified() const override;
+    std::string capabilities() const override;
     std::optional<ObjectId> object() const override { return m_record.object; }
     std::vector<char> next() override;
 

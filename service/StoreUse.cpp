@@ -17,18 +17,20 @@ void StoreUse::addFileSystem(const std::string& directory) {
         m_fileSystems.push_back({std::move(root), std::move(fd)});
 }
 
-std::vector<ObjectId> StoreUse::namedBy(const OpenFile& file) {
-    std::vector<ObjectId> named;
+StoreUse::Named StoreUse::namedBy(const OpenFile& file) {
+    Named named;
+    if (const auto noted = notedObject(file)) // in this order: the text is there before the note goes
+        named.objects.push_back(*noted);
     const FileLook look = m_kind.look(file, true);
-    if (const auto metadata = StubMetadata::fromText(look.meta))
-        named.push_back(metadata->object);
-    if (const auto noted = notedObject(file))
-        named.push_back(*noted);
+    const auto metadata = StubMetadata::fromText(look.meta);
+    if (metadata)
+        named.objects.push_back(metadata->object);
+    named.hasLostIts = look.marked && !metadata;
     return named;
 }
 
 void StoreUse::add(const OpenFile& file) {
-    for (const ObjectId& object : namedBy(file))
+    for (const ObjectId& object : namedBy(file).objects)
         m_named.push_back(object);
     m_sorted = false;
 }
@@ -54,8 +56,11 @@ std::string StoreUse::reasonToKeep(const ObjectRecord& record, const FileIdentit
     UniqueFd fd = file.open(found->fd.get());
     if (!fd.isOpen())
         return errno == ESTALE ? "" : systemFailure("its file cannot be opened", "", errno).what();
-    const std::vector<ObjectId> named = namedBy(OpenFile::of(std::move(fd), record.path));
-    return std::ranges::find(named, record.object) == named.end() ? "" : "it is in use elsewhere";
+    const Named named = namedBy(OpenFile::of(std::move(fd), record.path));
+    if (named.hasLostIts)
+        return "its file is marked as a stub, and nothing on it tells of which object";
+    return std::ranges::find(named.objects, record.object) == named.objects.end() ? ""
+                                                                                  : "it is in use elsewhere";
 }
 
 void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& observer,

@@ -25,7 +25,11 @@ public:
 
 private:
     std::string reasonToKeep(const ObjectRecord& record, const FileIdentity& file, bool otherFileSystems);
-    std::vector<ObjectId> namedBy(const OpenFile& file);
+    struct Named {
+        std::vector<ObjectId> objects;
+        bool hasLostIts = false; ///< a stub by its mark, and no text says of which object
+    };
+    Named namedBy(const OpenFile& file);
 
     struct FileSystem {
         FileIdentity root;

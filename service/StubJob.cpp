@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -24,7 +26,17 @@ StubJob::StubJob(StubKind& kind, OpenFile file)
     : m_kind(kind), m_file(std::move(file)), m_look(kind.look(m_file)) {}
 
 void StubJob::hold() {
-    m_flushable = m_kind.hold(m_file);
+    // A service that has just recalled the file may be at its last flush.
+    constexpr auto kPause = std::chrono::milliseconds(20);
+    for (int pauses = m_kind.announces() ? 50 : 0; !m_flushable.isOpen(); --pauses) {
+        try {
+            m_flushable = m_kind.hold(m_file);
+        } catch (const Failure& failure) {
+            if (failure.code() != QZHSM_BUSY || pauses <= 0)
+                throw;
+            std::this_thread::sleep_for(kPause);
+        }
+    }
     m_data = openData();
     requireClosed();
     if (m_look.attributes)
@@ -42,6 +54,8 @@ void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTim
     m_kind.beforeStubbing(m_kind.pathOf(m_file), meta, m_look.st);
     // Without attributes that look has put times back, to the second, which shows in the change time.
     m_since = m_file.stat();
+    if (m_look.attributes && m_kind.keepsTextInFile())
+        requireUnchanged(m_look.st);
     if (m_since.st_size != m_look.st.st_size || m_since.st_mtim.tv_sec != m_look.st.st_mtim.tv_sec)
         throw changed();
 }
@@ -49,9 +63,10 @@ void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTim
 void StubJob::keep() {
     requireUnchanged(m_since);
     m_isKept = true;
+    // One of both always names the object, whoever looks which are in use.
+    keepText(m_text, m_look.st.st_size);
     if (m_isNoted)
         dropNotedObject(m_file);
-    keepText(m_text, m_look.st.st_size);
     const struct stat now = m_file.stat(); // the change time is ours now
     if (now.st_size != m_since.st_size || !isSameTime(now.st_mtim, m_since.st_mtim))
         throw changed();
@@ -66,7 +81,7 @@ void StubJob::stub() {
     make(path, [&] { return m_kind.stub(path, m_meta, m_refTime, st.st_size); });
     if (!m_kind.keepsTextInFile())
         return;
-    putRightsBack(m_file, m_capabilities, st.st_mode);
+    putRightsBack(m_file, m_capabilities, st);
     putTimesBack(m_file, st.st_atim, st.st_mtim);
 }
 
@@ -101,10 +116,15 @@ void StubJob::keepText(std::string text, long long size) {
     m_size = size;
     if (!m_kind.keepsTextInFile() || m_text.empty())
         return;
-    const bool isKept = ::keepText(m_file, {m_text, false, m_look.st.st_mtim});
+    const KeptText kept{m_text, false, m_look.st.st_mtim};
+    m_textIsKept = ::keepText(m_file, kept);
+    if (!m_textIsKept && m_isNoted) { // there may be room for one of them
+        dropNotedObject(m_file);
+        m_textIsKept = ::keepText(m_file, kept);
+    }
     if (!m_kind.announces())
         return;
-    if (!isKept) // the service could take it for a file that stays as it is
+    if (!m_textIsKept) // the service could take it for a file that stays as it is
         throw Failure(QZHSM_FAILURE,
                       "Not stubbing " + m_file.name() +
                           ": its attributes have no room for the stub text, and a recall service is at work");
@@ -128,7 +148,14 @@ void StubJob::make(const std::string& path, const std::function<int()>& act) {
     }
     m_isMade = true;
     if (m_kind.keepsTextInFile())
-        completeText();
+        try {
+            completeText();
+        } catch (const Failure& failure) {
+            throw Failure(failure.code(),
+                          m_file.name() +
+                              " was emptied, and its stub text could not be written: " + failure.what(),
+                          m_textIsKept ? "\"qzhsm repair\" writes it." : "Its metadata was " + m_meta);
+        }
     m_kind.afterStubbing(path);
 }
 

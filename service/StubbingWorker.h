@@ -2,6 +2,7 @@
 
 #include "service/JobBatch.h"
 #include "service/Observer.h"
+#include "service/SeenFiles.h"
 #include "service/StubJob.h"
 #include "service/Workers.h"
 
@@ -12,22 +13,6 @@
 #include <set>
 #include <string>
 #include <utility>
-
-/// The files with several names that were seen, by all workers together.
-class SeenFiles {
-public:
-    /// True for the first time, and for a file with one name.
-    bool isNew(const struct stat& st) {
-        if (st.st_nlink < 2)
-            return true;
-        const std::lock_guard lock(m_mutex);
-        return m_seen.emplace(st.st_dev, st.st_ino).second;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::set<std::pair<dev_t, ino_t>> m_seen;
-};
 
 /// Turns files into stubs, several together: each step is taken for all of them, and flushed once. `Job` is a
 /// `StubJob`.

@@ -1,5 +1,7 @@
 #include "service/Walk.h"
 
+#include "service/stores/DirectoryMarker.h"
+
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -10,6 +12,9 @@ void Walk::from(const std::string& path) {
     try {
         OpenFile file = OpenFile::named(path);
         const struct stat st = file.stat();
+        const std::string store = m_entersStores ? std::string() : storeAround(file.fd());
+        if (!store.empty())
+            throw Failure(QZHSM_FAILURE, path + " lies in the store " + store);
         m_tree = path.size();
         if (S_ISDIR(st.st_mode)) {
             m_observer.walking(path);
@@ -27,6 +32,8 @@ void Walk::directory(const OpenFile& directory, dev_t device) {
     UniqueFd readable(::openat(directory.fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!readable.isOpen())
         throw systemFailure("Failed to read ", directory.name(), errno);
+    if (!m_entersStores && isStore(readable.get()))
+        return m_observer.skipped(directory.name(), "it is a store");
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(readable.get()), ::closedir);
     if (!entries)
         throw systemFailure("Failed to read ", directory.name(), errno);

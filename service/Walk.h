@@ -23,12 +23,16 @@ public:
         m_leaveOut = std::move(leaveOut);
     }
 
+    /// Enters no store, whose objects must stay what they are.
+    void leaveOutStores() { m_entersStores = false; }
+
 private:
     void directory(const OpenFile& directory, dev_t device);
     void entry(int parent, const char* name, const std::string& path, dev_t device);
 
     Observer& m_observer;
     Visit m_visit;
+    bool m_entersStores = true;
     size_t m_tree = 0; ///< the length of the path that was named
     std::function<bool(const std::string&, const std::string&)> m_leaveOut = [](const auto&, const auto&) {
         return false;

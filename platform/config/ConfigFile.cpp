@@ -71,7 +71,7 @@ const char* replacement(std::string_view line) {
 
 std::string ConfigFile::path() {
     const char* named = secure_getenv("QZHSM_CONFIG");
-    return named ? named : "/etc/qzhsm/qzhsm.conf";
+    return named && *named ? named : "/etc/qzhsm/qzhsm.conf";
 }
 
 ConfigFile ConfigFile::read() {

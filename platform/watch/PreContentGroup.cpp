@@ -111,6 +111,6 @@ void PreContentGroup::denyNumber(int number, int err) {
 
 bool PreContentGroup::isHeldAccess(int fd) {
     const int flags = ::fcntl(fd, F_GETFL);
-    return flags >= 0 &&
+    return flags >= 0 && ::fcntl(fd, F_GETFD) == 0 && // a second descriptor of it is closed on exec
            (flags & (O_ACCMODE | O_APPEND | O_NOATIME | O_PATH)) == (O_RDONLY | O_APPEND | O_NOATIME);
 }

@@ -74,7 +74,7 @@ public:
             result = ::flock(lock.get(), LOCK_EX | LOCK_NB);
         }
         if (result < 0 && errno == EWOULDBLOCK)
-            throw Failure(QZHSM_BUSY, "Another recall of " + file.name() + " is under way");
+            throw Failure(QZHSM_BUSY, file.name() + " is locked, as by another recall or archiving of it");
         if (result < 0)
             throw systemFailure("Failed to lock ", file.name(), errno);
         return lock;

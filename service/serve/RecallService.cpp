@@ -228,7 +228,8 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
     Stub& stub = m_stubs[key];
     if (!stub) {
         stub = std::make_shared<ServedStub>(m_group, key, pathOf(access.fd),
-                                            program + " (" + std::to_string(access.tid) + ")");
+                                            access.tid > 0 ? program + " (" + std::to_string(access.tid) + ")"
+                                                           : "programs that waited before");
         m_queue.push_back(stub);
         m_queued.notify_one();
     }

@@ -45,13 +45,24 @@ void writeMarker(int root, const std::string& directory) {
 
 } // namespace
 
+bool isStore(int directory) {
+    return ::faccessat(directory, kMarker, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+std::string storeAround(int fd) {
+    for (std::filesystem::path path = pathOf(fd); path.has_relative_path(); path = path.parent_path())
+        if (::access((path / kMarker).c_str(), F_OK) == 0)
+            return path;
+    return {};
+}
+
 void makeStore(const std::string& directory) {
     if (::mkdir(directory.c_str(), 0700) < 0 && errno != EEXIST)
         throw systemFailure("Failed to create ", directory, errno);
     const UniqueFd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root.isOpen())
         throw systemFailure("Failed to open ", directory, errno);
-    if (::faccessat(root.get(), kMarker, F_OK, AT_SYMLINK_NOFOLLOW) == 0)
+    if (isStore(root.get()))
         throw Failure(QZHSM_FAILURE, directory + " is a store already");
     std::vector<std::string> files;
     forEachName(root.get(), directory, [&](const char* file) { files.emplace_back(file); });

@@ -11,6 +11,12 @@ void makeStore(const std::string& directory);
 /// The store's UUID. Throws `Failure` if the directory, which `name` names, is no store.
 std::string readMarker(int directory, const std::string& name);
 
+/// Whether the open directory is a store, damaged or not.
+bool isStore(int directory);
+
+/// The store that holds the open file or directory, or is it; empty if none does.
+std::string storeAround(int fd);
+
 /// The directories over which objects are spread, by the first two digits of their names.
 const std::vector<std::string>& storeParts();
 

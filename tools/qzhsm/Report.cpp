@@ -41,12 +41,23 @@ void Report::record(std::string_view text) {
     raw(std::string(text) + '\0');
 }
 
-void Report::json(Json object) {
+namespace {
+
+void addBytes(Json& json) {
     Json bytes = Json::object();
-    for (const auto& [name, value] : object.items())
-        if (value.is_string() && !isUtf8(value.get_ref<const std::string&>()))
+    for (const auto& [name, value] : json.items())
+        if (value.is_structured())
+            addBytes(value);
+        else if (json.is_object() && value.is_string() && !isUtf8(value.get_ref<const std::string&>()))
             bytes[name + "Bytes"] = percentText(value.get_ref<const std::string&>());
-    object.update(bytes);
+    if (json.is_object())
+        json.update(bytes);
+}
+
+} // namespace
+
+void Report::json(Json object) {
+    addBytes(object);
     // To a terminal only ASCII goes, for JSON lets controls beyond it stand.
     raw(object.dump(-1, ' ', m_outputIsTerminal, Json::error_handler_t::replace) + '\n');
 }

@@ -83,10 +83,16 @@ void ShownWork::done(const std::string& name, const std::string& what) {
     show();
 }
 
-void ShownWork::failed(const std::string&, const Failure& failure) {
+void ShownWork::failed(const std::string& name, const Failure& failure) {
     const std::lock_guard lock(m_mutex);
     ++m_failed;
-    m_report.failure(failure);
+    const std::string text = failure.what();
+    const bool namesIt = text.find(name) != std::string::npos;
+    m_report.failure(namesIt ? failure : Failure(failure.code(), name + ": " + text, failure.advice()));
+    list([&] {
+        if (m_report.isJson())
+            m_report.json({{"path", name}, {"failed", text}, {"code", failure.code()}});
+    });
 }
 
 void ShownWork::skipped(const std::string& name, const std::string& reason) {

@@ -19,11 +19,15 @@ struct Archiving {
           crew(line, shown, count, [this](StubKind& kind) {
               return std::make_unique<ArchiveWorker>(kind, *store, rules, seen, shown);
           }) {
+        rules.isToStop = isInterrupted; // signals are noted from here on
+        isInterrupted();
+        crew.walk().leaveOutStores();
         crew.walk().leaveOut([excluded](const std::string& path, const std::string& name) {
-            return std::ranges::any_of(excluded, [&](const std::string& glob) {
-                return ::fnmatch(glob.c_str(),
-                                 glob.find('/') == std::string::npos ? name.c_str() : path.c_str(), 0) == 0;
-            });
+            return isInterrupted() || std::ranges::any_of(excluded, [&](const std::string& glob) {
+                       return ::fnmatch(glob.c_str(),
+                                        glob.find('/') == std::string::npos ? name.c_str() : path.c_str(),
+                                        0) == 0;
+                   });
         });
     }
 
@@ -60,13 +64,16 @@ void addArchive(CommandLine& line) {
                 options->work = std::make_unique<Archiving>(line, report, options->store, rules,
                                                             options->excluded, options->workers);
             }
-            options->work->crew.walk().from(path);
+            if (!isInterrupted())
+                options->work->crew.walk().from(path);
         },
         [options](StubKind&, Report&) {
             if (!options->work)
                 return;
             options->work->crew.finish();
-            options->work->shown.summarise("archived");
+            options->work->shown.summarise(options->dryRun ? "to be archived" : "archived");
+            if (isInterrupted())
+                throw Failure(QZHSM_FAILURE, "Interrupted: not all files were archived");
         });
     addText(verb, "--store", options->store,
             "The store: the NAME of its section [Store/NAME], or its directory")
@@ -81,7 +88,8 @@ void addArchive(CommandLine& line) {
         ->option_text("GLOB")
         ->allow_extra_args(false); // else it would take the paths as well
     verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");
-    verb->add_flag("--dry-run", options->dryRun, "Only list what would be archived (with --json or -z)");
+    verb->add_flag("--dry-run", options->dryRun,
+                   "Only tell what would be archived: how many files, and with --json or -z which");
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
         ->check(CLI::Range(1, 64))
         ->option_text("N");

@@ -53,13 +53,14 @@ struct Recalling {
     Recalling(const CommandLine& line, Report& report, Sources& sources, int count)
         : shown(report), crew(line, shown, count, [this, &sources](StubKind& kind) {
               return std::make_unique<RecallWorker>(
-                  kind, sources.force,
+                  kind, sources.force, seen,
                   [&sources, &kind](const OpenFile& file, const FileLook& look) {
                       return sources.find(kind, file, look);
                   },
                   shown);
           }) {
         isInterrupted(); // signals are noted from here on
+        crew.walk().leaveOut([](const auto&, const auto&) { return isInterrupted(); });
         if (!sources.fromDir.empty())
             sources.mirror.emplace(sources.fromDir);
         if (!sources.store.empty())
@@ -67,6 +68,7 @@ struct Recalling {
     }
 
     ShownWork shown;
+    SeenFiles seen;
     FileCrew crew;
 };
 
@@ -89,13 +91,16 @@ void addRecallVerb(CommandLine& line) {
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is one too many");
             if (!options->sources.from.empty() && S_ISDIR(statFollowing(path).st_mode))
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is a directory");
-            options->work->crew.walk().from(path);
+            if (!isInterrupted())
+                options->work->crew.walk().from(path);
         },
         [options](StubKind&, Report&) {
             if (!options->work)
                 return;
             options->work->crew.finish();
             options->work->shown.summarise("recalled");
+            if (isInterrupted())
+                throw Failure(QZHSM_FAILURE, "Interrupted: not all stubs were recalled");
         });
     CLI::Option* from = addText(verb, "--from", options->sources.from,
                                 "Take the data from this file, or - for standard input, not from a store");

@@ -9,13 +9,19 @@
 
 namespace {
 
-std::string name(const Json& percent) {
-    return percentBytes(percent.get<std::string>()).value_or("?");
+/// The answer of a service, in which texts are ASCII, as it was meant.
+Json decoded(Json json) {
+    for (Json& value : json)
+        if (value.is_structured())
+            value = decoded(std::move(value));
+        else if (value.is_string())
+            value = percentBytes(value.get<std::string>()).value_or("?");
+    return json;
 }
 
 void show(Report& report, const Json& status) {
     for (const Json& directory : status["serving"])
-        report.line("serving " + name(directory));
+        report.line("serving " + directory.get<std::string>());
     const auto count = [&](const char* what, const char* key) {
         char text[64];
         std::snprintf(text, sizeof text, "%-24s  %14llu", what, status[key].get<unsigned long long>());
@@ -28,13 +34,13 @@ void show(Report& report, const Json& status) {
     count("stubs recalled", "recalled");
     count("recalls that failed", "failed");
     count("bytes recalled", "bytes");
-    if (const std::string failure = name(status["lastFailure"]); !failure.empty())
+    if (const auto failure = status["lastFailure"].get<std::string>(); !failure.empty())
         report.line("last failure: " + failure);
     for (const Json& recall : status["running"])
-        report.line("recalling " + name(recall["path"]) + " for " + name(recall["cause"]) + ": " +
-                    sizeText(recall["bytes"].get<long long>()) + ", " +
-                    sizeText(static_cast<long long>(recall["bytesPerSecond"].get<double>())) + " a second, " +
-                    std::to_string(recall["waiting"].get<int>()) + " wait");
+        report.line("recalling " + recall["path"].get<std::string>() + " for " +
+                    recall["cause"].get<std::string>() + ": " + sizeText(recall["bytes"].get<long long>()) +
+                    ", " + sizeText(static_cast<long long>(recall["bytesPerSecond"].get<double>())) +
+                    " a second, " + std::to_string(recall["waiting"].get<int>()) + " wait");
 }
 
 } // namespace
@@ -49,12 +55,14 @@ void addServiceVerbs(CommandLine& line) {
                                       if (answers.empty())
                                           throw Failure(QZHSM_NOT_FOUND, "No recall service is running");
                                       for (const std::string& answer : answers) {
-                                          if (*metrics || report.isJson())
+                                          if (*metrics)
                                               report.raw(answer);
+                                          else if (report.isJson())
+                                              report.json(decoded(Json::parse(answer)));
                                           else
-                                              show(report, Json::parse(answer));
+                                              show(report, decoded(Json::parse(answer)));
                                       }
                                   });
     line.addJson(verb);
-    verb->add_flag("--metrics", *metrics, "Print the counts in Prometheus' text form");
+    verb->add_flag("--metrics", *metrics, "Print the counts in Prometheus' text form")->excludes("--json");
 }

@@ -27,7 +27,10 @@ void verifyStore(Store& store, bool quick, Observer& observer) {
         try {
             if (listed.leftSince)
                 return observer.skipped(name, "it has no record: a crash left it");
-            check(store, store.look(listed.object).value(), quick, observer);
+            const std::optional<ObjectRecord> record = store.look(listed.object);
+            if (!record)
+                return observer.skipped(name, "it was removed meanwhile");
+            check(store, *record, quick, observer);
             observer.done(name, "whole");
         } catch (const Failure& failure) {
             observer.failed(name, failure);
@@ -72,6 +75,9 @@ void addVerify(CommandLine& line) {
             Walk walk(*opened.shown, [&](const OpenFile& file) {
                 file.as([&] {
                     const FileLook look = kind.look(file);
+                    if (look.text.empty() && look.marked)
+                        throw Failure(QZHSM_FAILURE,
+                                      file.name() + " is " + nameOf(look.state) + ": it names no object");
                     if (look.text.empty())
                         return;
                     const StubMetadata metadata = readMetadata(file, look);
@@ -85,7 +91,7 @@ void addVerify(CommandLine& line) {
         [options](StubKind&, Report&) { options->opened.end("whole"); },
         [options](StubKind&, Report& report) {
             if (options->opened.store.empty())
-                throw Failure(QZHSM_FAILURE, "verify needs a path, or --store to look at all of its objects");
+                throw CLI::RequiredError("PATH, or --store to look at all objects of a store");
             options->opened.begin(report);
             verifyStore(*options->opened.opened, options->quick, *options->opened.shown);
             options->opened.end("whole");
@@ -195,8 +201,11 @@ void addAdopt(CommandLine& line) {
             Walk walk(*options->opened.shown, [&](const OpenFile& file) {
                 file.as([&] {
                     const FileLook look = kind.look(file);
+                    if (look.state == FileState::Plain)
+                        return options->opened.shown->skipped(file.name(), "it is no stub");
                     if (look.state != FileState::Stub)
-                        return;
+                        throw Failure(QZHSM_FAILURE,
+                                      "Not adopting " + file.name() + ": it is " + nameOf(look.state));
                     adopt(options->opened.find(readMetadata(file, look)), file, look, options->force);
                     options->opened.shown->done(file.name(), "adopted");
                 });

@@ -65,6 +65,9 @@ int runTool(int argc, char** argv) {
     try {
         commandLine.run(report);
         report.close();
+    } catch (const CLI::ParseError& error) { // a verb's own rule
+        report.note(error.what());
+        return kWrongUsage;
     } catch (const Failure& failure) {
         report.failure(failure);
     }

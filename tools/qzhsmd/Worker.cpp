@@ -1,6 +1,7 @@
 #include "tools/qzhsmd/Worker.h"
 
 #include "lowlevel/QZHSMLowLevelCtx.h"
+#include "service/ConfigCheck.h"
 #include "service/serve/ControlSocket.h"
 #include "service/serve/RecallRunner.h"
 
@@ -138,6 +139,8 @@ private:
             try {
                 m_service.setRules(ServeRules::read());
                 RecallService::log("the configuration was read again");
+                for (const std::string& warning : configWarnings())
+                    RecallService::log(warning);
             } catch (const Failure& failure) {
                 RecallService::log(failure.what());
             }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <iostream>
 #include <sched.h>
 #include <set>
@@ -114,8 +115,8 @@ void complain(const std::string& text) {
 
 void begin(Serving& serving) {
     allowManyDescriptors();
-    const UniqueFd tools = lockOutTools(serving.rules.runtimeDirectory);
     PreContentGroup group = openGroup();
+    const UniqueFd tools = lockOutTools(serving.rules.runtimeDirectory);
     std::set<dev_t> served;
     for (const std::string& directory : serving.directories)
         serveDirectory(directory, group, served, serving);
@@ -204,7 +205,17 @@ int run(int argc, char** argv) {
     app.add_option("DIR", serving.directories, "Directories whose file systems are served")
         ->required()
         ->option_text("...");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& call) {
+        return app.exit(call);
+    } catch (const CLI::ParseError& error) {
+        complain(error.what());
+        constexpr int kWrongUsage = 2;
+        return kWrongUsage;
+    }
+    for (std::string& directory : serving.directories) // whoever asks for the status may stand elsewhere
+        directory = std::filesystem::absolute(directory).lexically_normal();
     for (const std::string& warning : configWarnings())
         complain(warning);
     if (takesOver) {

@@ -46,7 +46,7 @@ same "$f" "$work/data"
 mkdir "$fs/names" && for ((i = 0; i < 10000; i++)); do
     printf -v bytes '\\x%02x' $((i % 255 + 1)) $((RANDOM % 255 + 1)) $((RANDOM % 255 + 1)) $((RANDOM % 255 + 1))
     LC_ALL=C printf -v name '%b' "${bytes//\\x2f/_}"
-    printf '%5000s' "$i" >"$fs/names/$name.$i"
+    printf '%9000s' "$i" >"$fs/names/$name.$i"
 done
 find "$fs/names" -type f -print0 | sort -z >"$work/names"
 [ "$(tr -dc '\0' <"$work/names" | wc -c)" = 10000 ] || fail "not every name is a file"
@@ -58,4 +58,37 @@ for paths in -0 "$fs/names"; do
     expect 0 '10000 recalled, 0 left alone, 0 failed' recall -j 2 $paths <"$work/names"
     [ "$(contents)" = "$before" ] || fail "not all came back: $paths"
 done
+# What its user does to a stub while it is recalled, or before the next recall, stays.
+rm -rf "${fs:?}"/* && fresh
+for act in 'echo mine >"$f"' 'printf mine | dd of="$f" bs=1 seek=1200000 conv=notrunc status=none'; do
+    expect 0 '^$' archive --store "$store" "$f"
+    feed
+    eval "$act"
+    before=$(sha256sum <"$f")
+    ended 1 'was changed while it was recalled'
+    [ "$before" = "$(sha256sum <"$f")" ] || fail "the recall went over: $act"
+    refused "$f" 'was changed since it was stubbed|is not a stub' recall "$f"
+    setfattr -x user.TSTUB "$f" 2>/dev/null
+    setfattr -x user.NkStubFile "$f" && fresh
+done
+expect 0 '^$' archive --store "$store" "$f"
+cp "$work/data" "$work/twin" && printf x | dd of="$work/twin" bs=1 seek=2000000 conv=notrunc status=none
+refused "$f" 'is not the data of the stub .*: the checksums differ' recall "$f" --from "$work/twin"
+feed && ended 137 '^$' KILL
+echo mine >"$f"
+refused "$f" 'header says 3000000 bytes, file has 5' repair "$f"
+refused "$f" 'header says 3000000 bytes, file has 5' recall "$f"
+expect 0 '^$|warning' recall --force "$f"
+touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f" && touch -d @1000 "$f" && expect 0 '^$' recall "$f"
+[ "$(stat -c %Y "$f")" = 1000 ] || fail "the time that a stub's user set is lost"
+ln "$f" "$fs/second" && expect 0 '1 archived' archive --store "$store" "$fs" && expect 0 '1 recalled, 1 left alone' recall "$fs"
+
+# A store is no data of its own, and no path is no directory.
+rm -rf "${fs:?}"/* && fresh
+expect 0 '^$' store create "$fs/store"
+expect 0 '^qzhsm: 1 archived, 1 left alone, 0 failed' archive --store "$fs/store" "$fs"
+expect 1 'lies in the store' archive --store "$fs/store" "$fs/store/tmp"
+expect 0 ' whole, 0 left alone, 0 failed|^$' verify --store "$fs/store"
+expect 1 'Failed to open "": No such file' archive --store "$store" ''
+
 finish

@@ -23,7 +23,7 @@ for type in tmpfs ramfs; do
     feed
     ended 137 '' KILL
     feed
-    expect 1 'Another recall of .* is under way \(code 3\)' recall "$f" --from "$work/data"
+    expect 1 'is locked, as by another recall or archiving of it \(code 3\)' recall "$f" --from "$work/data"
     ended 0 ''
     same "$f" "$work/data"
     expect 0 '^$' stub "$f" --meta m

@@ -46,6 +46,13 @@ expect 1 '^\{"files":20,"stubs":12,"misfits":14,' scan --json "$fs" "$fs"
 for case in whole:'qzhsm repair' emptied:'qzhsm repair' file:'is a stub already' lost:'nothing on it tells'; do
     refused "$fs/${case%%:*}" "${case#*:}" stub "$fs/${case%%:*}" --meta m
 done
+# What users write into a file on its way, or over a stub's text, does not make it a whole one.
+printf 'a line\n' >"$fs/emptied"
+printf 'over it' | dd of="$f" conv=notrunc status=none
+refused "$fs/emptied" 'somebody has written to it on its way to a stub' repair "$fs/emptied"
+refused "$f" 'marked and empty, and nothing on it tells where its data is' repair "$f"
+expect 1 'marked and empty: it names no object' verify "$f"
+
 # What could not be looked at is no plain file, and advice on it would be a guess.
 injected() { strace -qq -o /dev/null ${target:+-P "$target"} -e inject="$1" "$plain" "${@:2}"; }
 qzhsm=injected target=

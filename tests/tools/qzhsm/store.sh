@@ -58,4 +58,29 @@ expect 0 '^$' verify "$fs/one/file"
 rm "$fs/one/file"
 unneeded '^[0-9a-f-]{36} +3000000  .*fs/file$' --other-file-systems "$fs" --remove
 objects 0
+# A stub that has lost its text, or an object whose note gives way to one, is no sign that nobody needs it.
+rm -rf "$store" "${fs:?}"/* && expect 0 '^$' store create "$store" && fresh && expect 0 '^$' archive --store "$store" "$f"
+printf 'over it' | dd of="$f" conv=notrunc status=none
+sleep 1.1
+unneeded '0 removed, 1 left alone|^$' --remove "$fs"
+objects 1
+
+# What was restored from a backup has its data once it is confirmed, whatever its time.
+rm "$f" && fresh && setfattr -n security.capability -v 0x0100000200040000000000000000000000000000 "$f"
+expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' backup "$f" -o "$work/saved" && rm "$f"
+expect 0 '^$' restore-stub "$f" "$work/saved" && expect 0 '^$' adopt "$f"
+expect 0 '' adopt "$work/data" "$f"
+expect 0 '^$' recall "$f"
+same "$f" "$work/data"
+[ "$(stat -c %Y "$f")" = 1000000000 ] || fail "time of an adopted stub"
+
+# Capabilities that cannot be read are no missing ones, and those that a kill took come back.
+setfattr -n security.capability -v 0x0100000200040000000000000000000000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
+strace -qq -o /dev/null -e inject=getxattr:error=EIO:when=3 "$plain" recall "$f" &>/dev/null && fail "unread capabilities"
+strace -qq -o /dev/null -e inject=fsync:signal=KILL:when=2 "$plain" recall "$f" &>/dev/null
+expect 0 '"state":"half recalled"' info --json "$f"
+setfattr -x security.capability "$f" 2>/dev/null
+expect 0 '^$' recall "$f"
+getfattr --absolute-names -e hex -n security.capability "$f" | grep -q =0x01000002 || fail "capabilities are lost"
+
 finish

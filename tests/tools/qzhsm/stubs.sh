@@ -34,7 +34,8 @@ while cp "$work/part" "$fs/new"; mv -T "$fs/new" "$f"; ln -s victim "$fs/link"; 
 swap=$!
 # shellcheck disable=SC2016 # expanded later
 unchanged "$fs/victim" eval 'for ((run = 0; run < 40; run++)); do "$plain" stub "$f" --meta m &>/dev/null; done'
-kill $swap && wait $swap 2>/dev/null
+kill -STOP $swap && pkill -KILL -P $swap # else what it is just running makes its file after all
+kill -KILL $swap && wait $swap 2>/dev/null
 rm -f "$fs"/{victim,new,link}
 
 # No success before all is flushed.

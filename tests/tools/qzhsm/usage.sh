@@ -12,6 +12,6 @@ for verb in info stub backup restore-stub recall stat set-times watch unwatch wa
 done
 expect 0 "^no +(yes|no) +3000000 +[0-9]+ +plain +$work/data$" info "$work/data"
 printf '%s\0' "$work/data" "$work/missing" "$work/part" >"$work/paths"
-[ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | wc -l)" = 2 ] || fail "a missing path ended the list"
+[ "$("$qzhsm" stat -0 --json <"$work/paths" 2>/dev/null | grep -vc failed)" = 2 ] || fail "a missing path ended the list"
 "$qzhsm" info / >/dev/full 2>/dev/null && fail "a full standard output went unnoticed"
 finish
