@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
-/// An lstat that gives up. What the kernel has in its memory about a local file is answered at once. Any other
-/// call runs on a helper thread of the calling thread, started by the first one and reused from then on. A
-/// helper that hangs in a dead file system is replaced, and ends once its call returns.
+/// An lstat that gives up. What the kernel has in its memory about a local file is answered at once. Any
+/// other call runs on a helper thread of the calling thread, started by the first one and reused from then
+/// on. A helper that hangs in a dead file system is replaced, and ends once its call returns.
 class TimedStat {
 public:
     explicit TimedStat(int timeoutSeconds) : m_timeoutSeconds(timeoutSeconds) {}

@@ -98,6 +98,7 @@ CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std
         {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
     return verb->add_option("--older-than", seconds, help)
         ->transform(CLI::AsNumberWithUnit(units))
+        ->check(CLI::NonNegativeNumber)
         ->option_text("AGE");
 }
 

@@ -93,7 +93,9 @@ void addStub(CommandLine& line) {
             "What the stub says about the archived data; at most 4030 bytes, 2047 for the filter driver; for "
             "GlusterFS with \"versionGuid=\" and 32 hexadecimal digits")
         ->option_text("TEXT (required)")
-        ->required();
+        ->required()
+        ->check(
+            [](const std::string& text) { return std::string(text.empty() ? "it would lead nowhere" : ""); });
     verb->add_option(
             "--ref-time", options->rules.refTime,
             "The modification time that the file had when it was archived, in seconds since the epoch: "

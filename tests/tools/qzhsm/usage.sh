@@ -5,6 +5,9 @@
 expect 2 'frob' frobnicate
 expect 2 'meta' stub /tmp
 expect 2 'PATH' info
+expect 2 'PATH, or --store' verify
+expect 2 'meta: it would lead nowhere' stub "$work/data" --meta ''
+expect 2 'older-than' store gc --store "$work" --older-than -1d "$work"
 expect 1 'for Lustre only.*code 38' release /
 expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work/data" --meta m
 for verb in info stub backup restore-stub recall stat set-times watch unwatch watched resubmit release hsm-state scan; do
