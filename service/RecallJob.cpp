@@ -91,9 +91,10 @@ void RecallJob::tellLonger() {
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
+    if (m_kind.keepsTextInFile() && m_look.attributes) // to find the source can have taken its time
+        requireSame(m_look.st.st_size, m_look.st.st_mtim);
     // A file that was half recalled or half stubbed has times of that making. Without attributes it looks
     // like a stub.
-    requireSame(m_look.st.st_size, m_look.st.st_mtim);
     const std::optional<timespec> modified = m_source->modified();
     const timespec& found = m_look.st.st_mtim;
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
@@ -258,7 +259,9 @@ void RecallJob::leave() {
     else if (m_kept)
         dropKeptText(m_file);
     flushOne(flushable(), m_file.name());
-    m_observer.note(m_file.name() + ": left as it is");
+    m_observer.note(m_file.name() + (m_kept || !m_pageWritten
+                                         ? ": left as it is"
+                                         : ": left as it is; its stub text was: " + m_look.text));
 }
 
 // --- Pieces of the above ---

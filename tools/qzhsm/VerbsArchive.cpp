@@ -13,9 +13,9 @@ constexpr const char* kNullHelp = "List the files that were done, each name as i
 
 /// The work of one run, which begins with the first path.
 struct Archiving {
-    Archiving(const CommandLine& line, Report& report, const std::string& storeName,
-              const ArchiveRules& asked, const std::vector<std::string>& excluded, int count)
-        : shown(report), store(openStore(storeName)), rules(asked),
+    Archiving(const CommandLine& line, Report& report, const std::string& storeName, ArchiveRules asked,
+              const std::vector<std::string>& excluded, int count)
+        : shown(report), store(openStore(storeName)), rules(std::move(asked)),
           crew(line, shown, count, [this](StubKind& kind) {
               return std::make_unique<ArchiveWorker>(kind, *store, rules, seen, shown);
           }) {
