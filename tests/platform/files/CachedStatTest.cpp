@@ -23,7 +23,7 @@ TEST(CachedStat, AnswersAsLstatDoes) {
         ::chmod(fs->path("locked").c_str(), 0700);
         const bool same = inChild([&] {
             bool all = ::chdir(fs->dir().c_str()) == 0;
-            for (const uid_t user : {0, 65534}) {
+            for (const uid_t user : {0U, 65534U}) {
                 all &= ::setresuid(user, user, user) == 0;
                 for (const char* path :
                      {"",          ".",           "..",           "file",        "file/",   "holes",
