@@ -21,7 +21,7 @@ std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& lo
     if (!m_rules.keepData && !wouldFreeRoom(look.st))
         return "it would free no room";
     if (!m_seen.isNew(look.st))
-        return "it was met under another name";
+        return SeenFiles::kReason;
     return {};
 }
 

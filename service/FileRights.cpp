@@ -25,10 +25,9 @@ void putRightsBack(const OpenFile& file, const std::string& capabilities, const 
     if (now.st_uid != before.st_uid || now.st_gid != before.st_gid)
         return;
     // The mode first: to change it can take the capabilities.
-    const bool isOnlyLess =
-        (now.st_mode | kTaken) == (before.st_mode | kTaken) && (now.st_mode & ~before.st_mode) == 0;
-    if (::geteuid() != 0 && now.st_mode != before.st_mode && isOnlyLess &&
-        ::chmod(file.path().c_str(), before.st_mode & kPermissions) < 0)
+    const bool lacksThese =
+        now.st_mode != before.st_mode && before.st_mode == (now.st_mode | (before.st_mode & kTaken));
+    if (::geteuid() != 0 && lacksThese && ::chmod(file.path().c_str(), before.st_mode & kPermissions) < 0)
         throw systemFailure("Failed to put back the mode of ", file.name(), errno);
     if (!capabilities.empty() &&
         ::setxattr(file.path().c_str(), kCapabilities, capabilities.data(), capabilities.size(), 0) < 0)

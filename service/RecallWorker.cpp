@@ -13,16 +13,7 @@ void RecallWorker::take(OpenFile file) {
     const bool isNamed = file.isNamed();
     auto job = std::make_unique<RecallJob>(m_kind, std::move(file), m_force, m_observer);
     try {
-        job->file().as([&] {
-            try {
-                begin(job);
-            } catch (const Failure& failure) {
-                if (failure.code() != QZHSM_BUSY || m_batch.isEmpty())
-                    throw;
-                finish(); // the file may have been named twice
-                begin(job);
-            }
-        });
+        job->file().as([&] { beginOrFinish(job); });
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
@@ -36,10 +27,22 @@ void RecallWorker::take(OpenFile file) {
         finish();
 }
 
+/// A file that was named twice may be locked by this worker's own batch.
+void RecallWorker::beginOrFinish(std::unique_ptr<RecallJob>& job) {
+    try {
+        begin(job);
+    } catch (const Failure& failure) {
+        if (failure.code() != QZHSM_BUSY || m_batch.isEmpty())
+            throw;
+        finish();
+        begin(job);
+    }
+}
+
 void RecallWorker::begin(std::unique_ptr<RecallJob>& job) {
     const std::string& name = job->file().name();
     if (!m_seen.isNew(job->file().stat()))
-        return m_observer.skipped(name, "it was met under another name");
+        return m_observer.skipped(name, SeenFiles::kReason);
     if (job->isDone()) {
         flushOne(job->flushable(), name);
         return m_observer.done(name, "recalled before");

@@ -21,6 +21,7 @@ public:
 
 private:
     void begin(std::unique_ptr<RecallJob>& job);
+    void beginOrFinish(std::unique_ptr<RecallJob>& job);
 
     struct PutBack {
         void operator()(RecallJob& job, const Failure& failure) const { job.putBack(failure); }

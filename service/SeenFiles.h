@@ -8,6 +8,9 @@
 /// The files with several names that the workers of one run have met.
 class SeenFiles {
 public:
+    /// Why one that is not new is left alone.
+    static constexpr const char* kReason = "it was met under another name";
+
     /// True for the first time, and for a file with one name.
     bool isNew(const struct stat& st) {
         if (st.st_nlink < 2)

@@ -2,9 +2,11 @@
 
 #include "platform/logging/ProcessLog.h"
 #include "service/FileRights.h"
+#include "service/Flush.h"
 #include "service/Times.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
@@ -81,8 +83,12 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
     const StubMetadata metadata = readMetadata(file, look);
     ObjectRecord record = findObject(store, metadata, file, look);
     const FileOwner owner = FileOwner::of(file.fd(), file.name());
+    const auto takeTime = [&] { // a later one would pass for that of a change
+        putTimesBack(file, look.st.st_atim, timeOf(record.mtime));
+        flushOne(file.open(O_RDONLY).get(), file.name());
+    };
     if (record.isOf(owner))
-        return putTimesBack(file, look.st.st_atim, timeOf(record.mtime));
+        return takeTime();
     const std::string from =
         "Not adopting the stub " + file.name() + ": its data was taken from " + record.path;
     if (!owner.matches(owner))
@@ -97,5 +103,5 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
         throw Failure(QZHSM_FAILURE, from + ", and it is not yours alone");
     record.adopted.push_back(owner);
     store.replaceRecord(record);
-    putTimesBack(file, look.st.st_atim, timeOf(record.mtime)); // a later one would pass for that of a change
+    takeTime();
 }

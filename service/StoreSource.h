@@ -36,9 +36,9 @@ ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFi
                         const FileLook& look);
 
 /// Confirms that a stub which was moved, copied or restored from a backup may have the data of the object
-/// that it names, on the disk. It must belong to a user whose file the object was taken from, unless
-/// `ofAnyOwner`. Others than root may confirm their own stubs, if they have one name each. Throws for all
-/// else.
+/// that it names, and gives it the time of that data, both on the disk. It must belong to a user whose file
+/// the object was taken from, unless `ofAnyOwner`. Others than root may confirm their own stubs, if they have
+/// one name each. Throws for all else.
 void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner);
 
 /// What a stub's metadata says; throws if it names no object in a store.

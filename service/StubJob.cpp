@@ -8,9 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -27,16 +25,9 @@ StubJob::StubJob(StubKind& kind, OpenFile file)
 
 void StubJob::hold() {
     // A service that has just recalled the file may be at its last flush.
-    constexpr auto kPause = std::chrono::milliseconds(20);
-    for (int pauses = m_kind.announces() ? 50 : 0; !m_flushable.isOpen(); --pauses) {
-        try {
-            m_flushable = m_kind.hold(m_file);
-        } catch (const Failure& failure) {
-            if (failure.code() != QZHSM_BUSY || pauses <= 0)
-                throw;
-            std::this_thread::sleep_for(kPause);
-        }
-    }
+    constexpr int kPatience = 50;
+    m_flushable =
+        m_kind.waitForHold(m_file, [this](int pauses) { return m_kind.announces() && pauses < kPatience; });
     m_data = openData();
     requireClosed();
     if (m_look.attributes)
@@ -62,7 +53,7 @@ void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTim
 
 void StubJob::keep() {
     requireUnchanged(m_since);
-    m_isKept = true;
+    m_keepBegan = true;
     // One of both always names the object, whoever looks which are in use.
     keepText(m_text, m_look.st.st_size);
     if (m_isNoted)
@@ -92,7 +83,7 @@ void StubJob::end() {
 
 /// What is in a store need not be sent again.
 void StubJob::giveUp() {
-    if (!m_isKept || m_isMade)
+    if (!m_keepBegan || m_isMade)
         return;
     try {
         end();
@@ -117,14 +108,14 @@ void StubJob::keepText(std::string text, long long size) {
     if (!m_kind.keepsTextInFile() || m_text.empty())
         return;
     const KeptText kept{m_text, false, m_look.st.st_mtim};
-    m_textIsKept = ::keepText(m_file, kept);
-    if (!m_textIsKept && m_isNoted) { // there may be room for one of them
+    m_isKept = ::keepText(m_file, kept);
+    if (!m_isKept && m_isNoted) { // there may be room for one of them
         dropNotedObject(m_file);
-        m_textIsKept = ::keepText(m_file, kept);
+        m_isKept = ::keepText(m_file, kept);
     }
     if (!m_kind.announces())
         return;
-    if (!m_textIsKept) // the service could take it for a file that stays as it is
+    if (!m_isKept) // the service could take it for a file that stays as it is
         throw Failure(QZHSM_FAILURE,
                       "Not stubbing " + m_file.name() +
                           ": its attributes have no room for the stub text, and a recall service is at work");
@@ -154,7 +145,7 @@ void StubJob::make(const std::string& path, const std::function<int()>& act) {
             throw Failure(failure.code(),
                           m_file.name() +
                               " was emptied, and its stub text could not be written: " + failure.what(),
-                          m_textIsKept ? "\"qzhsm repair\" writes it." : "Its metadata was " + m_meta);
+                          m_isKept ? "\"qzhsm repair\" writes it." : "Its metadata was " + m_meta);
         }
     m_kind.afterStubbing(path);
 }

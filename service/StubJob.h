@@ -70,10 +70,10 @@ private:
     UniqueFd m_flushable;
     UniqueFd m_data;
     std::optional<ObjectId> m_object;
-    bool m_isNoted = false; ///< the file carries the object's name
-    bool m_isKept = false;
-    bool m_textIsKept = false; ///< there was room for it
-    bool m_isMade = false;     ///< it is a stub, or its data is gone
+    bool m_isNoted = false;   ///< the file carries the object's name
+    bool m_keepBegan = false; ///< there may be something to take back
+    bool m_isKept = false;    ///< the text, for which there was room
+    bool m_isMade = false;    ///< it is a stub, or its data is gone
     std::string m_meta;
     std::string m_text;
     std::string m_capabilities;

@@ -12,7 +12,7 @@ std::string StubWorker::reasonToSkip(const FileLook& look) {
     if (isPlain && !m_rules.force && !wouldFreeRoom(look.st))
         return "it would free no room";
     if (!m_seen.isNew(look.st))
-        return "it was met under another name";
+        return SeenFiles::kReason;
     return {};
 }
 

@@ -9,6 +9,8 @@
 #include <string_view>
 
 void Walk::from(const std::string& path) {
+    if (m_isToStop())
+        return;
     try {
         OpenFile file = OpenFile::named(path);
         const struct stat st = file.stat();
@@ -46,6 +48,8 @@ void Walk::directory(const OpenFile& directory, dev_t device) {
                 directory.name() + (directory.name().ends_with('/') ? "" : "/") + found->d_name;
             const bool worthOpening =
                 found->d_type == DT_REG || found->d_type == DT_DIR || found->d_type == DT_UNKNOWN;
+            if (m_isToStop())
+                return;
             if (worthOpening && !m_leaveOut(path, found->d_name))
                 entry(fd, found->d_name, path, device);
         }

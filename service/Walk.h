@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 /// Hands out every regular file at or below a path that somebody named, each opened once. Directories are
 /// entered by their own descriptors: no symbolic link is followed below the path, and no other file system is
@@ -23,6 +24,8 @@ public:
         m_leaveOut = std::move(leaveOut);
     }
 
+    /// Hands out nothing more once this answers true.
+    void stopWhen(std::function<bool()> isToStop) { m_isToStop = std::move(isToStop); }
     /// Enters no store, whose objects must stay what they are.
     void leaveOutStores() { m_entersStores = false; }
 
@@ -33,6 +36,7 @@ private:
     Observer& m_observer;
     Visit m_visit;
     bool m_entersStores = true;
+    std::function<bool()> m_isToStop = [] { return false; };
     size_t m_tree = 0; ///< the length of the path that was named
     std::function<bool(const std::string&, const std::string&)> m_leaveOut = [](const auto&, const auto&) {
         return false;

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <cstring>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -20,11 +20,12 @@ std::atomic<unsigned> timeoutSeconds{kDefaultTimeoutSeconds};
 
 void readArchiveTimeout() {
     NkRegKey key(true);
-    const char* timeout = key.open("Lustre", true) == 0 ? key.getValue("archiveTimeout") : nullptr;
+    const char* found = key.open("Lustre", true) == 0 ? key.getValue("archiveTimeout") : nullptr;
+    const std::string_view timeout = found ? found : "";
     unsigned seconds = 0;
-    const char* end = timeout ? timeout + std::strlen(timeout) : nullptr;
-    const auto [behind, err] = std::from_chars(timeout, end, seconds);
-    timeoutSeconds = timeout && err == std::errc() && behind == end ? seconds : kDefaultTimeoutSeconds;
+    const char* end = timeout.data() + timeout.size();
+    const auto [behind, err] = std::from_chars(timeout.data(), end, seconds);
+    timeoutSeconds = err == std::errc() && behind == end ? seconds : kDefaultTimeoutSeconds;
 }
 
 int archiveAndWait(const char* path, const char* requestData, std::string& errorText) {

@@ -14,8 +14,8 @@ public:
     /// the background, with its outputs open, delays the return. There is no time-out.
     ///
     /// The result is the command's exit status, or 128 plus the number of the signal that ended it. It is
-    /// negative if the command could not be run, with the reason in `err`: no shell, or a shell that reports
-    /// 126 or 127; so it is if part of its output is lost. If the status is lost, because this process
+    /// negative if the command could not be run (no shell, or a shell that reports 126 or 127) or part of its
+    /// output is lost, with the reason in `err`. If the status is lost, because this process
     /// ignores or reaps its children elsewhere, it is 255 for a command that wrote nothing to standard error,
     /// which must not be taken for one that was not run, and negative for any other, which may be one.
     ///

@@ -3,9 +3,11 @@
 #include "service/FileIo.h"
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <fcntl.h>
 #include <filesystem>
+#include <thread>
 #include <unistd.h>
 
 StubKind::~StubKind() = default;
@@ -80,6 +82,19 @@ void StubKind::requireRepair() const {
 }
 
 void StubKind::requireRecalling(const OpenFile&) const {}
+
+UniqueFd StubKind::waitForHold(const OpenFile& file, const std::function<bool(int)>& goesOn) {
+    constexpr auto kPause = std::chrono::milliseconds(20);
+    for (int pauses = 0;; ++pauses) {
+        try {
+            return hold(file);
+        } catch (const Failure& failure) {
+            if (failure.code() != QZHSM_BUSY || !goesOn(pauses))
+                throw;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
 
 UniqueFd StubKind::hold(const OpenFile& file) {
     // Not the file itself: to open it could be to recall it.

@@ -58,6 +58,9 @@ public:
     /// A descriptor to flush the file through: of the file, or of its directory if the file is not to be
     /// opened. While it is open no recall or stubbing of the file by others begins.
     virtual UniqueFd hold(const OpenFile& file);
+    /// The same, again and again for as long as somebody else holds it and `goesOn` answers true, which is
+    /// asked some fifty times a second with how often it was asked before.
+    UniqueFd waitForHold(const OpenFile& file, const std::function<bool(int)>& goesOn);
 
     /// Throws code 38 unless such files can be put into a store and recalled from it. Some back-ends move the
     /// data by themselves.

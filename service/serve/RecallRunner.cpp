@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <iterator>
 #include <new>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -165,19 +164,12 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
 /// Whoever archives or recalls the file by hand is waited for; but he may wait here himself, if this process
 /// took his access over from one that died.
 UniqueFd RecallRunner::waitForHold(ServedStub& stub, const OpenFile& file) {
-    constexpr auto kPause = std::chrono::milliseconds(20);
-    constexpr int kPatience = 50; // pauses
-    for (int pauses = 0;; ++pauses) {
+    constexpr int kPatience = 50;
+    return m_kind.waitForHold(file, [&](int pauses) {
         if (pauses == kPatience)
             m_service.refuseUnknown(stub);
-        try {
-            return m_kind.hold(file);
-        } catch (const Failure& failure) {
-            if (failure.code() != QZHSM_BUSY || m_service.isStopping())
-                throw;
-        }
-        std::this_thread::sleep_for(kPause);
-    }
+        return !m_service.isStopping();
+    });
 }
 
 /// What users did wins. True if the file is none to recall.

@@ -25,6 +25,11 @@ bool isInterrupted() {
     return noting && interrupted != 0;
 }
 
+void requireUninterrupted() {
+    if (isInterrupted())
+        throw Failure(QZHSM_FAILURE, "Interrupted: the files that follow were left as they are");
+}
+
 /// Writes to the list on standard output, unless that has failed before.
 template <class Write>
 void ShownWork::list(Write write) {

@@ -52,3 +52,5 @@ private:
 /// Whether SIGINT, SIGTERM or SIGHUP came since the first call. From then on they cut a waiting read short,
 /// and no longer end the process.
 bool isInterrupted();
+/// Throws if it was.
+void requireUninterrupted();

@@ -19,15 +19,14 @@ struct Archiving {
           crew(line, shown, count, [this](StubKind& kind) {
               return std::make_unique<ArchiveWorker>(kind, *store, rules, seen, shown);
           }) {
-        rules.isToStop = isInterrupted; // signals are noted from here on
-        isInterrupted();
+        rules.isToStop = isInterrupted;
+        crew.walk().stopWhen(isInterrupted);
         crew.walk().leaveOutStores();
         crew.walk().leaveOut([excluded](const std::string& path, const std::string& name) {
-            return isInterrupted() || std::ranges::any_of(excluded, [&](const std::string& glob) {
-                       return ::fnmatch(glob.c_str(),
-                                        glob.find('/') == std::string::npos ? name.c_str() : path.c_str(),
-                                        0) == 0;
-                   });
+            return std::ranges::any_of(excluded, [&](const std::string& glob) {
+                return ::fnmatch(glob.c_str(),
+                                 glob.find('/') == std::string::npos ? name.c_str() : path.c_str(), 0) == 0;
+            });
         });
     }
 
@@ -64,16 +63,14 @@ void addArchive(CommandLine& line) {
                 options->work = std::make_unique<Archiving>(line, report, options->store, rules,
                                                             options->excluded, options->workers);
             }
-            if (!isInterrupted())
-                options->work->crew.walk().from(path);
+            options->work->crew.walk().from(path);
         },
         [options](StubKind&, Report&) {
             if (!options->work)
                 return;
             options->work->crew.finish();
             options->work->shown.summarise(options->dryRun ? "to be archived" : "archived");
-            if (isInterrupted())
-                throw Failure(QZHSM_FAILURE, "Interrupted: not all files were archived");
+            requireUninterrupted();
         });
     addText(verb, "--store", options->store,
             "The store: the NAME of its section [Store/NAME], or its directory")

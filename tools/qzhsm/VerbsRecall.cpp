@@ -59,8 +59,7 @@ struct Recalling {
                   },
                   shown);
           }) {
-        isInterrupted(); // signals are noted from here on
-        crew.walk().leaveOut([](const auto&, const auto&) { return isInterrupted(); });
+        crew.walk().stopWhen(isInterrupted);
         if (!sources.fromDir.empty())
             sources.mirror.emplace(sources.fromDir);
         if (!sources.store.empty())
@@ -91,16 +90,14 @@ void addRecallVerb(CommandLine& line) {
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is one too many");
             if (!options->sources.from.empty() && S_ISDIR(statFollowing(path).st_mode))
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is a directory");
-            if (!isInterrupted())
-                options->work->crew.walk().from(path);
+            options->work->crew.walk().from(path);
         },
         [options](StubKind&, Report&) {
             if (!options->work)
                 return;
             options->work->crew.finish();
             options->work->shown.summarise("recalled");
-            if (isInterrupted())
-                throw Failure(QZHSM_FAILURE, "Interrupted: not all stubs were recalled");
+            requireUninterrupted();
         });
     CLI::Option* from = addText(verb, "--from", options->sources.from,
                                 "Take the data from this file, or - for standard input, not from a store");

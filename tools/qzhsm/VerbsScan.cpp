@@ -11,8 +11,7 @@ namespace {
 /// two, and a hole.
 bool mayBeCopy(const struct stat& st) {
     constexpr long long kMostBlocks = 4;
-    return allocatedBytes(st) <= (st.st_size + st.st_blksize - 1) / st.st_blksize * st.st_blksize &&
-           allocatedBytes(st) <= kMostBlocks * st.st_blksize;
+    return allocatedBytes(st) < st.st_size && allocatedBytes(st) <= kMostBlocks * st.st_blksize;
 }
 
 /// Counts files, and tells of those that do not fit.

@@ -25,6 +25,7 @@ public:
           }) {
         if (!options.archivedIn.empty()) {
             m_copies.emplace(options.archivedIn);
+            m_crew.walk().leaveOutStores();
             m_rules.copyOf = [this](const OpenFile& file) { return m_copies->counterpartOf(file); };
         } else if (!options.archived.empty()) {
             m_isOne = true;

@@ -47,6 +47,13 @@ void tellLackOfMemory() {
     std::set_terminate(endUnexpectedly);
 }
 
+int tellWrongUsage(const CLI::ParseError& error) {
+    Report report;
+    report.note(error.what());
+    report.note("see qzhsm --help, or qzhsm VERB --help");
+    return kWrongUsage;
+}
+
 int runTool(int argc, char** argv) {
     CommandLine commandLine;
     try {
@@ -55,9 +62,7 @@ int runTool(int argc, char** argv) {
         Report().raw(commandLine.answer(call));
         return 0;
     } catch (const CLI::ParseError& error) {
-        Report().note(error.what());
-        Report().note("see qzhsm --help, or qzhsm VERB --help");
-        return kWrongUsage;
+        return tellWrongUsage(error);
     }
     Report report(commandLine.form());
     for (const std::string& warning : configWarnings())
@@ -66,8 +71,7 @@ int runTool(int argc, char** argv) {
         commandLine.run(report);
         report.close();
     } catch (const CLI::ParseError& error) { // a verb's own rule
-        report.note(error.what());
-        return kWrongUsage;
+        return tellWrongUsage(error);
     } catch (const Failure& failure) {
         report.failure(failure);
     }

@@ -83,6 +83,26 @@ touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f" && touc
 [ "$(stat -c %Y "$f")" = 1000 ] || fail "the time that a stub's user set is lost"
 ln "$f" "$fs/second" && expect 0 '1 archived' archive --store "$store" "$fs" && expect 0 '1 recalled, 1 left alone' recall "$fs"
 
+# So does a change of mode or owner, and one of the same size, in the same second, just before the file becomes a stub.
+for act in 'chmod 600:0 600' 'chown 1:1 755'; do
+    rm -f "$fs"/* && fresh && chmod 4755 "$f" && expect 0 '^$' archive --store "$store" "$f"
+    feed
+    ${act%%:*} "$f"
+    ended 0 '^$'
+    [ "$(stat -c '%u %a' "$f")" = "${act#*:}" ] || fail "$act: $(stat -c '%u %a' "$f")"
+done
+rm "$f" && fresh && touch -d @1000000000.25 "$f"
+act() { printf new | dd of="$f" bs=1 seek=5000 conv=notrunc status=none && touch -d @1000000000.75 "$f" && cp "$f" "$work/changed"; }
+during '^getxattr(.*security.capability' getxattr:delay_enter=1000000:when=4 archive --store "$store" "$f" && fail "archived although it was changed"
+same "$f" "$work/changed"
+
+# A run that is interrupted leaves no part of an object, and does not go on.
+cp "$f" "$fs/second"
+act() { pkill -TERM -P $!; }
+during 'fgetxattr(' fgetxattr:delay_enter=1000000:when=1 archive --store "$store" "$fs" && fail "an interrupted run is no success"
+[ "$(grep -c interrupted "$work/said")" = 1 ] && grep -q 'Interrupted: the files' "$work/said" || fail "interrupted: $(<"$work/said")"
+expect 0 '^files +2$' scan "$fs" && expect 0 '^stubs +0$' scan "$fs"
+
 # A store is no data of its own, and no path is no directory.
 rm -rf "${fs:?}"/* && fresh
 expect 0 '^$' store create "$fs/store"

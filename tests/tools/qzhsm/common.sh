@@ -66,6 +66,16 @@ is_recalled() {
     same "$f" "$work/data"
     [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "recall: the time differs"
 }
+# during TEXT INJECTION ARG...: runs the tool, held up at a system call that names TEXT, and act() meanwhile; its status.
+during() {
+    : >"$work/calls"
+    # Leaks cannot be looked for beside strace.
+    ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 strace -qq -o "$work/calls" -e inject="$2" "$plain" "${@:3}" &>"$work/said" &
+    local traced=$!
+    until grep -q "$1" "$work/calls"; do kill -0 $traced || break; done
+    act
+    wait $traced
+}
 # feed: starts a recall of $f that reads what descriptor 9 writes. A pipe holds 64 KiB: once all of this is gone
 # the recall has written the second of two whole pieces, and waits for more of a third.
 feed() {

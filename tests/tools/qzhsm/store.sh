@@ -65,6 +65,13 @@ sleep 1.1
 unneeded '0 removed, 1 left alone|^$' --remove "$fs"
 objects 1
 
+rm "$f" && fresh && expect 0 '^$' archive --keep --store "$store" "$f"
+act() { unneeded '1 removed, 1 left alone' --remove "$fs" && objects 1; } # the lost stub's
+sleep 1.1
+during 'TSTUB", "QZHSM' setxattr:delay_enter=2000000:when=1 archive --store "$store" "$f" || fail "archive beside gc: $(<"$work/said")"
+expect 0 '^$' recall "$f"
+same "$f" "$work/data"
+
 # What was restored from a backup has its data once it is confirmed, whatever its time.
 rm "$f" && fresh && setfattr -n security.capability -v 0x0100000200040000000000000000000000000000 "$f"
 expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' backup "$f" -o "$work/saved" && rm "$f"
