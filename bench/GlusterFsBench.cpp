@@ -1,7 +1,7 @@
 #include "bench/Harness.h"
 #include "lowlevel/QZHSMLowLevelCtx.h"
-#include "lowlevel/glusterfs/CloudsyncAttributes.h"
 #include "platform/files/UniqueFd.h"
+#include "platform/stub/CloudsyncAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <cstring>

@@ -1,7 +1,8 @@
 #include "service/Failure.h"
 
+#include "platform/errors/ErrorText.h"
+
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 Failure::Failure(int code, const std::string& text, std::string advice)
@@ -12,8 +13,7 @@ Failure::Failure(const QZHSMLowLevel& backEnd) : Failure(backEnd.m_errorCode, ba
 Failure::~Failure() = default;
 
 Failure systemFailure(std::string_view phrase, std::string_view path, int err) {
-    return {err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE,
-            std::string(phrase).append(path).append(": ").append(std::generic_category().message(err))};
+    return {err == ENOENT ? QZHSM_NOT_FOUND : QZHSM_FAILURE, errnoText({phrase, path}, err)};
 }
 
 int checked(const QZHSMLowLevel& backEnd, int result) {

@@ -1,6 +1,6 @@
 #include "service/FileState.h"
 
-#include "lowlevel/driverless/StubMark.h"
+#include "platform/stub/StubMark.h"
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/StubData.h"

@@ -1,11 +1,11 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
 
-#include "lowlevel/driverless/StubMark.h"
 #include "lowlevel/internal/LastError.h"
 #include "lowlevel/internal/Times.h"
 #include "platform/files/NkACL.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/utf_files.h"
+#include "platform/stub/StubMark.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>

@@ -1,11 +1,11 @@
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 
-#include "lowlevel/glusterfs/CloudsyncAttributes.h"
 #include "lowlevel/internal/LastError.h"
 #include "platform/errors/ErrorText.h"
 #include "platform/errors/FXString.h"
 #include "platform/files/utf_files.h"
 #include "platform/logging/ProcessLog.h"
+#include "platform/stub/CloudsyncAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-#include "lowlevel/glusterfs/CloudsyncAttributes.h"
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
+#include "platform/stub/CloudsyncAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/kinds/Kinds.h"
 

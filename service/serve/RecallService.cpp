@@ -1,7 +1,7 @@
 #include "service/serve/RecallService.h"
 
-#include "lowlevel/driverless/StubMark.h"
 #include "platform/logging/ProcessLog.h"
+#include "platform/stub/StubMark.h"
 #include "service/StubData.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "lowlevel/driverless/StubMark.h"
+#include "platform/stub/StubMark.h"
 #include "platform/watch/PreContentGroup.h"
 #include "service/ConfigCheck.h"
 #include "service/FileIo.h"

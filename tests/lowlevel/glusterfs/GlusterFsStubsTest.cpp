@@ -1,6 +1,6 @@
-#include "lowlevel/glusterfs/CloudsyncAttributes.h"
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 #include "platform/errors/NkException.h"
+#include "platform/stub/CloudsyncAttributes.h"
 #include "tests/support/BackEndTest.h"
 
 #include <cerrno>

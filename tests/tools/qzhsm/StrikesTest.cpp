@@ -1,5 +1,5 @@
-#include "lowlevel/driverless/StubMark.h"
 #include "platform/files/UniqueFd.h"
+#include "platform/stub/StubMark.h"
 #include "tests/support/Strike.h"
 #include "tests/support/TestFs.h"
 
