@@ -34,16 +34,16 @@ FileSource::FileSource(std::string name, UniqueFd file, const struct stat& stub,
     refuseStubText(head);
 }
 
-std::vector<char> FileSource::next() {
+std::span<const char> FileSource::next() {
     const auto stopIfAsked = [this] {
         if (m_stop())
             throw Failure(QZHSM_FAILURE, "Recall interrupted");
     };
-    std::vector<char> piece = readUpTo(m_file.get(), kPiece, name(), stopIfAsked);
+    m_piece = readUpTo(m_file.get(), kPiece, name(), stopIfAsked);
     stopIfAsked();
     if (!std::exchange(m_begun, true))
-        refuseStubText(piece);
-    return piece;
+        refuseStubText(m_piece);
+    return m_piece;
 }
 
 void FileSource::refuseStubText(const std::vector<char>& head) const {

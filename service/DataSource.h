@@ -6,6 +6,7 @@
 #include <ctime>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,8 +32,8 @@ public:
     virtual std::string capabilities() const { return {}; }
     /// The object in a store that this is, if it is one.
     virtual std::optional<ObjectId> object() const { return {}; }
-    /// The next bytes, all of a piece but the last; none at the end. What is known to be wrong throws.
-    virtual std::vector<char> next() = 0;
+    /// The next bytes, valid until the next call; none at the end. What is known to be wrong throws.
+    virtual std::span<const char> next() = 0;
 
 private:
     std::string m_name;
@@ -46,7 +47,7 @@ public:
     FileSource(std::string name, UniqueFd file, const struct stat& stub, bool force, StopRequest stop);
 
     std::optional<long long> size() const override { return m_size; }
-    std::vector<char> next() override;
+    std::span<const char> next() override;
 
 private:
     void refuseStubText(const std::vector<char>& head) const;
@@ -55,5 +56,6 @@ private:
     bool m_force;
     StopRequest m_stop;
     std::optional<long long> m_size;
+    std::vector<char> m_piece;
     bool m_begun = false;
 };

@@ -115,7 +115,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
 
 void RecallJob::writeRest() {
     const size_t page = endOfPage(m_look.text);
-    std::vector<char> piece = m_source->next();
+    std::span<const char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireUntouched();
     m_written = m_kind.keepsTextInFile(); // to make a hole moves the time
@@ -158,13 +158,17 @@ void RecallJob::writePage() {
 
 void RecallJob::beginPieces() {
     m_total = m_look.recordedSize;
-    // A file that was emptied may lack its size; readers see it from the first piece on.
-    if (m_look.st.st_size < m_total && ::truncate(m_file.path().c_str(), m_total) < 0)
-        throw systemFailure("Failed to lengthen ", m_file.name(), errno);
+    // Readers see it from the first piece on. One that was emptied may lack its size, a small one is as long
+    // as its stub text.
+    if (m_look.st.st_size == m_total)
+        return;
+    m_written = m_pageWritten = true;
+    if (::truncate(m_file.path().c_str(), m_total) < 0)
+        throw systemFailure("Failed to give its length back to ", m_file.name(), errno);
 }
 
-void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
-    if (m_file.stat().st_size != std::max<long long>(m_look.st.st_size, m_total))
+void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
+    if (m_file.stat().st_size != m_total)
         throw Failure(QZHSM_BUSY, m_file.name() + " was truncated or extended while it was recalled");
     m_written = m_pageWritten = true;
     m_pinned = false; // to pin each piece's time would cost readers more; no writers come near
@@ -181,13 +185,13 @@ void RecallJob::writePiece(const std::vector<char>& bytes, long long offset) {
     m_observer.bytes(static_cast<long long>(bytes.size()));
 }
 
-void RecallJob::end() {
+void RecallJob::shorten() {
+    if (m_total < m_look.st.st_size && ::truncate(m_file.path().c_str(), m_total) < 0)
+        throw systemFailure("Failed to truncate ", m_file.name(), errno);
+}
+
+void RecallJob::endContent() {
     requireUntouched();
-    const bool shortens = m_total < m_look.st.st_size;
-    const auto shorten = [&] {
-        if (shortens && ::truncate(m_file.path().c_str(), m_total) < 0)
-            throw systemFailure("Failed to truncate ", m_file.name(), errno);
-    };
     if (!m_kind.shortensLast())
         shorten();
     // A file that was emptied, and not given its size again, does not reach to the end of a hole.
@@ -196,6 +200,12 @@ void RecallJob::end() {
         throw systemFailure("Failed to lengthen ", m_file.name(), errno);
     putRightsBack(m_file, m_capabilities, m_look.st);
     putTimesBack();
+    m_contentEnded = true;
+}
+
+void RecallJob::end() {
+    if (!m_contentEnded) // else readers may have set other times
+        endContent();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
         throw Failure(backEnd);
@@ -204,7 +214,7 @@ void RecallJob::end() {
         dropKeptText(m_file);
     if (m_look.attributes && m_source->object())
         noteObject(m_file, *m_source->object());
-    if (m_kind.shortensLast() && shortens) {
+    if (m_kind.shortensLast() && m_total < m_look.st.st_size) {
         shorten();
         putTimesBack();
     }

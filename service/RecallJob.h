@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 
 /// The recall of one stub, step by step. Between two steps everything is to be flushed; whatever ends the
 /// process in the meantime, the next recall ends well:
@@ -39,7 +40,10 @@ public:
     /// writers.
     bool isKept() const { return m_kept; }
     void beginPieces();
-    void writePiece(const std::vector<char>& bytes, long long offset);
+    void writePiece(std::span<const char> bytes, long long offset);
+    /// With all pieces there, what readers look at besides: length, rights, times. They may be let at the
+    /// file from now on. It is a stub until `end`, before which it is to be flushed.
+    void endContent();
 
     /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
     /// both.
@@ -56,6 +60,7 @@ private:
     void tellLonger();
     void requireSame(long long size, const timespec& modified);
     void requireUntouched();
+    void shorten();
     void pin();
     void leave();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
@@ -83,5 +88,6 @@ private:
     bool m_written = false;
     bool m_pageWritten = false;
     bool m_longerTold = false;
+    bool m_contentEnded = false;
     bool m_ended = false; ///< it is no stub any more
 };

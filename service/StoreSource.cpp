@@ -22,7 +22,7 @@ std::string StoreSource::capabilities() const {
     return m_record.capability;
 }
 
-std::vector<char> StoreSource::next() {
+std::span<const char> StoreSource::next() {
     if (m_stop())
         throw Failure(QZHSM_FAILURE, "Recall interrupted");
     if (!m_reader)
@@ -30,9 +30,10 @@ std::vector<char> StoreSource::next() {
     const std::optional<Piece> piece = m_reader->next();
     if (!piece)
         return {};
-    if (piece->bytes.empty())
-        return std::vector<char>(piece->part.length);
-    return {piece->bytes.begin(), piece->bytes.end()};
+    if (!piece->bytes.empty())
+        return piece->bytes;
+    m_zeros.resize(std::max(m_zeros.size(), piece->part.length));
+    return {m_zeros.data(), piece->part.length};
 }
 
 StubMetadata readMetadata(const OpenFile& file, const FileLook& look) {

@@ -16,7 +16,7 @@ public:
     std::optional<timespec> modified() const override;
     std::string capabilities() const override;
     std::optional<ObjectId> object() const override { return m_record.object; }
-    std::vector<char> next() override;
+    std::span<const char> next() override;
 
     std::uint64_t pieces() const { return m_record.checksums.pieces.size(); }
     /// The next bytes are those of this piece.
@@ -26,6 +26,7 @@ private:
     Store& m_store;
     ObjectRecord m_record;
     std::optional<VerifiedReader> m_reader;
+    std::vector<char> m_zeros; ///< what a hole is read as
     StopRequest m_stop;
 };
 

@@ -47,13 +47,17 @@ public:
             store, findRecord(store, metadata, m_job.file(), m_job.look()),
             [this] { return m_service.isStopping() && !m_service.isSeen(*m_stub); });
         m_source = source.get();
+        // The store looks for what comes first while the text that is kept goes to the disk.
+        m_service.begin(*m_stub, m_source->pieces(), kPieceSize);
+        m_next = m_service.wanted(*m_stub, 0).value_or(0);
+        m_source->goTo(m_next);
         m_begun = true;
         m_job.begin(std::move(source));
         flush(m_job);
-        if (m_job.isKept()) {
+        if (m_job.isKept())
             m_job.beginPieces();
-            m_service.begin(*m_stub, m_source->pieces(), kPieceSize);
-        }
+        else if (m_next != 0)
+            m_source->goTo(0);
         return true;
     }
 
@@ -62,6 +66,8 @@ public:
         if (m_job.isKept()) {
             if (bringPieces())
                 return true;
+            m_job.endContent();
+            m_service.settle(*m_stub);
         } else { // in an order that no kill can hurt
             m_job.writeRest();
             flush(m_job);
@@ -76,7 +82,7 @@ public:
 
     void giveUp(const Failure& failure) {
         // What readers may be looking at stays; the text that is kept leads on.
-        if (m_begun && !m_service.isSeen(*m_stub))
+        if (m_begun && m_service.takeBack(*m_stub))
             m_job.putBack(failure);
         m_service.fail(m_stub, failure);
     }
@@ -86,9 +92,9 @@ private:
         while (const std::optional<std::uint64_t> piece = m_service.wanted(*m_stub, m_next)) {
             if (m_service.isLessUrgent(*m_stub))
                 return true;
-            if (*piece != m_next || m_next == 0)
+            if (*piece != m_next)
                 m_source->goTo(*piece);
-            const std::vector<char> bytes = m_source->next();
+            const std::span<const char> bytes = m_source->next();
             m_job.writePiece(bytes, static_cast<long long>(*piece) * static_cast<long long>(kPieceSize));
             m_service.fill(*m_stub, *piece, bytes.size());
             m_next = *piece + 1;
@@ -101,7 +107,7 @@ private:
     LogObserver m_observer;
     RecallJob m_job;
     StoreSource* m_source = nullptr; ///< the job's
-    std::uint64_t m_next = 0;
+    std::uint64_t m_next = 0;        ///< piece, as the source is
     bool m_begun = false;
 };
 

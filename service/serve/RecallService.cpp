@@ -344,6 +344,11 @@ bool RecallService::isSeen(const ServedStub& stub) const {
     return stub.isSeen();
 }
 
+bool RecallService::takeBack(ServedStub& stub) {
+    const std::lock_guard lock(m_mutex);
+    return stub.takeBack();
+}
+
 void RecallService::done(const Stub& stub, bool wasRecalled) {
     const std::lock_guard lock(m_mutex);
     m_counts.recalled += wasRecalled;

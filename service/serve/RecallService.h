@@ -75,6 +75,8 @@ public:
     /// Has accesses that an earlier process had read fail: nobody knows whose they are.
     void refuseUnknown(ServedStub& stub);
     bool isSeen(const ServedStub& stub) const;
+    /// True if nobody has seen a part of the data. Then nobody will, and it may be taken out again.
+    bool takeBack(ServedStub& stub);
     bool isStopping() const { return m_stopping; }
     /// Ends the work on a stub: it is none any more, or all who wait for it get EIO.
     void done(const Stub& stub, bool wasRecalled);

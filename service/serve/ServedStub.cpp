@@ -15,7 +15,7 @@ void ServedStub::add(const HeldAccess& access, Need need) {
 
 void ServedStub::begin(std::uint64_t pieces, std::uint64_t pieceSize) {
     m_filled.assign(pieces, false);
-    m_missing = pieces;
+    m_begun = true;
     m_pieceSize = pieceSize;
 }
 
@@ -33,7 +33,7 @@ bool ServedStub::isThere(const HeldAccess& access) const {
 bool ServedStub::isMet(const Waiting& waiting) const {
     switch (waiting.need) {
     case Need::Range:
-        return m_missing == 0 || isThere(waiting.access);
+        return m_settled || isThere(waiting.access);
     case Need::Data:
         return m_settled;
     case Need::Ended:
@@ -84,13 +84,20 @@ std::optional<std::uint64_t> ServedStub::wanted(std::uint64_t after) const {
 void ServedStub::fill(std::uint64_t piece, std::uint64_t bytes) {
     m_bytes += bytes;
     m_filled[piece] = true;
-    --m_missing;
     answerMet();
 }
 
 void ServedStub::settle() {
     m_settled = true;
     answerMet();
+}
+
+bool ServedStub::takeBack() {
+    if (m_seen)
+        return false;
+    begin(m_filled.size(), m_pieceSize);
+    m_settled = false;
+    return true;
 }
 
 void ServedStub::answerMet() {
@@ -123,7 +130,7 @@ void ServedStub::denyUnknown(int err) {
 }
 
 bool ServedStub::isGivenUp() const {
-    return m_missing == UINT64_MAX && !m_waiting.empty() &&
-           std::ranges::all_of(m_waiting,
-                               [](const Waiting& waiting) { return waiting.need == Need::Truncate; });
+    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
+        return waiting.need == Need::Truncate;
+    });
 }

@@ -48,7 +48,7 @@ public:
     /// Asks for each access whose need is not clear what it is; nothing lets it go on.
     void reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf);
 
-    /// The recall has begun; so many pieces are missing, of `pieceSize` bytes each.
+    /// The recall has begun; so many pieces are to come, of `pieceSize` bytes each.
     void begin(std::uint64_t pieces, std::uint64_t pieceSize);
     /// A piece that is missing: one that somebody waits for, else the first from `after` on, else the first.
     /// Nothing if all are there.
@@ -68,6 +68,8 @@ public:
     size_t waiting() const { return m_waiting.size(); }
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
+    /// Unless somebody may, none of it counts as there any more.
+    bool takeBack();
     /// Whether somebody waits, all who do want to truncate the file, and nobody has begun to recall it.
     bool isGivenUp() const;
 
@@ -91,8 +93,8 @@ private:
     UniqueFd m_fd;
     std::vector<Waiting> m_waiting;
     std::vector<bool> m_filled;
-    std::uint64_t m_missing = UINT64_MAX; ///< pieces
     std::uint64_t m_pieceSize = 1;
+    bool m_begun = false;
     bool m_settled = false;
     bool m_seen = false;
 };

@@ -55,22 +55,37 @@ private:
 
 class FileReader : public ObjectReader {
 public:
-    FileReader(UniqueFd file, std::string name, std::uint64_t at)
-        : m_file(std::move(file)), m_name(std::move(name)), m_at(at) {}
+    FileReader(UniqueFd file, std::string name, const Extent& part)
+        : m_file(std::move(file)), m_name(std::move(name)), m_at(part.offset), m_end(part.end()) {
+        readAhead();
+    }
 
     void read(char* buffer, size_t size) override {
         const size_t got = readAt(m_file.get(), buffer, size, static_cast<off_t>(m_at), m_name);
         m_at += got;
         if (got < size)
             throw Failure(QZHSM_FAILURE, m_name + " ends at byte " + std::to_string(m_at));
+        if (m_at >= m_ahead)
+            readAhead();
     }
     void skip(std::uint64_t size) override { m_at += size; }
     void finish() override {}
 
 private:
+    /// Has the disk read a piece while the one before it is worked on.
+    void readAhead() {
+        m_ahead = std::min(m_at + kPieceSize, m_end);
+        if (m_at >= m_end) // a length of 0 would stand for all there is
+            return;
+        ::posix_fadvise(m_file.get(), static_cast<off_t>(m_at), static_cast<off_t>(m_ahead - m_at),
+                        POSIX_FADV_WILLNEED);
+    }
+
     UniqueFd m_file;
     std::string m_name;
     std::uint64_t m_at;
+    std::uint64_t m_end;
+    std::uint64_t m_ahead = 0; ///< what is before is asked for
 };
 
 UniqueFd openStoreDirectory(const std::string& directory) {
@@ -211,7 +226,7 @@ std::unique_ptr<ObjectReader> DirectoryStore::open(const ObjectRecord& record, c
         ::openat(m_root.get(), placed(objectFile(record.object)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!file.isOpen())
         throw systemFailure("Failed to open ", name, errno);
-    return std::make_unique<FileReader>(std::move(file), std::move(name), part.offset);
+    return std::make_unique<FileReader>(std::move(file), std::move(name), part);
 }
 
 bool DirectoryStore::takeBack(const ObjectId& object) {

@@ -73,4 +73,25 @@ TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
     EXPECT_EQ(stub.waiting(), 0U);
 }
 
+TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
+    stub.begin(2, kPiece);
+    stub.fill(0, kPiece);
+    EXPECT_TRUE(stub.takeBack());
+    const HeldAccess late = access();
+    stub.add(late, Need::Range);
+    EXPECT_TRUE(waits(late));
+    stub.fill(0, kPiece);
+    EXPECT_FALSE(waits(late));
+    EXPECT_FALSE(stub.takeBack()) << "somebody has seen it";
+}
+
+TEST_F(ServedStubTest, HasAnEmptyFileWaitForItsEnd) {
+    const HeldAccess range = access();
+    stub.add(range, Need::Range);
+    stub.begin(0, kPiece);
+    EXPECT_TRUE(waits(range)) << "its stub text is still there";
+    stub.settle();
+    EXPECT_FALSE(waits(range));
+}
+
 } // namespace

@@ -17,7 +17,7 @@ served=
 start() {
     "$service" "$fs" >"$work/out" 2>"$work/log" &
     served=$!
-    for ((i = 0; i < 100; i++)); do
+    for ((i = 0; i < 400; i++)); do
         grep -q "^qzhsmd: serving $fs$" "$work/out" && return
         sleep 0.05
     done
