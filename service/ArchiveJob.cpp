@@ -15,9 +15,21 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     try {
         prepare(StubMetadata(store, record).toText());
         setObject(record.object);
+        m_putInto = known ? nullptr : &store;
     } catch (...) {
         if (!known)
             store.remove(record.object);
         throw;
+    }
+}
+
+void ArchiveJob::giveUp() {
+    StubJob::giveUp();
+    if (!m_putInto || isMade())
+        return;
+    try {
+        if (notedObject(file()) != object())
+            m_putInto->remove(*object());
+    } catch (const Failure&) { // the one before is told
     }
 }

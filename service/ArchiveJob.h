@@ -14,4 +14,9 @@ public:
     void put(Store& store, const OnBytes& onBytes);
     /// The end for a file that keeps its data: it carries the object's name from now on.
     using StubJob::note;
+    /// An object that nothing names then leaves the store.
+    void giveUp();
+
+private:
+    Store* m_putInto = nullptr; ///< what this job has put there is to be removed from
 };

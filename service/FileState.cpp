@@ -4,6 +4,7 @@
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/StubData.h"
+#include "service/Times.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -68,6 +69,7 @@ struct Content {
     std::string text;        ///< the stub text at the beginning, if there is a valid one
     std::string beginning;   ///< up to a page, or up to the text's end if that is longer
     bool restIsHole = false; ///< behind `beginning`
+    bool hasHoles = false;
 
     /// Whether there is no data, or only what a torn write of stub text can leave.
     bool isEmpty() const { return restIsHole && (allZero(beginning) || beginning.starts_with("QZHSMSTUB ")); }
@@ -92,9 +94,12 @@ Content readContent(const OpenFile& file, const struct stat& st, bool attributes
                             static_cast<int>(meta.size()), true))
             content.text = content.beginning.substr(0, static_cast<size_t>(length));
     }
-    if (marked || !content.text.empty()) // else it does not count, and may be long
+    if (marked || !content.text.empty()) { // else it does not count, and may be long
         content.restIsHole =
             isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), st, attributes);
+        const off_t hole = ::lseek(fd.get(), 0, SEEK_HOLE);
+        content.hasHoles = hole >= 0 && hole < st.st_size;
+    }
     return content;
 }
 
@@ -149,14 +154,15 @@ FileState stateOf(FileLook& look, const Content& content) {
     }
     if (!look.attributes)
         return FileState::Plain;
-    const bool isHollow =
-        content.restIsHole && look.st.st_size > static_cast<off_t>(content.beginning.size());
-    if (!look.kept)
-        return content.isEmpty() || isHollow ? FileState::Lost : FileState::MarkedWhole;
+    if (!look.kept) // a file with holes may have been a stub, and may have been written to
+        return content.isEmpty() || content.hasHoles ? FileState::Lost : FileState::MarkedWhole;
     if (content.isBeginningOf(look.kept->text))
         return FileState::Emptied;
     // Who writes into a file that was emptied already must not pass for the data that was there before.
-    if (look.st.st_size < look.recordedSize || isHollow)
+    const bool isTouched = nanoseconds(look.st.st_mtim) != nanoseconds(look.kept->modified);
+    const bool isHollow =
+        content.restIsHole && look.st.st_size > static_cast<off_t>(content.beginning.size());
+    if (look.st.st_size < look.recordedSize || isHollow || (content.hasHoles && isTouched))
         return changed(look, "somebody has written to it on its way to a stub");
     return FileState::MarkedWhole;
 }

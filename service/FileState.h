@@ -17,7 +17,8 @@ enum class FileState {
                  ///< or somebody replaced a stub's content
     Emptied,     ///< emptied on the way to a stub; its text, or the end of it, is missing from the file, and
                  ///< is kept in the attribute
-    Lost,        ///< marked as a stub, empty or with a torn text, and nothing on it tells where the data is
+    Lost,        ///< marked as a stub, empty, with a torn text or with holes, and nothing on it tells where
+                 ///< the data is
     HalfRecalled, ///< a recall did not come to its end
     Leftover,     ///< a plain and whole file that still carries kept text
     HalfMarked,   ///< GlusterFS: carries one to four of a stub's five attributes

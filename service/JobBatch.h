@@ -4,6 +4,7 @@
 #include "service/Flush.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -17,15 +18,21 @@ template <class Job, class GiveUp>
 class JobBatch {
 public:
     explicit JobBatch(GiveUp giveUp) : m_giveUp(std::move(giveUp)) {
-        // Each file takes a few descriptors, for each of several workers.
         rlimit limit{};
         if (::getrlimit(RLIMIT_NOFILE, &limit) == 0)
-            m_most = std::clamp<size_t>(limit.rlim_cur / 64, 8, kMostFiles);
+            m_descriptors = limit.rlim_cur / 2;
+        ++s_batches;
     }
+    JobBatch(const JobBatch&) = delete;
+    JobBatch& operator=(const JobBatch&) = delete;
+    ~JobBatch() { --s_batches; }
 
-    /// To be brought to its end before more is taken: enough to share a flush, few enough to keep the
-    /// descriptors open.
-    bool isFull() const { return m_jobs.size() >= m_most || m_bytes >= kMostBytes; }
+    /// To be brought to its end before more is taken: enough to share a flush, few enough for all workers to
+    /// keep their descriptors open.
+    bool isFull() const {
+        const size_t most = std::min(m_descriptors / kDescriptors / s_batches.load(), kMostFiles);
+        return m_jobs.size() >= most || m_bytes >= kMostBytes;
+    }
     bool isEmpty() const { return m_jobs.empty(); }
 
     void add(std::unique_ptr<Job> job, long long bytes) {
@@ -77,10 +84,12 @@ public:
 
 private:
     static constexpr size_t kMostFiles = 1024;
+    static constexpr size_t kDescriptors = 4;        ///< for each file
+    static inline std::atomic<size_t> s_batches = 0; ///< of all workers
     static constexpr long long kMostBytes = 1LL << 30;
 
     GiveUp m_giveUp;
-    size_t m_most = 8;
+    size_t m_descriptors = 0; ///< for the batches of all workers
     std::vector<std::unique_ptr<Job>> m_jobs;
     long long m_bytes = 0;
 };

@@ -108,7 +108,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
         m_capabilities = m_source->capabilities();
     putTimesBack(); // who may not do that could not end the recall
     m_size = m_look.st.st_size;
-    m_pinned = m_kind.keepsTextInFile();
+    setTime(); // some file systems keep it less exactly
     if (m_kind.keepsTextInFile())
         m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
@@ -118,7 +118,7 @@ void RecallJob::writeRest() {
     std::span<const char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireUntouched();
-    m_written = m_kind.keepsTextInFile(); // to make a hole moves the time
+    m_written = m_isMoved = m_kind.keepsTextInFile(); // to make a hole moves the time
     punch(static_cast<long long>(page), m_kept);
     pin();
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
@@ -132,7 +132,7 @@ void RecallJob::writeRest() {
         const auto length = static_cast<long long>(piece.size());
         if (m_total + length > m_look.recordedSize && !m_source->size())
             tellLonger();
-        m_written = true;
+        m_written = m_isMoved = true;
         write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
         m_total += length;
         pin();
@@ -149,7 +149,7 @@ void RecallJob::writeRest() {
 
 void RecallJob::writePage() {
     requireUntouched();
-    m_written = m_pageWritten = true;
+    m_written = m_pageWritten = m_isMoved = true;
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
     file.write(m_page, 0);
     file.close();
@@ -162,16 +162,17 @@ void RecallJob::beginPieces() {
     // as its stub text.
     if (m_look.st.st_size == m_total)
         return;
-    m_written = m_pageWritten = true;
+    requireUntouched();
+    m_written = m_pageWritten = m_isMoved = true;
     if (::truncate(m_file.path().c_str(), m_total) < 0)
         throw systemFailure("Failed to give its length back to ", m_file.name(), errno);
+    m_size = m_total;
+    setTime();
 }
 
 void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
-    if (m_file.stat().st_size != m_total)
-        throw Failure(QZHSM_BUSY, m_file.name() + " was truncated or extended while it was recalled");
-    m_written = m_pageWritten = true;
-    m_pinned = false; // to pin each piece's time would cost readers more; no writers come near
+    requireUntouched(); // writers wait, but not those who had the file open before anybody was told to
+    m_written = m_pageWritten = m_isMoved = true;
     const size_t text = offset == 0 ? std::min(endOfPage(m_look.text), bytes.size()) : 0;
     m_skipsZeros = true;
     m_punchesZeros = m_look.state != FileState::Stub; // an earlier recall may have left data
@@ -180,18 +181,19 @@ void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
         file.write({bytes.data(), text}, 0);
     write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
     file.close();
+    setTime(); // to put back that of the data each time would cost readers more
     // The flush that follows has less to wait for.
     ::sync_file_range(m_flushable.get(), offset, static_cast<off_t>(bytes.size()), SYNC_FILE_RANGE_WRITE);
     m_observer.bytes(static_cast<long long>(bytes.size()));
 }
 
-void RecallJob::shorten() {
-    if (m_total < m_look.st.st_size && ::truncate(m_file.path().c_str(), m_total) < 0)
-        throw systemFailure("Failed to truncate ", m_file.name(), errno);
-}
-
-void RecallJob::endContent() {
+void RecallJob::end() {
     requireUntouched();
+    const bool shortens = m_total < m_look.st.st_size;
+    const auto shorten = [&] {
+        if (shortens && ::truncate(m_file.path().c_str(), m_total) < 0)
+            throw systemFailure("Failed to truncate ", m_file.name(), errno);
+    };
     if (!m_kind.shortensLast())
         shorten();
     // A file that was emptied, and not given its size again, does not reach to the end of a hole.
@@ -200,12 +202,8 @@ void RecallJob::endContent() {
         throw systemFailure("Failed to lengthen ", m_file.name(), errno);
     putRightsBack(m_file, m_capabilities, m_look.st);
     putTimesBack();
-    m_contentEnded = true;
-}
-
-void RecallJob::end() {
-    if (!m_contentEnded) // else readers may have set other times
-        endContent();
+    m_size = m_total;
+    setTime();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
         throw Failure(backEnd);
@@ -214,7 +212,7 @@ void RecallJob::end() {
         dropKeptText(m_file);
     if (m_look.attributes && m_source->object())
         noteObject(m_file, *m_source->object());
-    if (m_kind.shortensLast() && m_total < m_look.st.st_size) {
+    if (m_kind.shortensLast() && shortens) {
         shorten();
         putTimesBack();
     }
@@ -222,7 +220,7 @@ void RecallJob::end() {
 
 // --- The way back ---
 
-void RecallJob::putBack(const Failure& failure) {
+void RecallJob::putBack(const Failure& failure, bool isSeen) {
     const std::string& name = m_file.name();
     m_observer.failed(name, failure);
     if (m_ended) // all the data is there, and a stub in its place would carry no mark
@@ -233,8 +231,10 @@ void RecallJob::putBack(const Failure& failure) {
             return m_observer.note(name + ": no stub any more, left as it is");
         if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
             m_observer.failed(name, Failure(backEnd));
-        if (m_isChanged)
+        if (m_isChanged || (m_kind.keepsTextInFile() && !m_isMoved && !isSame(m_size, m_time)))
             return leave();
+        if (m_kept && (isSeen || m_look.kept)) // what an earlier recall has left may have been seen too
+            return m_observer.note(name + ": half recalled, to be recalled again");
         if (m_written && !m_kind.keepsTextInFile()) {
             putTimesBack();
             return m_observer.note(name + ": still a stub, to be recalled again");
@@ -264,7 +264,7 @@ void RecallJob::putBack(const Failure& failure) {
 /// What a user did to the file meanwhile stays. Nor does the next recall go on over it: the text that is kept
 /// is no longer that of a recall.
 void RecallJob::leave() {
-    if (m_kept && m_written)
+    if (m_kept && (m_written || m_look.kept))
         keepText(m_file, {m_look.text, false, timeOfData()});
     else if (m_kept)
         dropKeptText(m_file);
@@ -276,28 +276,40 @@ void RecallJob::leave() {
 
 // --- Pieces of the above ---
 
-void RecallJob::requireSame(long long size, const timespec& modified) {
+bool RecallJob::isSame(long long size, const timespec& modified) const {
     const struct stat now = m_file.stat();
-    m_isChanged = now.st_size != size || nanoseconds(now.st_mtim) != nanoseconds(modified);
+    return now.st_size == size && now.st_mtim.tv_sec == modified.tv_sec &&
+           now.st_mtim.tv_nsec == modified.tv_nsec;
+}
+
+void RecallJob::requireSame(long long size, const timespec& modified) {
+    m_isChanged = !isSame(size, modified);
     if (m_isChanged)
         throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was recalled");
 }
 
 /// Between two steps others may come near: another recall may have ended, or a user have written.
 void RecallJob::requireUntouched() {
-    if (m_pinned)
-        requireSame(m_size, timeOfData());
-    else if (!m_kind.keepsTextInFile() && !m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
+    if (m_kind.keepsTextInFile())
+        requireSame(m_size, m_time);
+    else if (!m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
         throw Failure(QZHSM_NOT_A_STUB, m_file.name() + " has ceased to be a stub");
 }
 
 /// Behind a write of ours: one of others' shows by its time then.
 void RecallJob::pin() {
-    if (!m_pinned)
+    if (!m_kind.keepsTextInFile())
         return;
     putTimesBack();
+    m_isMoved = false;
     if (m_total > m_size)
         m_size = m_file.stat().st_size;
+}
+
+/// The time that a step of ours has left.
+void RecallJob::setTime() {
+    m_time = m_file.stat().st_mtim;
+    m_isMoved = false;
 }
 
 /// Blocks of zeros stay the holes that they are.

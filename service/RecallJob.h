@@ -41,13 +41,11 @@ public:
     bool isKept() const { return m_kept; }
     void beginPieces();
     void writePiece(std::span<const char> bytes, long long offset);
-    /// With all pieces there, what readers look at besides: length, rights, times. They may be let at the
-    /// file from now on. It is a stub until `end`, before which it is to be flushed.
-    void endContent();
 
     /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
-    /// both.
-    void putBack(const Failure& failure);
+    /// both. If somebody may be looking at a part of the data, or an earlier recall has left some, that
+    /// stays, for the next recall.
+    void putBack(const Failure& failure, bool isSeen = false);
 
     const OpenFile& file() const { return m_file; }
     /// To be flushed after each step, by fsync(2), or syncfs(2) for several jobs of one file system.
@@ -58,10 +56,11 @@ private:
     void suspect(const std::string& text);
     void examineLength(long long total);
     void tellLonger();
+    bool isSame(long long size, const timespec& modified) const;
     void requireSame(long long size, const timespec& modified);
     void requireUntouched();
-    void shorten();
     void pin();
+    void setTime();
     void leave();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from, bool mayShorten);
@@ -80,7 +79,8 @@ private:
     std::string m_capabilities;
     long long m_total = 0;
     long long m_size = 0;      ///< that our steps have left
-    bool m_pinned = false;     ///< each step leaves the time of the data
+    timespec m_time{};         ///< likewise
+    bool m_isMoved = false;    ///< a step of ours has changed it, and not put it back
     bool m_isChanged = false;  ///< by somebody else, meanwhile
     bool m_kept = false;       ///< the text stands in the attribute
     bool m_skipsZeros = false; ///< what is not written is a hole already
@@ -88,6 +88,5 @@ private:
     bool m_written = false;
     bool m_pageWritten = false;
     bool m_longerTold = false;
-    bool m_contentEnded = false;
     bool m_ended = false; ///< it is no stub any more
 };

@@ -34,6 +34,7 @@ void RecallWorker::beginOrFinish(std::unique_ptr<RecallJob>& job) {
     } catch (const Failure& failure) {
         if (failure.code() != QZHSM_BUSY || m_batch.isEmpty())
             throw;
+        m_seen.forget(job->file().stat());
         finish();
         begin(job);
     }

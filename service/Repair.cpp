@@ -3,6 +3,10 @@
 #include "service/FileIo.h"
 #include "service/FileRights.h"
 #include "service/Flush.h"
+#include "service/stores/Content.h"
+#include "service/stores/StubMetadata.h"
+
+#include <fcntl.h>
 
 namespace {
 
@@ -23,6 +27,21 @@ void makeStub(StubKind& kind, const OpenFile& file, const FileLook& look, int fd
     kind.putBack(file.path(), {look.text.begin(), look.text.end()}, look.recordedSize);
     flushOne(fd, file.name());
     endStub(kind, file, look, fd);
+}
+
+/// Whether a recall that was cut off had written all. Then this may be the last copy.
+bool isWholeData(const OpenFile& file, const FileLook& look) {
+    const std::optional<StubMetadata> known = StubMetadata::fromText(look.meta);
+    if (!known || look.st.st_size != look.recordedSize)
+        return false;
+    const auto size = static_cast<std::uint64_t>(look.st.st_size);
+    return checksumsOf(file.open(O_RDONLY).get(), file.name(), size).whole == known->xxh128;
+}
+
+void endRecall(StubKind& kind, const OpenFile& file, const FileLook& look, int fd) {
+    flushOne(fd, file.name()); // before the mark goes
+    putTimesBack(file, look.st.st_atim, look.kept->modified);
+    endPlain(kind, file, look, fd);
 }
 
 } // namespace
@@ -53,8 +72,14 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
         wayOut = endPlain;
         outcome = "an ordinary file, whole";
         break;
-    case FileState::Emptied:
     case FileState::HalfRecalled:
+        if (isWholeData(file, look)) {
+            wayOut = endRecall;
+            outcome = "an ordinary file, whole";
+            break;
+        }
+        [[fallthrough]];
+    case FileState::Emptied:
         wayOut = makeStub;
         outcome = "a stub again, to be recalled";
         break;

@@ -19,6 +19,12 @@ public:
         return m_seen.emplace(st.st_dev, st.st_ino).second;
     }
 
+    /// It was not worked on after all, and somebody may come back to it.
+    void forget(const struct stat& st) {
+        const std::lock_guard lock(m_mutex);
+        m_seen.erase({st.st_dev, st.st_ino});
+    }
+
 private:
     std::mutex m_mutex;
     std::set<std::pair<dev_t, ino_t>> m_seen;

@@ -56,7 +56,16 @@ std::string StoreUse::reasonToKeep(const ObjectRecord& record, const FileIdentit
     UniqueFd fd = file.open(found->fd.get());
     if (!fd.isOpen())
         return errno == ESTALE ? "" : systemFailure("its file cannot be opened", "", errno).what();
-    const Named named = namedBy(OpenFile::of(std::move(fd), record.path));
+    const OpenFile opened = OpenFile::of(std::move(fd), record.path);
+    UniqueFd held;
+    try {
+        held = m_kind.hold(opened);
+    } catch (const Failure& failure) { // it names nothing until the data is in the store
+        if (failure.code() != QZHSM_BUSY)
+            throw;
+        return "somebody works on its file";
+    }
+    const Named named = namedBy(opened);
     if (named.hasLostIts)
         return "its file is marked as a stub, and nothing on it tells of which object";
     return std::ranges::find(named.objects, record.object) == named.objects.end() ? ""

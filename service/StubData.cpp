@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-bool beginsWithStubText(const std::vector<char>& bytes) {
+bool beginsWithStubText(std::span<const char> bytes) {
     const auto length = static_cast<std::ptrdiff_t>(std::min<size_t>(bytes.size(), kStubTextPrefix));
     const std::string text(bytes.begin(), bytes.begin() + length);
     return qzhsm_stub2meta(text.c_str(), nullptr, nullptr, nullptr, 0, true);

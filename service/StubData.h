@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -8,7 +9,7 @@
 constexpr const char* kStubTextAttribute = "user.TSTUB";
 
 /// Whether the bytes begin with valid stub text.
-bool beginsWithStubText(const std::vector<char>& bytes);
+bool beginsWithStubText(std::span<const char> bytes);
 
 /// What stub data says. Lengths are in bytes.
 struct StubFacts {

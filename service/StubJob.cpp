@@ -81,13 +81,15 @@ void StubJob::end() {
         dropKeptText(m_file);
 }
 
-/// What is in a store need not be sent again.
+/// What is in a store need not be sent again, if it is still the file's data.
 void StubJob::giveUp() {
     if (!m_keepBegan || m_isMade)
         return;
     try {
         end();
-        note();
+        const struct stat now = m_file.stat();
+        if (now.st_size == m_look.st.st_size && isSameTime(now.st_mtim, m_look.st.st_mtim))
+            note();
         flush();
     } catch (const Failure&) { // the one before is told
     }
@@ -124,12 +126,14 @@ void StubJob::keepText(std::string text, long long size) {
 
 void StubJob::make(const std::string& path, const std::function<int()>& act) {
     if (!m_kind.keepsTextInFile())
-        m_data = UniqueFd(); // Lustre releases nothing that is open
+        m_data = UniqueFd();             // Lustre releases nothing that is open
+    m_isMade = m_kind.keepsTextInFile(); // unless a look tells that it is not
     if (act() < 0) {
         const Failure failure = m_kind.lastFailure(path);
         if (!m_kind.keepsTextInFile())
             throw Failure(failure);
         if (!isEmptied()) {
+            m_isMade = false;
             // Refused, perhaps after the file was marked. It was no stub before, which was looked at; but a
             // mark that was there already is not ours.
             if (failure.code() != EEXIST)

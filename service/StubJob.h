@@ -47,6 +47,8 @@ protected:
     /// The object in a store that has the file's data, if one is known.
     const std::optional<ObjectId>& object() const { return m_object; }
     void setObject(const ObjectId& object) { m_object = object; }
+    /// Whether the data may be gone.
+    bool isMade() const { return m_isMade; }
     void note();
     /// Keeps the text that the stub of a file of `size` bytes is to have.
     void keepText(std::string text, long long size);
@@ -73,7 +75,7 @@ private:
     bool m_isNoted = false;   ///< the file carries the object's name
     bool m_keepBegan = false; ///< there may be something to take back
     bool m_isKept = false;    ///< the text, for which there was room
-    bool m_isMade = false;    ///< it is a stub, or its data is gone
+    bool m_isMade = false;    ///< it is a stub, or its data may be gone
     std::string m_meta;
     std::string m_text;
     std::string m_capabilities;

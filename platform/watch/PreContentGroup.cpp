@@ -46,9 +46,9 @@ int PreContentGroup::mark(const std::string& directory) {
                : errno;
 }
 
-int PreContentGroup::ignore(int fd) {
-    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | FAN_MARK_IGNORE_SURV | FAN_MARK_EVICTABLE, kEvents,
-                           fd, nullptr) == 0
+int PreContentGroup::ignore(int fd, bool untilWritten) {
+    const unsigned kind = untilWritten ? FAN_MARK_IGNORE : FAN_MARK_IGNORE_SURV;
+    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | kind | FAN_MARK_EVICTABLE, kEvents, fd, nullptr) == 0
                ? 0
                : errno;
 }

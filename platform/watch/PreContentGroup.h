@@ -37,9 +37,9 @@ public:
     /// EINVAL: this file system has no such events.
     int mark(const std::string& directory);
 
-    /// Opens and accesses of this file no longer wait, until `heed`, or until the kernel forgets its inode.
-    /// The descriptor must be open for reading.
-    int ignore(int fd);
+    /// Opens and accesses of this file no longer wait, until `heed`, until the kernel forgets its inode, or,
+    /// if `untilWritten`, until somebody writes to it. The descriptor must be open for reading.
+    int ignore(int fd, bool untilWritten = false);
     /// Ends `ignore`, if it was in force.
     int heed(int fd);
 

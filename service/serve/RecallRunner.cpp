@@ -66,24 +66,22 @@ public:
         if (m_job.isKept()) {
             if (bringPieces())
                 return true;
-            m_job.endContent();
-            m_service.settle(*m_stub);
         } else { // in an order that no kill can hurt
             m_job.writeRest();
             flush(m_job);
             m_job.writePage();
         }
         flush(m_job);
-        m_job.end();
+        m_job.end(); // which moves the change time: programs such as tar take that for a change of what they
+                     // read
         m_service.settle(*m_stub);
         flush(m_job);
         return false;
     }
 
     void giveUp(const Failure& failure) {
-        // What readers may be looking at stays; the text that is kept leads on.
-        if (m_begun && m_service.takeBack(*m_stub))
-            m_job.putBack(failure);
+        if (m_begun)
+            m_job.putBack(failure, !m_service.takeBack(*m_stub));
         m_service.fail(m_stub, failure);
     }
 

@@ -2,6 +2,7 @@
 
 #include "platform/logging/ProcessLog.h"
 #include "platform/stub/StubMark.h"
+#include "platform/stub/StubText.h"
 #include "service/StubData.h"
 
 #include <cerrno>
@@ -35,6 +36,12 @@ int carries(int fd, const char* name) {
     if (::fgetxattr(fd, name, nullptr, 0) >= 0)
         return 1;
     return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -1;
+}
+
+bool hasStubText(int fd) {
+    char head[kStubTextPrefix];
+    const ssize_t got = ::pread(fd, head, sizeof head, 0);
+    return got > 0 && beginsWithStubText({head, static_cast<size_t>(got)});
 }
 
 rlim_t mostDescriptors() {
@@ -204,8 +211,9 @@ void RecallService::handle(const HeldAccess& access) {
         return m_group.deny(access.fd, EIO);
     if (marked == 0 && !m_stubs.contains({st.st_dev, st.st_ino})) {
         // A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows.
-        if (carries(access.fd, kStubTextAttribute) == 0)
-            m_group.ignore(access.fd);
+        // One that is being made may be the copy of a stub, whose mark comes last.
+        if (carries(access.fd, kStubTextAttribute) == 0 && (st.st_blocks == 0 || !hasStubText(access.fd)))
+            m_group.ignore(access.fd, st.st_blocks == 0);
         return m_group.allow(access.fd);
     }
     handleStub(access, st);
@@ -336,7 +344,8 @@ void RecallService::refuseUnknown(ServedStub& stub) {
 bool RecallService::isGivenUp(ServedStub& stub) {
     const std::lock_guard lock(m_mutex);
     reconsider(stub);
-    return stub.isGivenUp();
+    // One who was killed while he waited has truncated nothing.
+    return stub.isGivenUp([this](const HeldAccess& access) { return needOf(access) == Need::Truncate; });
 }
 
 bool RecallService::isSeen(const ServedStub& stub) const {

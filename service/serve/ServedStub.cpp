@@ -129,8 +129,8 @@ void ServedStub::denyUnknown(int err) {
     });
 }
 
-bool ServedStub::isGivenUp() const {
-    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
-        return waiting.need == Need::Truncate;
+bool ServedStub::isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const {
+    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [&](const Waiting& waiting) {
+        return waiting.need == Need::Truncate && stillTruncates(waiting.access);
     });
 }

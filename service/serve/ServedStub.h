@@ -70,8 +70,9 @@ public:
     bool isSeen() const { return m_seen; }
     /// Unless somebody may, none of it counts as there any more.
     bool takeBack();
-    /// Whether somebody waits, all who do want to truncate the file, and nobody has begun to recall it.
-    bool isGivenUp() const;
+    /// Whether somebody waits, all who do want to truncate the file, by their need and by `stillTruncates`,
+    /// and nobody has begun to recall it.
+    bool isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const;
 
 private:
     struct Waiting {

@@ -33,6 +33,14 @@ std::uint64_t pieceChecksum(const char* bytes, size_t size) {
     return XXH3_64bits(bytes, size);
 }
 
+std::uint64_t zerosChecksum(size_t size) {
+    if (size == kPieceSize)
+        return zeroPieceChecksum();
+    ChecksumStream stream;
+    stream.addZeros(size);
+    return stream.finish().pieces.at(0);
+}
+
 void ChecksumStream::Free::operator()(XXH3_state_s* state) const {
     XXH3_freeState(state);
 }

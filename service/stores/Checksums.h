@@ -21,6 +21,8 @@ struct Checksums {
 
 /// The checksum of one piece.
 std::uint64_t pieceChecksum(const char* bytes, size_t size);
+/// That of a piece of so many zeros.
+std::uint64_t zerosChecksum(size_t size);
 
 /// Computes the checksums of a content that goes by.
 class ChecksumStream {

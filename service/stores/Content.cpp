@@ -11,6 +11,11 @@ namespace {
 
 constexpr std::uint64_t kHoleStep = 1UL << 30; // between two reports
 
+class NoSink : public ContentSink {
+    void data(std::uint64_t, const char*, size_t) override {}
+    void hole(const Extent&) override {}
+};
+
 [[noreturn]] void becameShorter(const ObjectRecord& record) {
     throw Failure(QZHSM_BUSY, record.path + " became shorter while it was read");
 }
@@ -83,4 +88,13 @@ void readContent(int fd, ObjectRecord& record, ContentSink& sink, const OnBytes&
         }
     }
     record.checksums = sums.finish();
+}
+
+Checksums checksumsOf(int fd, const std::string& name, std::uint64_t size) {
+    ObjectRecord record;
+    record.path = name;
+    record.size = size;
+    NoSink sink;
+    readContent(fd, record, sink, {});
+    return record.checksums;
 }

@@ -20,3 +20,6 @@ public:
 /// Reads the file up to `record.size`, hands its content on, and fills in the record's holes and checksums.
 /// A file that has become shorter is a `Failure` of code 3.
 void readContent(int fd, ObjectRecord& record, ContentSink& sink, const OnBytes& onBytes);
+
+/// The checksums of the file up to `size`; `name` is for failures.
+Checksums checksumsOf(int fd, const std::string& name, std::uint64_t size);

@@ -13,6 +13,11 @@ namespace {
                                      std::to_string(offset));
 }
 
+void requireSum(const Store& store, const ObjectRecord& record, std::uint64_t offset, std::uint64_t sum) {
+    if (sum != record.checksums.pieces[offset / kPieceSize])
+        damaged(store, record, offset);
+}
+
 } // namespace
 
 VerifiedReader::VerifiedReader(Store& store, const ObjectRecord& record, std::uint64_t first,
@@ -37,15 +42,14 @@ std::optional<Piece> VerifiedReader::next() {
     }
     Piece piece{{m_at, std::min(kPieceSize, m_end - m_at)}, {}};
     if (m_record.dataWithin(piece.part).empty()) {
+        requireSum(m_store, m_record, m_at, zerosChecksum(piece.part.length)); // a record may be damaged too
         m_reader->skip(piece.part.length);
     } else {
         if (!m_buffer) // which readers that wait for their turn do without
             m_buffer = std::make_unique_for_overwrite<char[]>(std::min(m_end - m_at, kPieceSize));
         piece.bytes = {m_buffer.get(), piece.part.length};
         m_reader->read(m_buffer.get(), piece.bytes.size());
-        if (pieceChecksum(piece.bytes.data(), piece.bytes.size()) !=
-            m_record.checksums.pieces[m_at / kPieceSize])
-            damaged(m_store, m_record, m_at);
+        requireSum(m_store, m_record, m_at, pieceChecksum(piece.bytes.data(), piece.bytes.size()));
     }
     m_at = piece.part.end();
     return piece;
@@ -70,6 +74,9 @@ void verifyObject(Store& store, const ObjectRecord& record, const OnBytes& onByt
         std::ranges::mismatch(pieces, record.checksums.pieces).in1; // of one length, as the sizes are
     if (different != pieces.end())
         damaged(store, record, static_cast<std::uint64_t>(different - pieces.begin()) * kPieceSize);
+    for (std::uint64_t at = 0; at < record.size; at += kPieceSize)
+        if (const Extent part{at, std::min(kPieceSize, record.size - at)}; record.dataWithin(part).empty())
+            requireSum(store, record, at, zerosChecksum(part.length));
     if (found.whole != record.checksums.whole)
         throw Failure(QZHSM_FAILURE, "Object " + std::string(record.object.text()) + " in store " +
                                          store.name() + " is damaged: wrong checksum of the whole");

@@ -58,17 +58,21 @@ TEST_F(ServedStubTest, AnswersEachWhenWhatItNeedsIsThere) {
 }
 
 TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
-    EXPECT_FALSE(stub.isGivenUp()) << "nobody waits";
+    const auto isGivenUp = [&](bool live = true) {
+        return stub.isGivenUp([live](const HeldAccess&) { return live; });
+    };
+    EXPECT_FALSE(isGivenUp()) << "nobody waits";
     stub.add(access(), Need::Truncate);
-    EXPECT_TRUE(stub.isGivenUp());
+    EXPECT_TRUE(isGivenUp());
+    EXPECT_FALSE(isGivenUp(false)) << "who was killed has truncated nothing";
     const HeldAccess unclear = access();
     stub.add(unclear, Need::Unclear);
-    EXPECT_FALSE(stub.isGivenUp());
+    EXPECT_FALSE(isGivenUp());
     stub.reconsider([](const HeldAccess&) { return std::nullopt; });
     EXPECT_FALSE(waits(unclear)) << "it need not wait";
-    EXPECT_TRUE(stub.isGivenUp());
+    EXPECT_TRUE(isGivenUp());
     stub.begin(1, kPiece);
-    EXPECT_FALSE(stub.isGivenUp()) << "it is being recalled";
+    EXPECT_FALSE(isGivenUp()) << "it is being recalled";
     stub.denyAll(5);
     EXPECT_EQ(stub.waiting(), 0U);
 }

@@ -96,8 +96,41 @@ act() { printf new | dd of="$f" bs=1 seek=5000 conv=notrunc status=none && touch
 during '^getxattr(.*security.capability' getxattr:delay_enter=1000000:when=4 archive --store "$store" "$f" && fail "archived although it was changed"
 same "$f" "$work/changed"
 
+# A recall that fails leaves what its user wrote in the meantime.
+rm "$f" && cat "$work/data" "$work/data" >"$f" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
+object=$("$plain" info "$f" | grep -oE 'object=[0-9a-f-]+')
+printf x | dd of="$(ls "$store"/??/"${object#*=}")" bs=1 seek=5000000 conv=notrunc status=none
+act() {
+    until [ "$(grep -c utimensat "$work/calls")" -ge 3 ]; do :; done
+    sleep 0.3
+    printf mine | dd of="$f" bs=1 seek=5500000 conv=notrunc status=none
+}
+during 'pread64(6' utimensat:delay_exit=1500000:when=3 recall "$f" && fail "recalled although it was changed"
+[ "$(tail -c +5500001 "$f" | head -c 4)" = mine ] || fail "a recall that failed went over it: $(<"$work/said")"
+
+# One that was cut off at its end is whole, and may be the last copy.
+rm "$f" && fresh && expect 0 '^$' archive --store "$store" "$f"
+{ strace -qq -o /dev/null -e inject=removexattr:signal=KILL:when=1 "$plain" recall "$f"; } &>/dev/null
+mv "$store" "$work/away"
+expect 1 '' recall "$f" && expect 0 '^$' repair "$f"
+mv "$work/away" "$store" && same "$f" "$work/data" && [ -z "$(getfattr -m NkStub -d "$f")" ] || fail "what repair made of a whole file"
+
+# What nothing names is not left in the store, and what no record can hold is not put there.
+before=$(ls "$store"/?? | wc -l)
+strace -qq -o /dev/null -e inject=setxattr:error=EPERM "$plain" archive --store "$store" "$f" &>/dev/null && fail "archived without attributes"
+touch -d 2300-01-01 "$f" && refused "$f" 'time that no record can hold' archive --store "$store" "$f"
+[ "$(ls "$store"/?? | wc -l)" = "$before" ] || fail "objects are left in the store"
+
+# Many workers do with few descriptors, and a name that was in the way is told whatever other names it has.
+rm -rf "${fs:?}"/* && fresh && expect 0 '^$' archive --store "$store" "$f" && ln "$f" "$fs/second"
+for ((i = 0; i < 100; i++)); do head -c 12000 "$work/data" >"$fs/n$i"; done
+(ulimit -n 100 && expect 0 '^qzhsm: 100 archived, 2' archive --store "$store" -j 16 "$fs"; exit $failures) || fail "few descriptors"
+exec 7<"$f" && flock -n 7
+expect 1 'is locked' recall "$fs"/n1 "$f" "$fs/second"
+exec 7<&-
+
 # A run that is interrupted leaves no part of an object, and does not go on.
-cp "$f" "$fs/second"
+rm -rf "${fs:?}"/* && fresh && cp "$f" "$fs/second"
 act() { pkill -TERM -P $!; }
 during 'fgetxattr(' fgetxattr:delay_enter=1000000:when=1 archive --store "$store" "$fs" && fail "an interrupted run is no success"
 [ "$(grep -c interrupted "$work/said")" = 1 ] && grep -q 'Interrupted: the files' "$work/said" || fail "interrupted: $(<"$work/said")"

@@ -52,6 +52,8 @@ printf 'over it' | dd of="$f" conv=notrunc status=none
 refused "$fs/emptied" 'somebody has written to it on its way to a stub' repair "$fs/emptied"
 refused "$f" 'marked and empty, and nothing on it tells where its data is' repair "$f"
 expect 1 'marked and empty: it names no object' verify "$f"
+cp "$work/data" "$fs/part" && "$qzhsm" stub "$fs/part" --meta m && head -c 8192 "$work/data" | dd of="$fs/part" conv=notrunc status=none
+refused "$fs/part" 'nothing on it tells where its data is' repair "$fs/part"
 
 # What could not be looked at is no plain file, and advice on it would be a guess.
 injected() { strace -qq -o /dev/null ${target:+-P "$target"} -e inject="$1" "$plain" "${@:2}"; }
@@ -65,6 +67,11 @@ expect 1 'Input/output error' fsync:error=EIO recall "$fs/leftover"
 target=$fs
 expect 1 'Failed to stat .*: Input/output error' newfstatat:error=EIO scan "$fs"
 qzhsm=$plain
+# A file that could not be looked at after it was emptied keeps its text.
+rm "$f" && fresh
+ASAN_OPTIONS=detect_leaks=0 strace -qq -o /dev/null -e inject=write:error=EIO:when=2 -e inject=getxattr:error=EIO:when=8+ "$plain" stub "$f" --meta tape=9 2>/dev/null &&
+    fail "a stub without text"
+expect 0 '^$' repair "$f" && expect 0 '"state":"stub","metadata":"tape=9"' info --json "$f"
 expect 1 'No such file or directory \(code 4\)' scan "$fs" "$fs/missing"
 expect 1 'watches nothing \(code 38\)' watch "$fs"
 expect 1 'watches nothing \(code 38\)' --fs HADOOP_FS unwatch "$fs"

@@ -72,6 +72,25 @@ during 'TSTUB", "QZHSM' setxattr:delay_enter=2000000:when=1 archive --store "$st
 expect 0 '^$' recall "$f"
 same "$f" "$work/data"
 
+# Nor is the object of a file that somebody works on: it names it nowhere for a moment.
+rm "$f" && fresh && expect 0 '^$' archive --keep --store "$store" "$f" && setfattr -x user.NkObject "$f"
+sleep 1.1
+exec 7<"$f" && flock -n 7 && unneeded '' --remove "$fs" && objects 1
+exec 7<&- && unneeded '' --remove "$fs" && objects 0
+
+# What a record calls a hole is compared as well.
+rm "$f" && truncate -s 4M "$f" && head -c 4M /dev/urandom >>"$f" && expect 0 '^$' archive --store "$store" "$f"
+sed -i 's/"holes":\[\[0,4194304\]\]/"holes":[[0,8388608]]/' "$store"/??/*.json
+refused "$f" 'is damaged' recall "$f" && expect 1 'is damaged' verify "$f"
+sed -i 's/"holes":\[\[0,8388608\]\]/"holes":[[0,4194304]]/' "$store"/??/*.json
+
+# A file system that keeps times less exactly takes the stub, and the data.
+truncate -s 64M "$work/old" && mkfs.ext4 -q -I 128 "$work/old" && mkdir "$work/coarse" && mount -o loop "$work/old" "$work/coarse"
+rm "$f" && cp "$work/data" "$f" && touch -d @1000000000.25 "$f" && expect 0 '^$' archive --store "$store" "$f" && cp -a "$f" "$work/coarse"
+expect 0 '^$' adopt "$work/coarse/file" && expect 0 '^$' recall "$work/coarse/file"
+same "$work/coarse/file" "$work/data"
+umount "$work/coarse"
+
 # What was restored from a backup has its data once it is confirmed, whatever its time.
 rm "$f" && fresh && setfattr -n security.capability -v 0x0100000200040000000000000000000000000000 "$f"
 expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' backup "$f" -o "$work/saved" && rm "$f"
