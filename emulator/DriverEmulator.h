@@ -51,6 +51,7 @@ struct Driver {
     bool loaded = true;  ///< or its device does not exist
     int fileInfo = 0;    ///< the state value that kStat and kStatByFid answer for any file
     int watchAnswer = 1; ///< what kIsWatch answers for a file system that is watched
+    bool faulty = false; ///< it answers metadata without an end, and more bytes written than there were
     int success = 0;     ///< what ioctl(2) returns for a success: the driver may answer more than 0
     std::map<unsigned, std::pair<int, int>> failures{}; ///< by request: the errno, and how often; see `fail`
     std::vector<Seen> seen{};                           ///< the first 4096 requests

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -112,6 +113,8 @@ int answerStat(Record& r, const File& file, std::string& said) {
     r.fileInfo = driver().fileInfo;
     file.meta().copy(r.meta, sizeof r.meta - 1);
     said += r.isStub ? std::string(" -> a stub, \"") + r.meta + "\"" : " -> no stub";
+    if (driver().faulty)
+        std::memset(r.meta, 'm', sizeof r.meta);
     return 0;
 }
 
@@ -171,7 +174,7 @@ int answer(TranWriteRecord& r, std::string& said) {
     const ssize_t written = ::write(r.fd, r.data, static_cast<size_t>(r.length));
     if (written < 0)
         return errno;
-    r.written = static_cast<int32_t>(written);
+    r.written = static_cast<int32_t>(written) + (driver().faulty ? 1 : 0);
     if (r.written != r.length)
         said += " -> " + bytes(r.written);
     return 0;

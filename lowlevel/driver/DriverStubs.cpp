@@ -2,6 +2,9 @@
 #include "lowlevel/internal/StubData.h"
 #include "platform/stub/StubText.h"
 
+#include <cerrno>
+#include <cstring>
+
 namespace {
 
 StatByFidRecord recordFor(unsigned long dev, const fsf_fid& fid) {
@@ -11,15 +14,20 @@ StatByFidRecord recordFor(unsigned long dev, const fsf_fid& fid) {
     return record;
 }
 
-/// Stores what the driver knows of a file; `stubData` only for a stub.
+/// Stores what the driver knows of a file; `stubData` only for a stub. 0, or -1 with the error set for an
+/// answer whose metadata has no end.
 template <class Record>
-void storeStubData(const Record& record, long long size, bool& isStub, std::vector<char>& stubData) {
+int storeStubData(QZHSMLowLevel& backEnd, const DriverOperation& operation, std::string_view path,
+                  const Record& record, long long size, bool& isStub, std::vector<char>& stubData) {
+    if (record.isStub != 0 && !std::memchr(record.meta, '\0', sizeof record.meta))
+        return failRequest(backEnd, operation, path, EBADMSG);
     isStub = record.isStub != 0;
     if (!isStub)
-        return;
+        return 0;
     const int length = qzhsm_meta2stub(record.meta, size, nullptr, 0);
     stubData.resize(static_cast<size_t>(length));
     qzhsm_meta2stub(record.meta, size, stubData.data(), length);
+    return 0;
 }
 
 } // namespace
@@ -51,8 +59,7 @@ int QZHSMLowLevelQZFS::getStubData(const char* path, bool& isStub, std::vector<c
     auto record = recordFor<StatRecord>(path);
     if (ask(QZHSM_STAT, record, path) < 0)
         return -1;
-    storeStubData(record, size, isStub, stubData);
-    return 0;
+    return storeStubData(*this, QZHSM_STAT, path, record, size, isStub, stubData);
 }
 
 int QZHSMLowLevelQZFS::getStubData(int, unsigned long dev, const fsf_fid& fid, bool& isStub,
@@ -60,8 +67,7 @@ int QZHSMLowLevelQZFS::getStubData(int, unsigned long dev, const fsf_fid& fid, b
     StatByFidRecord record = recordFor(dev, fid);
     if (ask(QZHSM_STAT_DATA_BY_FID, record, "") < 0)
         return -1;
-    storeStubData(record, size, isStub, stubData);
-    return 0;
+    return storeStubData(*this, QZHSM_STAT_DATA_BY_FID, "", record, size, isStub, stubData);
 }
 
 int QZHSMLowLevelQZFS::backupStub(const char* path, std::vector<char>& stubData) {

@@ -4,6 +4,7 @@
 #include "platform/errors/FXString.h"
 #include "platform/files/utf_files.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -102,6 +103,8 @@ int QZHSMLowLevelQZFS::writeFileTrans(const void* buf, int len, long long) {
     record.written = 0;
     if (askFurther(QZHSM_TRAN_WRITE, record, "") < 0)
         return -1;
+    if (record.written < 0 || record.written > len) // the journal would be told of bytes that are not there
+        return failRequest(*this, QZHSM_TRAN_WRITE, "", EBADMSG);
     trans_pos += record.written;
     if (trans_on_jrn)
         jrnTWrite(trans_dev, trans_fid, trans_pos - record.written, buf, record.written);

@@ -17,7 +17,17 @@
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r\v\f";
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr size_t kSectionMax = 49; ///< libinih cuts longer names
+
+/// A line without its indentation, with which it would continue a value, and without the marks that editors
+/// put before a text, of which libinih would skip the first and we would not know.
+std::string_view trimmed(std::string_view line) {
+    for (size_t skip = 1; skip > 0; line.remove_prefix(skip))
+        skip = line.starts_with(kByteOrderMark) ? kByteOrderMark.size()
+                                                : std::min(line.find_first_not_of(kBlanks), line.size());
+    return line;
+}
 
 /// One pass of libinih over the text, line by line. libinih tells only the first line that it cannot read,
 /// so such a line is replaced and the text is read again until all of it is accepted. No exception may pass
@@ -40,8 +50,7 @@ struct Pass {
 
     /// What libinih would misread in silence becomes what it reads right, or a line that it reports.
     static std::string_view readable(std::string_view line, size_t room) {
-        line.remove_prefix(
-            std::min(line.find_first_not_of(kBlanks), line.size())); // else it continues a value
+        line = trimmed(line);
         if (line.starts_with(';') || line.starts_with('#'))
             return "";
         const bool longSection = line.starts_with('[') && line.find(']') > 1 + kSectionMax;
@@ -63,8 +72,7 @@ struct Pass {
 
 /// A line that libinih accepts in place of one that it cannot read.
 const char* replacement(std::string_view line) {
-    const size_t start = line.find_first_not_of(kBlanks);
-    return start != std::string_view::npos && line[start] == '[' ? "[]" : "";
+    return trimmed(line).starts_with('[') ? "[]" : "";
 }
 
 } // namespace

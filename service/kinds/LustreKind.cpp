@@ -75,12 +75,11 @@ public:
         // The path may hold any word, and is no part of the state.
         if (state.starts_with(path))
             state.erase(0, path.size());
-        if (state.empty())
+        const size_t start = state.find_first_not_of(": \t\r\n\v\f");
+        if (start == std::string::npos)
             throw Failure(QZHSM_FAILURE, "lfs told no state of " + path,
                           "QZHSM_LOG_LEVEL=3 shows what it said.");
-        while (!state.empty() && std::isspace(static_cast<unsigned char>(state.back())))
-            state.pop_back();
-        return state;
+        return state.substr(start, state.find_last_not_of(" \t\r\n\v\f") + 1 - start);
     }
 
     void release(const std::string& path) override {
@@ -98,7 +97,7 @@ private:
     void requireReleased(const std::string& path) {
         const std::string state = hsmState(path);
         if (state.find(kReleased) == std::string::npos)
-            throw Failure(QZHSM_FAILURE, "Lustre did not release " + path + ", its state is" + state);
+            throw Failure(QZHSM_FAILURE, "Lustre did not release " + path + ", its state is: " + state);
     }
 
     QZHSMLowLevelLustre& m_lustre;

@@ -106,7 +106,7 @@ public:
 
     // --- What only Lustre's own HSM has; for any other kind code 38 ---
 
-    /// Lustre's state of a file as "lfs" tells it, without the path.
+    /// Lustre's state of a file as "lfs" tells it, without the path and the colon behind it; never empty.
     virtual std::string hsmState(const std::string& path);
     /// Has Lustre give the data of an archived file up.
     virtual void release(const std::string& path);

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <utility>
 
 namespace {
 
@@ -31,12 +32,12 @@ const Json& member(const Json& json, const char* key, bool (Json::*isOfKind)() c
 
 template <typename Number>
 Number number(const Json& json, const char* key) {
-    if constexpr (std::is_signed_v<Number>)
-        return member(json, key, &Json::is_number_integer).get<Number>();
-    const auto value = member(json, key, &Json::is_number_unsigned).get<std::uint64_t>();
-    if (value > std::numeric_limits<Number>::max())
+    const Json& value = member(json, key, &Json::is_number_integer);
+    const bool fits = value.is_number_unsigned() ? std::in_range<Number>(value.get<std::uint64_t>())
+                                                 : std::in_range<Number>(value.get<std::int64_t>());
+    if (!fits)
         wrong(std::string("no good \"") + key + '"');
-    return static_cast<Number>(value);
+    return value.get<Number>();
 }
 
 const std::string& text(const Json& json, const char* key) {

@@ -14,8 +14,8 @@ void addLustreVerbs(CommandLine& line) {
             statFollowing(path);
             const std::string state = kind.hsmState(path);
             if (report.isJson())
-                report.json({{"path", path}, {"state", state.substr(state.find_first_not_of(": "))}});
+                report.json({{"path", path}, {"state", state}});
             else
-                report.line(path + state);
+                report.line(path + ": " + state);
         }));
 }

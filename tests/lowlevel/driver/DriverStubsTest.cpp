@@ -61,6 +61,23 @@ TEST_F(DriverStubs, HandOutWhatTheDriverKnows) {
     EXPECT_EQ(said(m_driver.isStub(p)), "0 0 ") << "a file that is not the driver's";
 }
 
+TEST_F(DriverStubs, RefuseAnswersThatMakeNoSense) {
+    const std::vector<char> kept(3000, 'k');
+    std::vector<char> data = kept;
+    bool found = false;
+    ASSERT_EQ(said(stub()), "0 0 ");
+    ASSERT_EQ(said(m_driver.openFileTrans(m_file.get(), m_dev, m_fid)), "0 0 ");
+    emulator::driver().faulty = true;
+    EXPECT_EQ(said(m_driver.getStubData(p, found, data, 77)),
+              "-1 -1 QZHSM_STAT(" + m_path + ") failed: Bad message");
+    EXPECT_EQ(said(m_driver.getStubData(-1, m_dev, m_fid, found, data, 77)),
+              "-1 -1 QZHSM_STAT_BY_FID failed: Bad message");
+    EXPECT_EQ(said(m_driver.backupStub(p, data)), "-1 -1 " + m_path + " is not a stub");
+    EXPECT_FALSE(found);
+    EXPECT_TRUE(data == kept);
+    EXPECT_EQ(said(m_driver.writeFileTrans("x", 1, 0)), "-1 -1 QZHSM_TRAN_WRITE failed: Bad message");
+}
+
 TEST_F(DriverStubs, CutLongTextsAt2047Bytes) {
     const std::string longPath = m_fs.path(std::string(3000, 'p'));
     EXPECT_EQ(said(m_driver.isStub(longPath.c_str())),

@@ -47,6 +47,20 @@ TEST(ConfigFile, ReadsWhatItCanAndNamesWhatItCannot) {
     GetCapturedStderr();
 }
 
+TEST(ConfigFile, CutsNoSectionBehindAByteOrderMark) {
+    const std::string name(49, 's');
+    for (const char* mark : {"\xEF\xBB\xBF", " \xEF\xBB\xBF \xEF\xBB\xBF"}) {
+        const TestConfig config(mark + ("[" + name + "s]\nkey=3\n[Focus]\nkey=1\n") + mark +
+                                "[open\nkey=2\n");
+        CaptureStderr();
+        NkRegKey key(true);
+        EXPECT_EQ(key.open(name, true), -1);
+        EXPECT_EQ(key.open("Focus", true), 0);
+        EXPECT_STREQ(key.getValue("key"), "1") << "not that of the section that cannot be read";
+        GetCapturedStderr();
+    }
+}
+
 TEST(ConfigFile, AMissingFileIsEmptyAndAnUnreadableOneIsNot) {
     ::unsetenv("QZHSM_CONFIG");
     EXPECT_EQ(ConfigFile::path(), "/etc/qzhsm/qzhsm.conf");

@@ -197,6 +197,24 @@ TEST_F(Stores, AreToldFromOtherDirectories) {
     EXPECT_FAILURE(DirectoryStore(path("new")), "format that is not known");
 }
 
+TEST(ObjectRecord, RefusesNumbersThatItCannotHold) {
+    ObjectRecord record;
+    record.checksums.whole = std::string(32, 'a');
+    const std::string text = record.toText();
+    EXPECT_EQ(ObjectRecord::fromText(text).toText(), text);
+    for (const auto& [key, number] : {std::pair{"format", "4294967297"},
+                                      {"handleType", "4294967297"},
+                                      {"mtime", "9223372036854775808"},
+                                      {"mode", "-1"},
+                                      {"uid", "4294967296"},
+                                      {"size", "1.0"}}) {
+        std::string damaged = text;
+        const size_t at = damaged.find(std::string("\"") + key) + std::strlen(key) + 3;
+        damaged.replace(at, damaged.find_first_of(",}", at) - at, number);
+        EXPECT_FAILURE(ObjectRecord::fromText(damaged), std::string("no good \"") + key) << damaged;
+    }
+}
+
 TEST_F(Stores, TakeNoMoversWordForItsDeed) {
     const UniqueFd file = source();
     const struct {

@@ -13,6 +13,10 @@ refused "$f" 'Lustre did not release .*0x00000000' release "$f"
 becomes_stub tape=1
 comes_back
 expect 0 '^{"path":.*,"state":".*released' hsm-state --json "$f"
+printf '#!/bin/sh\necho "$2: "\n' >"$work/lfs" && chmod +x "$work/lfs"
+expect 1 'lfs told no state of' hsm-state --json "$f"
+rm "$work/lfs"
+expect 0 "^$f: \(0x0000000d\) released" hsm-state "$f"
 expect 0 '^$' release "$f"
 refused "$f" 'Nothing but Lustre recalls .*\(code 38\)' recall "$f" --from "$work/data"
 refused "$f" 'it carries stub text' restore-stub "$f" "$work/saved" --force
