@@ -1,3 +1,6 @@
+/// @file
+/// The interface, and what all back-ends share.
+
 #pragma once
 
 #include "platform/Export.h"
@@ -133,7 +136,9 @@ public:
     /// Writes all of `buf` to a descriptor, across interruptions by signals: `len`, or -1 with errno set.
     static int writeAll(int fd, const void* buf, int len);
 
-    /// The last failure. The text is for people, the code for programs.
+    /// The last failure, for programs: a code, which each operation tells; 0 after one that clears the error.
     int m_errorCode = QZHSM_SUCCESS;
+    /// The last failure, for people: UTF-8, as far as the paths in it are; empty after one that clears the
+    /// error.
     std::string m_errorText;
 };

@@ -119,13 +119,13 @@ public:
     int isJRNFS(unsigned long dev);
 
 protected:
-    UniqueFd trans_fd;
-    UniqueFd admin_fd;
-    int64_t trans_pos = 0;
-    bool trans_on_jrn = false;
-    uint64_t trans_dev = 0;
-    fsf_fid trans_fid{};
-    std::unique_ptr<FlrDriver> flr_driver;
+    UniqueFd trans_fd;                     ///< of the transparent session; closed if there is none
+    UniqueFd admin_fd;                     ///< of the administrative device; closed until it is needed
+    int64_t trans_pos = 0;                 ///< the session's position, in bytes
+    bool trans_on_jrn = false;             ///< whether its writes are told to the journal, about
+    uint64_t trans_dev = 0;                ///< the file system on this device
+    fsf_fid trans_fid{};                   ///< and the file of this identifier
+    std::unique_ptr<FlrDriver> flr_driver; ///< the journal's client; null if no journal is installed
 
 private:
     /// Clears the error and opens the device: false, with the error set, if that fails.

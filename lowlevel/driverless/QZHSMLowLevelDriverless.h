@@ -25,8 +25,11 @@ public:
     /// Does not close a file that is still open for transparent I/O.
     ~QZHSMLowLevelDriverless() override;
 
+    /// Enters archive-and-delete mode, for good. Before other threads use the object.
     void setArchiveAndDelete() { m_archiveAndDelete = true; }
+    /// Whether it is in archive-and-delete mode.
     bool isArchiveAndDelete() const { return m_archiveAndDelete; }
+    /// Whether file systems without attributes count as managed: the configuration's word.
     bool isArchiveNonExtData() const { return m_archiveNonExtData; }
 
     // --- Watching: nothing intercepts access here; the first three clear the error and answer 0 ---

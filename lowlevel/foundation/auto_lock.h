@@ -5,6 +5,7 @@
 /// Holds a lock within a scope, and releases only what it took. A null resource is never locked.
 class auto_lock {
 public:
+    /// Waits for the lock, unless told to leave that to `Lock`.
     explicit auto_lock(FXLockableResource* resource, bool lockNow = true) : m_resource(resource) {
         if (lockNow)
             Lock();
@@ -13,12 +14,14 @@ public:
     auto_lock& operator=(const auto_lock&) = delete;
     ~auto_lock() { Unlock(); }
 
+    /// Waits for the lock; does nothing if this object has taken it already.
     void Lock() {
         if (!m_resource || m_locked)
             return;
         m_resource->Lock();
         m_locked = true;
     }
+    /// Releases the lock if this object has taken it.
     void Unlock() {
         if (!m_resource || !m_locked)
             return;

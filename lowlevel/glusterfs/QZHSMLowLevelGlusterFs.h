@@ -1,3 +1,6 @@
+/// @file
+/// GlusterFS's back-end.
+
 #pragma once
 
 #include "lowlevel/QZHSMLowLevel.h"

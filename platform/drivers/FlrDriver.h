@@ -1,3 +1,6 @@
+/// @file
+/// The journal driver.
+
 #pragma once
 
 #include "platform/Export.h"
@@ -8,7 +11,7 @@
 
 /// The drivers' identifier of a file: opaque, always copied whole.
 struct fsf_fid {
-    uint64_t words[3];
+    uint64_t words[3]; ///< the drivers' to interpret
 };
 
 /// A client of the journal driver, which keeps a record of its own of what changes files. This one is for

@@ -8,18 +8,22 @@
 
 /// The place in the code that made an error.
 struct FXCodeLocation {
-    const char* function;
-    const char* file;
-    int line;
+    const char* function; ///< its signature
+    const char* file;     ///< the source file's name, without ending
+    int line;             ///< in that file
 };
 
 /// An error result: a code, 0 for success, and for errors the details behind it.
 class QZHSM_API CWbError {
 public:
+    /// No error: code 0.
     static CWbError Success() { return {0, nullptr}; }
+    /// An error, unless the code is 0.
     CWbError(int code, const FXCodeLocation& where, std::string text);
 
+    /// Whether the code is any but 0.
     bool IsError() const { return m_code != 0; }
+    /// The code, whose meaning is the maker's: an errno in those of `FXErrorUtil`.
     int GetCode() const { return m_code; }
     /// The error's text and the place where it was made; "Success" for a success.
     std::string AsString() const;
@@ -36,6 +40,7 @@ private:
     std::shared_ptr<const Details> m_details;
 };
 
+/// Makes errors.
 class QZHSM_API FXErrorUtil {
 public:
     /// An error with code `err` whose text is the formatted text, ": " and the system's text for `err`.

@@ -1,3 +1,6 @@
+/// @file
+/// The process's log.
+
 #pragma once
 
 #include "platform/Export.h"
@@ -9,9 +12,10 @@
 class QZHSM_API CLogWriterInterface {
 public:
     virtual ~CLogWriterInterface();
+    /// The highest level that is written. Asked before each line is put together, from any thread.
     virtual int GetLevel() const = 0;
-    /// `function` is the caller's full signature text and `line` its source line. The two integers behind
-    /// them are always 0. The format is printf's.
+    /// Writes one line, whatever its level; called from any thread. `function` is the caller's full signature
+    /// text and `line` its source line. The two integers behind them are always 0. The format is printf's.
     virtual void Write(int level, const char* function, int line, int, int, const char* format, ...)
         QZHSM_PRINTF(7, 8) = 0;
 };

@@ -8,14 +8,16 @@
 /// The mount table as it stood when the object was made; empty if it could not be read.
 class QZHSM_API QZHSMMntTab {
 public:
+    /// One mount. Texts are bytes as the kernel has them, in no encoding.
     struct Entry {
-        std::string device;
-        std::string mountDir;
-        unsigned char readOnly = 0;
-        std::string fsType;
-        std::string options;
+        std::string device;         ///< a block device's path, or whatever name the file system goes by
+        std::string mountDir;       ///< where it is mounted: an absolute path
+        unsigned char readOnly = 0; ///< 1 if it is, else 0
+        std::string fsType;         ///< such as "ext4"
+        std::string options;        ///< joined by commas
     };
 
+    /// Reads the table of this process's mount namespace.
     QZHSMMntTab();
 
     /// In mount order: of two entries with one directory the later hides the earlier.

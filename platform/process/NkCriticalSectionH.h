@@ -12,6 +12,7 @@ public:
         m_mutex.lock();
         return true;
     }
+    /// Undoes one `enter`. REQUIRES: the calling thread is inside.
     void leave() { m_mutex.unlock(); }
 
 private:

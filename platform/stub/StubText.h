@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+/// @file
 /// Stub text is what a stub's place on disk holds: a prefix of fixed width, then the metadata as it was
 /// given. The prefix is one line of 66 ASCII characters, numbers as lower-case hexadecimal digits:
 ///
@@ -13,6 +14,7 @@
 /// The CRCs are CRC-32; the prefix's covers all of the prefix but its own eight digits. Stub text holds no
 /// NUL and is at most 65,536 bytes long.
 
+/// The most bytes that stub text can have.
 constexpr int kStubTextMax = 65536;
 /// The prefix's length: what a look at a file's beginning takes.
 constexpr int kStubTextPrefix = 66;
@@ -37,17 +39,17 @@ QZHSM_API bool qzhsm_stub2meta(const char* stub, int* stubLen, long long* fileSi
 
 /// What metadata text says. Only the version GUID is read from text today.
 struct QZHSM_API ReparseData {
-    int32_t formatVersion = 1;
-    int64_t fileSize = 0;
-    int64_t accessTime = 0;
-    int64_t modificationTime = 0;
-    int64_t changeTime = 0;
-    int32_t copies = 1;
-    std::string versionGuid;
-    int64_t archiveId = 0;
-    std::string location;
-    int64_t extentOffset = 0;
-    int64_t extentLength = 0;
+    int32_t formatVersion = 1;    ///< not read
+    int64_t fileSize = 0;         ///< not read
+    int64_t accessTime = 0;       ///< not read
+    int64_t modificationTime = 0; ///< not read
+    int64_t changeTime = 0;       ///< not read
+    int32_t copies = 1;           ///< not read
+    std::string versionGuid;      ///< of the archived version, as the text has it, whatever its length
+    int64_t archiveId = 0;        ///< not read
+    std::string location;         ///< not read
+    int64_t extentOffset = 0;     ///< not read
+    int64_t extentLength = 0;     ///< not read
 };
 
 /// Reads metadata text, "key=value" fields joined by ";", into `out`. The field "versionGuid" is required,
