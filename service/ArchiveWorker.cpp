@@ -2,6 +2,16 @@
 
 #include "service/FileIo.h"
 
+std::string ArchiveRules::reasonToSkip(const struct stat& st) const {
+    if (modifiedBefore && st.st_mtime >= *modifiedBefore)
+        return "it was modified too lately";
+    if (st.st_size <= largerThan)
+        return "it is too small";
+    if (!keepData && !wouldFreeRoom(st))
+        return "it would free no room";
+    return {};
+}
+
 std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& look) {
     switch (look.state) {
     case FileState::Stub:
@@ -14,15 +24,10 @@ std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& lo
         throw Failure(QZHSM_FAILURE, file.name() + " is " + nameOf(look.state),
                       "\"qzhsm repair\" leads out of this state.");
     }
-    if (m_rules.modifiedBefore && look.st.st_mtime >= *m_rules.modifiedBefore)
-        return "it was modified too lately";
-    if (look.st.st_size <= m_rules.largerThan)
-        return "it is too small";
-    if (!m_rules.keepData && !wouldFreeRoom(look.st))
-        return "it would free no room";
-    if (!m_seen.isNew(look.st))
-        return SeenFiles::kReason;
-    return {};
+    std::string reason = m_rules.reasonToSkip(look.st);
+    if (reason.empty() && !m_seen.isNew(look.st))
+        reason = SeenFiles::kReason;
+    return reason;
 }
 
 /// Puts the file into the store, unless there is a reason to leave it alone.

@@ -14,6 +14,9 @@ struct ArchiveRules {
     bool keepData = false;                     ///< to the store only: no file becomes a stub
     bool dryRun = false;                       ///< nothing is done, only told
     std::function<bool()> isToStop{};          ///< asked while data is put
+
+    /// Why an ordinary file is left alone; empty for one to be archived.
+    std::string reasonToSkip(const struct stat& st) const;
 };
 
 /// Puts files into a store and turns them into stubs.

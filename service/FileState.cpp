@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/xattr.h>
@@ -23,7 +24,7 @@ constexpr long long kMostZeros = 1 << 20;
 
 void lookForMark(const OpenFile& file, FileLook& look) {
     char value[2];
-    const ssize_t got = ::getxattr(file.path().c_str(), kStubMark, value, sizeof value);
+    const ssize_t got = file.attribute(kStubMark, value, sizeof value);
     if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP && errno != ERANGE)
         throw systemFailure("Failed to read attribute user.NkStubFile of ", file.name(), errno);
     look.attributes = got >= 0 || errno != EOPNOTSUPP;
@@ -37,7 +38,8 @@ std::string bytesAt(int fd, const OpenFile& file, long long offset, size_t size)
 }
 
 bool allZero(std::string_view bytes) {
-    return std::ranges::all_of(bytes, [](char c) { return c == '\0'; });
+    return bytes.empty() ||
+           (bytes.front() == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 /// Whether nothing but zeros lies from `offset` on.
@@ -54,6 +56,8 @@ bool isHole(int fd, const OpenFile& file, long long offset, const struct stat& s
             return true;
         if (data < 0)
             throw systemFailure("Failed to look for data in ", file.name(), errno);
+        if (looked == 0 && size - data <= kMostZeros) // as in a stub, whose last byte is data
+            return allZero(bytesAt(fd, file, data, static_cast<size_t>(size - data)));
         const off_t hole = std::max<off_t>(::lseek(fd, data, SEEK_HOLE), data + 1);
         const long long length = std::min<long long>(hole, size) - data;
         looked += length;
@@ -81,14 +85,15 @@ struct Content {
 };
 
 Content readContent(const OpenFile& file, const struct stat& st, bool attributes, bool marked) {
-    const UniqueFd fd = file.open(O_RDONLY);
+    const UniqueFd opened = file.isReadable() ? UniqueFd() : file.open(O_RDONLY);
+    const int fd = file.isReadable() ? file.fd() : opened.get();
     Content content;
-    content.beginning = bytesAt(fd.get(), file, 0, kPage);
+    content.beginning = bytesAt(fd, file, 0, kPage);
     int length = 0;
     if (qzhsm_stub2meta(content.beginning.c_str(), &length, nullptr, nullptr, 0, true)) {
         if (static_cast<size_t>(length) > content.beginning.size())
-            content.beginning = bytesAt(fd.get(), file, 0, static_cast<size_t>(length));
-        std::vector<char> meta(kStubTextMax + 1);
+            content.beginning = bytesAt(fd, file, 0, static_cast<size_t>(length));
+        std::vector<char> meta(static_cast<size_t>(length) + 1); // longer than any metadata in it
         if (static_cast<size_t>(length) <= content.beginning.size() &&
             qzhsm_stub2meta(content.beginning.c_str(), nullptr, nullptr, meta.data(),
                             static_cast<int>(meta.size()), true))
@@ -96,8 +101,8 @@ Content readContent(const OpenFile& file, const struct stat& st, bool attributes
     }
     if (marked || !content.text.empty()) { // else it does not count, and may be long
         content.restIsHole =
-            isHole(fd.get(), file, static_cast<long long>(content.beginning.size()), st, attributes);
-        const off_t hole = ::lseek(fd.get(), 0, SEEK_HOLE);
+            isHole(fd, file, static_cast<long long>(content.beginning.size()), st, attributes);
+        const off_t hole = ::lseek(fd, 0, SEEK_HOLE);
         content.hasHoles = hole >= 0 && hole < st.st_size;
     }
     return content;
@@ -201,7 +206,7 @@ bool isOdd(FileState state) {
 
 FileLook lookAt(const OpenFile& file, bool inside) {
     FileLook look;
-    look.st = file.stat();
+    look.st = file.statOfLook();
     if (!S_ISREG(look.st.st_mode))
         return look;
     lookForMark(file, look);

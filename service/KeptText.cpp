@@ -44,11 +44,13 @@ std::optional<timespec> takePurpose(std::string& meta, std::string_view purpose)
 } // namespace
 
 std::optional<KeptText> readKeptText(const OpenFile& file) {
+    if (file.lacksKeptText())
+        return {};
     std::string value(1024, '\0');
-    ssize_t got = ::getxattr(file.path().c_str(), kAttribute, value.data(), value.size());
+    ssize_t got = file.attribute(kAttribute, value.data(), value.size());
     if (got < 0 && errno == ERANGE) {
         value.resize(kStubTextMax);
-        got = ::getxattr(file.path().c_str(), kAttribute, value.data(), value.size());
+        got = file.attribute(kAttribute, value.data(), value.size());
     }
     if (got < 0) {
         if (errno == ENODATA || errno == EOPNOTSUPP)

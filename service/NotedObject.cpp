@@ -13,7 +13,7 @@ constexpr const char* kAttribute = "user.NkObject";
 
 std::optional<ObjectId> notedObject(const OpenFile& file) {
     char text[64];
-    const ssize_t got = ::getxattr(file.path().c_str(), kAttribute, text, sizeof text);
+    const ssize_t got = file.attribute(kAttribute, text, sizeof text);
     if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP && errno != ERANGE)
         throw systemFailure("Failed to read attribute user.NkObject of ", file.name(), errno);
     return got < 0 ? std::nullopt : ObjectId::parse({text, static_cast<size_t>(got)});

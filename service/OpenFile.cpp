@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
@@ -94,6 +95,23 @@ OpenFile OpenFile::in(int directory, const char* entry, std::string shown, size_
     return file;
 }
 
+OpenFile OpenFile::readableIn(int directory, const char* entry, std::string shown, size_t tree) {
+    // Of what somebody may have put in the place of a regular file only a device would be woken, and those
+    // who may make one need not.
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    UniqueFd fd(::openat(directory, entry, kFlags | O_NOATIME));
+    if (!fd.isOpen() && errno == EPERM)
+        fd = UniqueFd(::openat(directory, entry, kFlags));
+    struct stat st {};
+    if (!fd.isOpen() || ::fstat(fd.get(), &st) < 0 || !S_ISREG(st.st_mode))
+        return in(directory, entry, std::move(shown), tree);
+    OpenFile file(std::move(fd), std::move(shown));
+    file.m_tree = tree;
+    file.m_readable = true;
+    file.m_opened = st;
+    return file;
+}
+
 struct stat OpenFile::stat() const {
     struct stat st {};
     if (::fstat(m_fd.get(), &st) < 0)
@@ -108,6 +126,11 @@ UniqueFd OpenFile::open(int flags) const {
     if (!fd.isOpen())
         throw systemFailure("Failed to open ", m_name, errno);
     return fd;
+}
+
+ssize_t OpenFile::attribute(const char* attribute, void* value, size_t size) const {
+    return m_readable ? ::fgetxattr(m_fd.get(), attribute, value, size)
+                      : ::getxattr(m_path.c_str(), attribute, value, size);
 }
 
 Failure OpenFile::renamed(const Failure& failure) const {

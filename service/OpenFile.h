@@ -22,11 +22,20 @@ public:
     /// are the path of a tree that somebody named.
     static OpenFile in(int directory, const char* entry, std::string shown, size_t tree = 0);
 
+    /// The same, and open for reading if it is a regular file that can be read at once: for whoever looks
+    /// into every file.
+    static OpenFile readableIn(int directory, const char* entry, std::string shown, size_t tree = 0);
+
     /// A file that is open for no access already.
     static OpenFile of(UniqueFd fd, std::string shown) { return {std::move(fd), std::move(shown)}; }
 
-    /// Of the file alone, open for no access: fit for fstat(2) and the *at calls.
+    /// Of the file alone: fit for fstat(2) and the *at calls, and for no other access unless it is readable.
     int fd() const { return m_fd.get(); }
+    bool isReadable() const { return m_readable; }
+
+    /// Whether its attributes, when it was found, had no kept text (KeptText.h) among them.
+    bool lacksKeptText() const { return m_lacksKeptText; }
+    void setLacksKeptText() { m_lacksKeptText = true; }
     /// What messages call the file.
     const std::string& name() const { return m_name; }
     /// A path that leads to this very file, for interfaces that take paths and follow links.
@@ -40,8 +49,14 @@ public:
 
     /// What the file is now.
     struct stat stat() const;
+    /// The same, or, if the file is readable, what it was when it was opened.
+    struct stat statOfLook() const {
+        return m_readable ? m_opened : stat();
+    }
     /// The file, opened with open(2)'s `flags`. Reading leaves the access time alone if the system allows.
     UniqueFd open(int flags) const;
+    /// getxattr(2) on the file.
+    ssize_t attribute(const char* attribute, void* value, size_t size) const;
 
     /// Runs `act`. A failure's text names the file as users know it.
     template <class Act>
@@ -62,4 +77,7 @@ private:
     std::string m_path;
     size_t m_tree = 0;
     bool m_named = false;
+    bool m_readable = false;
+    bool m_lacksKeptText = false;
+    struct stat m_opened {}; ///< if it is readable
 };

@@ -17,7 +17,7 @@ void RecallWorker::take(OpenFile file) {
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
-            m_observer.skipped(name, "it is no stub");
+            m_observer.skipped(name, kNoStub);
         else
             m_observer.failed(name, failure);
     } catch (const std::bad_alloc&) {

@@ -14,6 +14,9 @@ public:
     /// Where a stub's data lies. Throws if that cannot be told, or there is none for this stub.
     using FindSource = std::function<std::unique_ptr<DataSource>(const OpenFile&, const FileLook&)>;
 
+    /// Why an ordinary file below a directory is left alone.
+    static constexpr const char* kNoStub = "it is no stub";
+
     RecallWorker(StubKind& kind, bool force, SeenFiles& seen, FindSource findSource, Observer& observer);
 
     void take(OpenFile file) override;

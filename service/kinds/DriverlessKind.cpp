@@ -1,9 +1,12 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
+#include "platform/stub/StubMark.h"
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
+#include "service/Glance.h"
 #include "service/TransparentFile.h"
 #include "service/kinds/Kinds.h"
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -63,6 +66,24 @@ public:
     /// The back-end follows links, this one too, so no name is needed again.
     std::string pathOf(const OpenFile& file) const override { return file.path(); }
 
+    Glance glance(int directory, const char* name) override {
+        const EntryAttributes attributes(directory, name);
+        Glance glance;
+        if (!attributes.areKnown())
+            return glance;
+        glance.lacksKeptText = !attributes.contain(kStubTextAttribute);
+        if (!glance.lacksKeptText || attributes.contain(kStubMark))
+            return glance;
+        glance.plain = statReadable(directory, name);
+        if (!glance.plain || glance.plain->st_dev == m_withAttributes)
+            return glance;
+        if (hasUserAttributes(directory, name))
+            m_withAttributes = glance.plain->st_dev;
+        else
+            glance.plain.reset();
+        return glance;
+    }
+
     FileLook look(const OpenFile& file, bool inside) override { return lookAt(file, inside); }
 
     /// Two recalls at once would each take the other's first writes for the stub's.
@@ -101,6 +122,9 @@ public:
         file.close();
         return true;
     }
+
+private:
+    std::atomic<dev_t> m_withAttributes = 0; ///< the file system that was seen last to have some
 };
 
 } // namespace

@@ -7,9 +7,17 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
+
+/// What a glance tells; by default that only a look can tell.
+struct Glance {
+    /// The stat of what surely is an ordinary file, one that a look would find to be plain.
+    std::optional<struct stat> plain{};
+    bool lacksKeptText = false; ///< surely
+};
 
 /// What an HSM service has to know about one kind of stubs beyond the interface that all back-ends share:
 /// what to look at before and after a back-end acts, and how a recall deals with the file. The defaults suit
@@ -53,6 +61,9 @@ public:
     virtual bool keepsTextInFile() const;
     /// The path by which the back-end gets to this very file. Throws if the file has none any more.
     virtual std::string pathOf(const OpenFile& file) const;
+    /// What can be told of a directory's entry for less than a look costs, without opening it. Any thread may
+    /// ask, whoever uses the kind meanwhile.
+    virtual Glance glance(int directory, const char* name);
     /// What the file is. With `inside` the content of a file without a mark is looked at too.
     virtual FileLook look(const OpenFile& file, bool inside = false);
     /// A descriptor to flush the file through: of the file, or of its directory if the file is not to be

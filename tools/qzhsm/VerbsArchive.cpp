@@ -13,15 +13,21 @@ constexpr const char* kNullHelp = "List the files that were done, each name as i
 
 /// The work of one run, which begins with the first path.
 struct Archiving {
-    Archiving(const CommandLine& line, Report& report, const std::string& storeName, ArchiveRules asked,
-              const std::vector<std::string>& excluded, int count)
+    Archiving(const CommandLine& line, StubKind& kind, Report& report, const std::string& storeName,
+              ArchiveRules asked, const std::vector<std::string>& excluded, int count)
         : shown(report), store(openStore(storeName)), rules(std::move(asked)),
-          crew(line, shown, count, [this](StubKind& kind) {
-              return std::make_unique<ArchiveWorker>(kind, *store, rules, seen, shown);
+          crew(line, shown, count, [this](StubKind& own) {
+              return std::make_unique<ArchiveWorker>(own, *store, rules, seen, shown);
           }) {
         rules.isToStop = isInterrupted;
         crew.walk().stopWhen(isInterrupted);
         crew.walk().leaveOutStores();
+        crew.walk().glance(kind, [this](const Entry& entry, const struct stat& st) {
+            const std::string reason = rules.reasonToSkip(st);
+            if (!reason.empty())
+                shown.skipped(entry.path(), reason);
+            return !reason.empty();
+        });
         crew.walk().leaveOut([excluded](const std::string& path, const std::string& name) {
             return std::ranges::any_of(excluded, [&](const std::string& glob) {
                 return ::fnmatch(glob.c_str(),
@@ -60,7 +66,7 @@ void addArchive(CommandLine& line) {
                     rules.modifiedBefore = std::time(nullptr) - *options->olderThan;
                 rules.keepData = options->keep;
                 rules.dryRun = options->dryRun;
-                options->work = std::make_unique<Archiving>(line, report, options->store, rules,
+                options->work = std::make_unique<Archiving>(line, kind, report, options->store, rules,
                                                             options->excluded, options->workers);
             }
             options->work->crew.walk().from(path);
@@ -112,6 +118,7 @@ void addRepair(CommandLine& line) {
                         repair(kind, file, options->dryRun, *options->shown);
                 });
             });
+            walk.glance(kind, [](const Entry&, const struct stat&) { return true; });
             walk.from(path);
         },
         [options](StubKind&, Report&) {

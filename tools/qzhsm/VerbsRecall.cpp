@@ -50,16 +50,20 @@ struct Sources {
 };
 
 struct Recalling {
-    Recalling(const CommandLine& line, Report& report, Sources& sources, int count)
-        : shown(report), crew(line, shown, count, [this, &sources](StubKind& kind) {
+    Recalling(const CommandLine& line, StubKind& kind, Report& report, Sources& sources, int count)
+        : shown(report), crew(line, shown, count, [this, &sources](StubKind& own) {
               return std::make_unique<RecallWorker>(
-                  kind, sources.force, seen,
-                  [&sources, &kind](const OpenFile& file, const FileLook& look) {
-                      return sources.find(kind, file, look);
+                  own, sources.force, seen,
+                  [&sources, &own](const OpenFile& file, const FileLook& look) {
+                      return sources.find(own, file, look);
                   },
                   shown);
           }) {
         crew.walk().stopWhen(isInterrupted);
+        crew.walk().glance(kind, [this](const Entry& entry, const struct stat& st) {
+            shown.skipped(entry.path(), seen.isNew(st) ? RecallWorker::kNoStub : SeenFiles::kReason);
+            return true;
+        });
         if (!sources.fromDir.empty())
             sources.mirror.emplace(sources.fromDir);
         if (!sources.store.empty())
@@ -83,9 +87,10 @@ void addRecallVerb(CommandLine& line) {
     const auto options = std::make_shared<Options>();
     CLI::App* verb = line.addPathsVerb(
         "recall", "Give stubs their data back; directories with all that is below",
-        [options, &line](StubKind&, Report& report, const std::string& path) {
+        [options, &line](StubKind& kind, Report& report, const std::string& path) {
             if (!options->work)
-                options->work = std::make_unique<Recalling>(line, report, options->sources, options->workers);
+                options->work =
+                    std::make_unique<Recalling>(line, kind, report, options->sources, options->workers);
             if (!options->sources.from.empty() && !std::exchange(options->only, path).empty())
                 throw Failure(QZHSM_FAILURE, "--from has the data of one stub: " + path + " is one too many");
             if (!options->sources.from.empty() && S_ISDIR(statFollowing(path).st_mode))

@@ -86,6 +86,7 @@ void addVerify(CommandLine& line) {
                     opened.shown->done(file.name(), "whole");
                 });
             });
+            walk.glance(kind, [](const Entry&, const struct stat&) { return true; });
             walk.from(path);
         },
         [options](StubKind&, Report&) { options->opened.end("whole"); },
@@ -209,6 +210,10 @@ void addAdopt(CommandLine& line) {
                     adopt(options->opened.find(readMetadata(file, look)), file, look, options->force);
                     options->opened.shown->done(file.name(), "adopted");
                 });
+            });
+            walk.glance(kind, [&](const Entry& entry, const struct stat&) {
+                options->opened.shown->skipped(entry.path(), "it is no stub");
+                return true;
             });
             walk.from(path);
         },

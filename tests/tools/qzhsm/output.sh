@@ -34,6 +34,8 @@ lists recall -z -j 2 "$fs"
 exec 8> >(:) && wait $!
 "$qzhsm" info "$fs"/* 2>"$work/said" >&8
 [ $? -eq 1 ] && [ ! -s "$work/said" ] || fail "a closed pipe: $(head -1 "$work/said")"
+timeout 20 "$qzhsm" scan -j 4 "$fs" 2>"$work/said" >&8
+[ $? -eq 1 ] && [ ! -s "$work/said" ] || fail "a scan into a closed pipe: $(head -1 "$work/said")"
 "$qzhsm" archive --json --store "$store" "$fs" 2>"$work/said" >&8
 [ $? -eq 1 ] && grep -q '^qzhsm: 254 archived, 0 left alone, 0 failed' "$work/said" || fail "archiving into a closed pipe"
 exec 8>&-
@@ -42,7 +44,7 @@ rm "$fs"/* && fresh && cp "$f" "$fs/g"
 expect 0 '^qzhsm: 2 done, 0 left alone, 0 failed$' set-times --atime 5 --mtime 5 "$f" "$fs/g"
 [ -z "$("$qzhsm" set-times -q --atime 5 --mtime 5 "$f" "$fs/g" 2>&1)$("$qzhsm" scan -q "$fs")" ] || fail "not quiet"
 expect 1 '^qzhsm: 1 done, 0 left alone, 1 failed$' info "$f" "$fs/missing"
-slow="strace -qq -o /dev/null -e inject=getxattr:delay_enter=120000 '$plain'"
+slow="strace -qq -o /dev/null -e inject=getxattr,lgetxattr:delay_enter=120000 '$plain'"
 printf '%s\0' "$f" "$f" "$f" >"$work/list"
 for run in "info $f $f $f" "info -0 <$work/list" "scan $f $f $f"; do
     [[ $(script -qec "$slow $run" /dev/null) == *'2 of 3 files, 1 left'* ]] || fail "no progress: $run"

@@ -41,6 +41,13 @@ expect 0 'of 3000000 bytes: tape=1$' info "$f"
 expect 0 '"state":"half recalled","metadata":"tape=2","recorded":3000000,"kept":true}' info --json "$fs/half"
 expect 0 '^files +1$' scan "$f"
 expect 1 '^\{"files":20,"stubs":12,"misfits":14,' scan --json "$fs" "$fs"
+for ((i = 1; i < 40; i++)); do
+    deep=$fs/deep/$((i / 8))/$i
+    mkdir -p "$deep" && cp -a "$fs/lost" "$f" "$deep" && : >"$deep/empty"
+done
+expect 1 '^\{"files":127,"stubs":84,"misfits":46,' scan -j 3 --json "$fs"
+cmp -s <("$qzhsm" scan --json --stubs "$fs" 2>/dev/null | grep path | sort) <("$qzhsm" scan -j 3 --json --stubs "$fs" 2>/dev/null | grep path | sort) || fail 'scan -j'
+rm -r "$fs/deep"
 [ "$("$qzhsm" scan --stubs "$fs" 2>/dev/null | wc -l)" = 6 ] || fail "the list of stubs"
 
 for case in whole:'qzhsm repair' emptied:'qzhsm repair' file:'is a stub already' lost:'nothing on it tells'; do
@@ -59,7 +66,7 @@ refused "$fs/part" 'nothing on it tells where its data is' repair "$fs/part"
 injected() { strace -qq -o /dev/null ${target:+-P "$target"} -e inject="$1" "$plain" "${@:2}"; }
 qzhsm=injected target=
 expect 1 'attribute user.NkStubFile of .*: Input/output error' getxattr:error=EIO info "$f"
-expect 1 'attribute user.NkStubFile of .*: Input/output error' getxattr:error=EIO scan "$fs"
+expect 1 'attribute user.NkStubFile of .*: Input/output error' fgetxattr,lgetxattr:error=EIO scan "$fs"
 target=$f
 [ -z "$(injected openat:error=EIO stub "$f" --meta m 2>&1 | grep -E 'repair|setfattr')" ] || fail "advice without a look"
 target=$fs/leftover
