@@ -8,14 +8,13 @@ void addLustreVerbs(CommandLine& line) {
                           statFollowing(path);
                           kind.release(path);
                       });
-    line.addJson(line.addPathsVerb(
-        "hsm-state", "Show Lustre's state of files (Lustre only)",
-        [](StubKind& kind, Report& report, const std::string& path) {
-            statFollowing(path);
-            const std::string state = kind.hsmState(path);
-            if (report.isJson())
-                report.json({{"path", path}, {"state", state}});
-            else
-                report.line(path + ": " + state);
-        }));
+    line.addJson(line.addPathsVerb("hsm-state", "Show Lustre's state of files (Lustre only)",
+                                   [](StubKind& kind, Report& report, const std::string& path) {
+                                       statFollowing(path);
+                                       const std::string state = kind.hsmState(path);
+                                       if (report.isJson())
+                                           report.json({{"path", path}, {"state", state}});
+                                       else
+                                           report.line(path + ": " + state);
+                                   }));
 }

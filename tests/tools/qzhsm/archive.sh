@@ -72,7 +72,7 @@ for act in 'echo mine >"$f"' 'printf mine | dd of="$f" bs=1 seek=1200000 conv=no
     setfattr -x user.NkStubFile "$f" && fresh
 done
 expect 0 '^$' archive --store "$store" "$f"
-cp "$work/data" "$work/twin" && printf x | dd of="$work/twin" bs=1 seek=2000000 conv=notrunc status=none
+cp "$work/data" "$work/twin" && printf changed | dd of="$work/twin" bs=1 seek=2000000 conv=notrunc status=none
 refused "$f" 'is not the data of the stub .*: the checksums differ' recall "$f" --from "$work/twin"
 feed && ended 137 '^$' KILL
 echo mine >"$f"
@@ -99,7 +99,7 @@ same "$f" "$work/changed"
 # A recall that fails leaves what its user wrote in the meantime.
 rm "$f" && cat "$work/data" "$work/data" >"$f" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
 object=$("$plain" info "$f" | grep -oE 'object=[0-9a-f-]+')
-printf x | dd of="$(ls "$store"/??/"${object#*=}")" bs=1 seek=5000000 conv=notrunc status=none
+printf damaged | dd of="$(ls "$store"/??/"${object#*=}")" bs=1 seek=5000000 conv=notrunc status=none
 act() {
     until [ "$(grep -c utimensat "$work/calls")" -ge 3 ]; do :; done
     sleep 0.3

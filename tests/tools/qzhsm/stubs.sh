@@ -65,7 +65,7 @@ refused "$fs/tree/one" 'itself, and no copy' stub "$fs/tree/one" --meta m --arch
 rm "$fs/same"
 expect 1 'is one too many' stub "$fs/tree/one" "$fs/tree/below/two" --meta m --archived "$work/copies/one"
 expect 0 '^$' recall "$fs/tree/one" --from "$work/data" # the first of them
-printf x | dd of="$work/copies/below/two" bs=1 seek=2999999 conv=notrunc status=none
+printf changed | dd of="$work/copies/below/two" bs=1 seek=2999993 conv=notrunc status=none
 touch -r "$fs/tree/below/two" "$work/copies/below/two"
 refused "$fs/tree/below/two" 'its content differs' stub "$fs/tree" --meta m --archived-in "$work/copies"
 cp -p "$fs/tree/below/two" "$work/copies/below"

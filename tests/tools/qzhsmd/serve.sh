@@ -105,12 +105,17 @@ echo mine >"$fs/new"
 [ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated"
 truncate -s 1000 "$fs/cut" && cmp -s "$fs/cut" <(head -c 1000 "$work/data") || fail "a stub that was cut"
 
+# A stub that is copied to a served file system is one, and not yet whose data it names.
+cp "$work/data" "$work/elsewhere" && expect 0 '' archive --store "$store" "$work/elsewhere" && cp -a "$work/elsewhere" "$fs/copied"
+fails "$fs/copied" cat
+rm "$fs/copied"
+
 # What cannot be served is an I/O error, and stays a stub.
 mkdir "$work/away" && mv "$store"/?? "$work/away"
 fails "$fs/gone" cat
 mv "$work/away"/?? "$store"
 cmp -s "$fs/gone" "$work/data" || fail "the objects are there again"
-for object in "$store"/??/????????-*[0-9a-f]; do printf x | dd of="$object" bs=1 seek=2000000 conv=notrunc status=none; done
+for object in "$store"/??/????????-*[0-9a-f]; do printf damaged | dd of="$object" bs=1 seek=2000000 conv=notrunc status=none; done
 fails "$fs/torn" cat
 logged 'wrong checksum'
 stop
@@ -129,7 +134,31 @@ logged 'refused head'
 tail -c 1000 "$fs/range" | cmp -s - <(tail -c 1000 "$work/data") || fail "the tail of a range"
 cmp -s "$fs/range" "$work/data" || fail "the whole behind a range"
 is_plain "$fs/range"
+
+# What was brought before something failed is gone on with, not forgotten: it was seen, and what is missing is no zeros.
 stop
+for name in old seen; do for _ in 1 2 3; do cat "$work/data"; done >"$fs/$name"; done
+cp "$fs/seen" "$work/seen" && touch -d @1000000000.5 "$fs"/{old,seen} && expect 0 '' archive --store "$store" "$fs"/{old,seen}
+object=$("$plain" info "$fs/seen" | grep -oE 'object=[0-9a-f-]+') && object=$(ls "$store"/??/"${object#*=}")
+cp "$object" "$work/whole" && printf damaged | dd of="$object" bs=1 seek=8500000 conv=notrunc status=none
+exec 8>>"$fs/old"
+start
+configure 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M' && kill -HUP "$served"
+cmp -s <(dd if="$fs/seen" bs=1000 count=1 status=none) <(head -c 1000 "$work/seen") || fail "the first piece"
+for _ in 1 2; do fails "$fs/seen" tail -c 1; done
+expect 0 '"state":"half recalled"' info --json "$fs/seen"
+cp "$work/whole" "$object"
+cmp -s "$fs/seen" "$work/seen" || fail "what was half recalled"
+
+# So is what comes through a descriptor from before.
+cat "$fs/old" >/dev/null 2>&1 &
+sleep 0.7
+echo mine >&8
+exec 8>&-
+wait $!
+stop
+[ "$(tail -c 5 "$fs/old")" = mine ] || fail "an old descriptor's write is lost"
+rm "$fs"/{old,seen}
 
 # Killed again and again, the worker or who watches over it.
 rm -f "$fs"/?*[^d]
