@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
 #include <utility>
@@ -165,14 +166,17 @@ UniqueFd StubJob::openData() const {
 }
 
 /// A write lease is given only if nobody else has the file open. It is given back at once: to whoever opens
-/// the file a lease that is held is a pause of up to 45 seconds.
+/// the file a lease that is held is a pause of up to 45 seconds. Whoever opens it just then has the kernel
+/// send a signal: by default one that ends the process, so another, which does nothing.
 void StubJob::requireClosed() const {
     if (!m_data.isOpen())
         return;
-    if (::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0)
-        ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK);
-    else if (errno == EAGAIN)
+    const bool isLeased =
+        ::fcntl(m_data.get(), F_SETSIG, SIGURG) == 0 && ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+    if (!isLeased && errno == EAGAIN)
         throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
+    if (isLeased && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)
+        throw systemFailure("Failed to give back the lease on ", m_file.name(), errno);
 }
 
 void StubJob::requireUnchanged(const struct stat& since) const {

@@ -76,11 +76,9 @@ inline bool isUserAttribute(pid_t child, const __ptrace_syscall_info& info) {
     return std::string(reinterpret_cast<const char*>(&name), 5) == "user.";
 }
 
-/// Whether the call can fail. The end of a program cannot, nor can giving a lease back, after which the
-/// program would wait for itself.
+/// Whether the call can fail. The end of a program cannot.
 inline bool canFail(const __ptrace_syscall_info& info) {
-    return info.entry.nr != SYS_exit_group &&
-           !(info.entry.nr == SYS_fcntl && info.entry.args[1] == F_SETLEASE && info.entry.args[2] == F_UNLCK);
+    return info.entry.nr != SYS_exit_group;
 }
 
 /// Runs a program and strikes it.

@@ -30,6 +30,11 @@ for file in file other; do same "$fs/$file" "$work/data"; done
 exec 7<"$f"
 refused "$f" 'is open elsewhere \(code 3\)' archive --store "$store" "$f"
 exec 7<&-
+# So is a file that is opened just as the tool looks whether it is, and the tool goes on.
+act() { true <"$f" & }
+during 'F_SETLEASE, F_WRLCK' fcntl:delay_exit=300000 archive --store "$store" "$f" "$fs/plain"
+grep -q '1 left alone' "$work/said" || fail "opened while it was looked at: $(<"$work/said")"
+expect 0 '^$' recall "$f"
 # Refused after the file was marked: it is no stub, and keeps nothing of that.
 injected() { strace -qq -o /dev/null -P "$f" -e inject="$1" "$plain" "${@:2}"; }
 qzhsm=injected refused "$f" 'could not truncate' ftruncate:error=EIO archive --store "$store" "$f"
