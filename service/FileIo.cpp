@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -99,29 +98,4 @@ UniqueFd openDirectory(const std::string& path) {
 void flushDirectory(int fd, const std::string& path) {
     if (::fsync(fd) < 0)
         throw systemFailure("Failed to flush ", path, errno);
-}
-
-void replaceFile(const std::string& path, const std::vector<char>& bytes) {
-    const std::string parent = parentOf(path);
-    const UniqueFd directory = openDirectory(parent);
-    const std::string written = writeNewFile(parent + "/.qzhsm.XXXXXX", bytes);
-    if (::rename(written.c_str(), path.c_str()) < 0) {
-        const int err = errno;
-        ::unlink(written.c_str());
-        throw systemFailure("Failed to write ", path, err);
-    }
-    flushDirectory(directory.get(), parent);
-}
-
-std::string writeNewFile(std::string name, const std::vector<char>& bytes) {
-    const UniqueFd file(::mkostemp(name.data(), O_CLOEXEC));
-    if (!file.isOpen())
-        throw systemFailure("Failed to create ", name, errno);
-    if (QZHSMLowLevel::writeAll(file.get(), bytes.data(), static_cast<int>(bytes.size())) < 0 ||
-        ::fsync(file.get()) < 0) {
-        const int err = errno;
-        ::unlink(name.c_str());
-        throw systemFailure("Failed to write into ", name, err);
-    }
-    return name;
 }

@@ -42,12 +42,3 @@ std::string parentOf(const std::string& path);
 UniqueFd openDirectory(const std::string& path);
 /// Brings a directory's entries to the disk.
 void flushDirectory(int fd, const std::string& path);
-
-/// Puts a file of these bytes, of mode 0600, in the place of `path` once they are written. All is on the disk
-/// when this returns. After a failure the old one is there, or, if the last flush failed, perhaps the new
-/// one.
-void replaceFile(const std::string& path, const std::vector<char>& bytes);
-
-/// Writes a new file of mode 0600, down to the disk, and gives its name: `name` with the six X at its end
-/// replaced. After a failure there is no such file.
-std::string writeNewFile(std::string name, const std::vector<char>& bytes);

@@ -1,5 +1,7 @@
 #include "service/OpenFile.h"
 
+#include "service/FileIo.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -86,6 +88,12 @@ OpenFile OpenFile::named(const std::string& path) {
 
 OpenFile OpenFile::following(const std::string& path) {
     return {openAt(AT_FDCWD, path.c_str(), 0, path), path};
+}
+
+UniqueFd OpenFile::directoryOf(const std::string& path) {
+    const std::string parent = parentOf(path);
+    const OpenFile directory(openTrusted(parent + '/'), parent);
+    return directory.open(O_RDONLY | O_DIRECTORY);
 }
 
 OpenFile OpenFile::in(int directory, const char* entry, std::string shown, size_t tree) {

@@ -18,6 +18,9 @@ public:
     static OpenFile named(const std::string& path);
     /// The same, following symbolic links: for whoever only looks.
     static OpenFile following(const std::string& path);
+    /// The directory that a path's last component is in, found like `named` finds a file: for whoever makes a
+    /// file there or replaces one. It can be read and flushed.
+    static UniqueFd directoryOf(const std::string& path);
     /// Opens an entry of an open directory; `shown` is the path that users know it by. So many bytes of that
     /// are the path of a tree that somebody named.
     static OpenFile in(int directory, const char* entry, std::string shown, size_t tree = 0);

@@ -2,6 +2,7 @@
 
 #include "service/FileIo.h"
 #include "service/StubJob.h"
+#include "service/stores/StoreFiles.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -9,10 +10,21 @@
 
 namespace {
 
+/// Where a file is to be: a name in a directory that is opened once.
+struct Place {
+    explicit Place(const std::string& path)
+        : parent(parentOf(path)), name(path.substr(path.rfind('/') + 1)),
+          directory(OpenFile::directoryOf(path)) {}
+
+    std::string parent;
+    std::string name;
+    UniqueFd directory;
+};
+
 /// A file that is made for a stub to be restored into: the back-end's mark needs one to land on.
-class NewFile {
+class NewTarget {
 public:
-    explicit NewFile(const std::string& path)
+    explicit NewTarget(const std::string& path)
         : m_path(path), m_parent(parentOf(path)), m_name(path.substr(path.rfind('/') + 1)),
           m_directory(openDirectory(m_parent)) {
         const UniqueFd file(
@@ -130,6 +142,31 @@ std::vector<char> saveStub(StubKind& kind, const OpenFile& file, bool fromSnapsh
     return data;
 }
 
+void writeSavedStub(const std::string& path, const std::vector<char>& stubData, const OpenFile& stub) {
+    const Place place(path);
+    const int directory = place.directory.get();
+    struct stat old {};
+    if (::fstatat(directory, place.name.c_str(), &old, AT_SYMLINK_NOFOLLOW) < 0) {
+        if (errno != ENOENT)
+            throw systemFailure("Failed to stat ", path, errno);
+    } else if (!S_ISREG(old.st_mode) || isSameFile(old, stub.stat())) {
+        throw Failure(QZHSM_FAILURE, "Not replacing " + path + ": it is the stub or no regular file");
+    }
+    const std::string written = std::string(".qzhsm.").append(ObjectId::generate().text());
+    try {
+        NewFile file(directory, written, place.parent + '/' + written);
+        file.write(0, stubData.data(), stubData.size());
+        file.flush();
+        file.close();
+        if (::renameat(directory, written.c_str(), directory, place.name.c_str()) < 0)
+            throw systemFailure("Failed to write ", path, errno);
+    } catch (...) {
+        ::unlinkat(directory, written.c_str(), 0);
+        throw;
+    }
+    flushDirectory(directory, place.parent);
+}
+
 void restoreStub(StubKind& kind, const std::string& path, const std::vector<char>& stubData, bool force) {
     const StubFacts saved = readFacts(stubData).value();
     if (std::optional<OpenFile> found = find(path)) {
@@ -142,7 +179,7 @@ void restoreStub(StubKind& kind, const std::string& path, const std::vector<char
         });
     }
     kind.beforeRestoring(path, saved, nullptr, force);
-    const NewFile made(path);
+    const NewTarget made(path);
     try {
         made.flush();
         RestoreJob job(kind, made.open());

@@ -11,6 +11,11 @@
 /// A stub's data, valid stub text. `fromSnapshot`: the stub lies in a snapshot of the file system.
 std::vector<char> saveStub(StubKind& kind, const OpenFile& file, bool fromSnapshot);
 
+/// Puts a file of these bytes, of mode 0600, in the place of `path` once they are written, unless `stub` or
+/// no regular file is there. All is on the disk when this returns. After a failure the old one is there, or,
+/// if the last flush failed, perhaps the new one.
+void writeSavedStub(const std::string& path, const std::vector<char>& stubData, const OpenFile& stub);
+
 /// Makes a stub again, down to the disk. `stubData` is whole stub data; `force` allows the loss of a file
 /// that holds data. A symbolic link is not followed.
 ///

@@ -1,4 +1,3 @@
-#include "service/FileIo.h"
 #include "service/MirrorTree.h"
 #include "service/StubWorker.h"
 #include "service/Stubbing.h"
@@ -120,21 +119,16 @@ void addBackup(CommandLine& line) {
         bool snapshot = false;
     };
     const auto options = std::make_shared<Options>();
-    CLI::App* verb = line.addPathVerb(
-        "backup", "Save a stub's data", "PATH", "The stub",
-        [options](StubKind& kind, Report& report, const std::string& path) {
-            const OpenFile file = OpenFile::named(path);
-            const std::vector<char> data = file.as([&] { return saveStub(kind, file, options->snapshot); });
-            const std::string& output = options->output;
-            if (output.empty())
-                return report.raw({data.data(), data.size()});
-            // Only a plain file may be replaced: not a device, and not the stub itself.
-            struct stat old {};
-            if (::lstat(output.c_str(), &old) == 0 && (!S_ISREG(old.st_mode) || isSameFile(old, file.stat())))
-                throw Failure(QZHSM_FAILURE,
-                              "Not replacing " + output + ": it is the stub or no regular file");
-            replaceFile(output, data);
-        });
+    CLI::App* verb = line.addPathVerb("backup", "Save a stub's data", "PATH", "The stub",
+                                      [options](StubKind& kind, Report& report, const std::string& path) {
+                                          const OpenFile file = OpenFile::named(path);
+                                          const std::vector<char> data = file.as(
+                                              [&] { return saveStub(kind, file, options->snapshot); });
+                                          const std::string& output = options->output;
+                                          if (output.empty())
+                                              return report.raw({data.data(), data.size()});
+                                          writeSavedStub(output, data, file);
+                                      });
     addText(verb, "-o,--output", options->output, "Write to this file instead of standard output")
         ->option_text("FILE");
     verb->add_flag("--snapshot", options->snapshot, "The stub lies in a snapshot of the file system");

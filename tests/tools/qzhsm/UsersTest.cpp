@@ -41,11 +41,13 @@ protected:
     std::vector<pid_t> m_children;
 };
 
+/// And how many files are beside it.
 std::string everything(const std::string& path) {
     const struct stat st = statOf(path);
+    const std::filesystem::directory_iterator beside(std::filesystem::path(path).parent_path());
     std::ostringstream all;
-    all << st.st_uid << ' ' << st.st_mode << ' ' << st.st_mtime << ' ' << attribute(path, "user.NkStubFile")
-        << attribute(path, "user.TSTUB") << readFile(path);
+    all << std::distance(beside, {}) << ' ' << st.st_uid << ' ' << st.st_mode << ' ' << st.st_mtime << ' '
+        << attribute(path, "user.NkStubFile") << attribute(path, "user.TSTUB") << readFile(path);
     return all.str();
 }
 
@@ -59,7 +61,7 @@ TEST_P(Users, NeverGetRootToTouchAnothersFile) {
     std::filesystem::create_directories(fs.path("tree/directory"));
     const std::string secret = fs.path("secret/file");
     const std::vector<std::string> own{fs.path("tree/directory/file"), fs.path("tree/file")};
-    for (const std::string& file : {secret, own[0], own[1]})
+    for (const std::string& file : {secret, own[0], own[1], fs.path("stub")})
         writeFile(file, noise(20000));
     std::filesystem::create_symlink(secret, fs.path("tree/link"));
     std::filesystem::create_symlink(fs.path("secret"), fs.path("tree/linked"));
@@ -67,10 +69,13 @@ TEST_P(Users, NeverGetRootToTouchAnothersFile) {
         std::vector<std::string> words{QZHSM_PROGRAM};
         std::istringstream stream(line);
         for (std::string word; stream >> word;)
-            words.push_back(word == "@" ? file : word.starts_with('$') ? fs.path(word.substr(1)) : word);
+            words.push_back(word[0] == '@'          ? file + word.substr(1)
+                            : word.starts_with('$') ? fs.path(word.substr(1))
+                                                    : word);
         return runStruck(words, {}).status;
     };
     ASSERT_EQ(run("store create $store", ""), 0);
+    ASSERT_EQ(run("stub $stub --meta saved", ""), 0);
     ASSERT_EQ(run("stub @ --meta saved", own[1]), 0);
     ASSERT_EQ(run("backup @ -o $saved", own[1]), 0);
     ASSERT_EQ(run("recall @ --from $secret/file", own[1]), 0);
@@ -93,5 +98,5 @@ TEST_P(Users, NeverGetRootToTouchAnothersFile) {
 
 INSTANTIATE_TEST_SUITE_P(, Users,
                          ::testing::Values("archive --store $store @", "archive --store $store $tree",
-                                           "recall $tree", "stub @ --meta meta",
+                                           "recall $tree", "stub @ --meta meta", "backup $stub -o @",
                                            "restore-stub --force @ $saved", "repair $tree", "repair @"));
