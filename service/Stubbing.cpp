@@ -24,35 +24,32 @@ struct Place {
 /// A file that is made for a stub to be restored into: the back-end's mark needs one to land on.
 class NewTarget {
 public:
-    explicit NewTarget(const std::string& path)
-        : m_path(path), m_parent(parentOf(path)), m_name(path.substr(path.rfind('/') + 1)),
-          m_directory(openDirectory(m_parent)) {
-        const UniqueFd file(
-            ::openat(m_directory.get(), m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    explicit NewTarget(const std::string& path) : m_path(path), m_place(path) {
+        const UniqueFd file(::openat(directory(), name(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         if (!file.isOpen() || ::fstat(file.get(), &m_made) < 0)
             throw systemFailure("Failed to create ", path, errno);
     }
 
     OpenFile open() const {
-        OpenFile file = OpenFile::in(m_directory.get(), m_name.c_str(), m_path);
+        OpenFile file = OpenFile::in(directory(), name(), m_path);
         if (!isSameFile(file.stat(), m_made))
             throw Failure(QZHSM_BUSY, m_path + " was replaced while it was made");
         return file;
     }
-    void flush() const { flushDirectory(m_directory.get(), m_parent); }
+    void flush() const { flushDirectory(directory(), m_place.parent); }
     void remove() const {
         struct stat now {};
-        if (::fstatat(m_directory.get(), m_name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-            isSameFile(now, m_made))
-            ::unlinkat(m_directory.get(), m_name.c_str(), 0);
-        ::fsync(m_directory.get());
+        if (::fstatat(directory(), name(), &now, AT_SYMLINK_NOFOLLOW) == 0 && isSameFile(now, m_made))
+            ::unlinkat(directory(), name(), 0);
+        ::fsync(directory());
     }
 
 private:
+    int directory() const { return m_place.directory.get(); }
+    const char* name() const { return m_place.name.c_str(); }
+
     std::string m_path;
-    std::string m_parent;
-    std::string m_name;
-    UniqueFd m_directory;
+    Place m_place;
     struct stat m_made {};
 };
 

@@ -69,9 +69,7 @@ TEST_P(Users, NeverGetRootToTouchAnothersFile) {
         std::vector<std::string> words{QZHSM_PROGRAM};
         std::istringstream stream(line);
         for (std::string word; stream >> word;)
-            words.push_back(word[0] == '@'          ? file + word.substr(1)
-                            : word.starts_with('$') ? fs.path(word.substr(1))
-                                                    : word);
+            words.push_back(word == "@" ? file : word.starts_with('$') ? fs.path(word.substr(1)) : word);
         return runStruck(words, {}).status;
     };
     ASSERT_EQ(run("store create $store", ""), 0);

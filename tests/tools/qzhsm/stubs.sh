@@ -37,6 +37,14 @@ unchanged "$fs/victim" eval 'for ((run = 0; run < 40; run++)); do "$plain" stub 
 kill -STOP $swap && pkill -KILL -P $swap # else what it is just running makes its file after all
 kill -KILL $swap && wait $swap 2>/dev/null
 rm -f "$fs"/{victim,new,link}
+# Nor does a directory that becomes a link as it is looked for get a file made behind that.
+mkdir "$fs/real" "$work/roots" && ln -s "$work/roots" "$fs/link" && chown -h 1 "$fs/link" && cd "$fs" || exit 1
+act() { mv -T real gone && mv -T link real; }
+# shellcheck disable=SC2097,SC2098 # the words come before it: strace gets "-P new" in front of the tool
+plain=-P during '"new"' openat:delay_exit=500000 new "$plain" restore-stub real/new "$work/saved"
+grep -q 'a symbolic link of another user' "$work/said" || fail "a swapped directory: $(<"$work/said")"
+cd / && rm -r "$fs"/{real,gone}
+[ ! -e "$work/roots/new" ] || fail "a file was made behind a link"
 
 # No success before all is flushed.
 for verb in "stub $f --meta m" "restore-stub $fs/new $work/saved" "backup $f -o $work/new"; do
