@@ -102,7 +102,13 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
                       "With --force user " + std::to_string(owner.uid) + " gets that data.");
     if (::geteuid() != 0 && (owner.uid != ::geteuid() || look.st.st_nlink != 1))
         throw Failure(QZHSM_FAILURE, from + ", and it is not yours alone");
-    record.adopted.push_back(owner);
-    store.replaceRecord(record);
+    {
+        const UniqueFd lock = store.lockRecords();
+        record = findObject(store, metadata, file, look); // others may have changed it
+        if (!record.isOf(owner)) {
+            record.adopted.push_back(owner);
+            store.replaceRecord(record);
+        }
+    }
     takeTime();
 }

@@ -32,6 +32,8 @@ public:
     /// throw.
     std::optional<ObjectRecord> look(const ObjectId& object) override;
     std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) override;
+    /// A mover locks nothing.
+    UniqueFd lockRecords() override { return UniqueFd(); }
     /// For movers that replace what they put under the same name, as most do.
     void replaceRecord(const ObjectRecord& record) override;
     /// A mover that fails for what is not there makes this fail too, if there is no object.

@@ -1,6 +1,5 @@
 #include "service/stores/DirectoryMarker.h"
 
-#include "platform/files/UniqueFd.h"
 #include "service/Failure.h"
 #include "service/stores/StoreFiles.h"
 
@@ -11,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace {
@@ -98,6 +98,14 @@ std::string readMarker(int directory, const std::string& name) {
     if (!id)
         throw Failure(QZHSM_FAILURE, name + '/' + kMarker + " holds no UUID");
     return std::string(id->text());
+}
+
+UniqueFd lockMarker(int directory, const std::string& name) {
+    UniqueFd lock(
+        ::openat(directory, kMarker, O_RDWR | O_NOFOLLOW | O_CLOEXEC)); // NFS locks what can be written
+    if (!lock.isOpen() || ::flock(lock.get(), LOCK_EX) < 0)
+        throw systemFailure("Failed to lock store ", name, errno);
+    return lock;
 }
 
 const std::vector<std::string>& storeParts() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/files/UniqueFd.h"
+
 #include <string>
 #include <vector>
 
@@ -10,6 +12,9 @@ void makeStore(const std::string& directory);
 
 /// The store's UUID. Throws `Failure` if the directory, which `name` names, is no store.
 std::string readMarker(int directory, const std::string& name);
+
+/// Waits until nobody else has this lock on the store.
+UniqueFd lockMarker(int directory, const std::string& name);
 
 /// Whether the open directory is a store, damaged or not.
 bool isStore(int directory);

@@ -146,6 +146,10 @@ void DirectoryStore::writeRecord(int directory, const ObjectRecord& record) cons
     file.close();
 }
 
+UniqueFd DirectoryStore::lockRecords() {
+    return lockMarker(m_root.get(), name());
+}
+
 void DirectoryStore::replaceRecord(const ObjectRecord& record) {
     const int directory = session();
     const std::string file = recordFile(record.object);

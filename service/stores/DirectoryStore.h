@@ -35,6 +35,7 @@ public:
     ObjectRecord put(int fd, ObjectRecord facts, const OnBytes& onBytes) override;
     void flush() override;
     std::optional<ObjectRecord> look(const ObjectId& object) override;
+    UniqueFd lockRecords() override;
     void replaceRecord(const ObjectRecord& record) override;
     std::unique_ptr<ObjectReader> open(const ObjectRecord& record, const Extent& part) override;
     void remove(const ObjectId& object) override;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/files/UniqueFd.h"
 #include "service/stores/ObjectRecord.h"
 
 #include <cstddef>
@@ -74,6 +75,11 @@ public:
     /// The object's record, or nothing if there is none. Throws if there is a record but the object is
     /// missing or of another length, as far as the store can tell without reading it.
     virtual std::optional<ObjectRecord> look(const ObjectId& object) = 0;
+
+    /// Keeps others from replacing records, from a `look` to the `replaceRecord` that goes by it, for as long
+    /// as the result is open. It is not if the store cannot do that: there a change that others make just
+    /// then is lost.
+    virtual UniqueFd lockRecords() = 0;
 
     /// Puts a record in the place of the one that its object has, on the disk. After a failure one of both is
     /// there. The object must exist.

@@ -39,6 +39,10 @@ refused "$work/copy" 'was not taken from this file' recall "$work/copy"
 chown 1 "$work/copy"
 refused "$work/copy" 'belonged to user 0' adopt "$work/copy"
 expect 0 '^$' adopt --force "$work/copy"
+for file in one two; do cp -p --preserve=all --sparse=always "$f" "$work/$file"; done
+act() { expect 0 '^$' adopt "$work/two"; } # at the same time
+during 'renameat(' renameat:delay_enter=1000000 adopt "$work/one"
+for file in one two; do expect 0 '^$' recall "$work/$file" && rm "$work/$file"; done
 for file in "$f" "$work/copy"; do expect 0 '^$' recall "$file" && same "$file" "$work/data"; done
 [ "$(stat -c %u "$work/copy")" = 1 ] || fail "recalling an adopted stub changed its owner"
 rm "$work/copy" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
