@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -64,6 +65,12 @@ void makeStore(const std::string& directory) {
         throw systemFailure("Failed to open ", directory, errno);
     if (isStore(root.get()))
         throw Failure(QZHSM_FAILURE, directory + " is a store already");
+    struct stat st {};
+    if (::fstat(root.get(), &st) < 0)
+        throw systemFailure("Failed to stat ", directory, errno);
+    if (st.st_uid != ::geteuid())
+        throw Failure(QZHSM_FAILURE, "Failed to make a store of " + directory + ": it belongs to user " +
+                                         std::to_string(st.st_uid) + ", who could take away what is in it");
     std::vector<std::string> files;
     forEachName(root.get(), directory, [&](const char* file) { files.emplace_back(file); });
     for (const std::string& file : files)

@@ -22,7 +22,7 @@ class DirectoryStore : public Store {
 public:
     /// Makes a store of a directory that does not exist, or is empty: a new file system's "lost+found" may be
     /// there, and what a run that was cut short has made. The directory is then closed to all but its owner
-    /// (mode 0700). Throws `Failure`.
+    /// (mode 0700). One of another user is refused, who could take away what is in it. Throws `Failure`.
     static void create(const std::string& directory);
 
     /// Opens a store; `name` is what stubs call it, its absolute path if empty. Throws `Failure` if the

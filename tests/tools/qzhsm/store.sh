@@ -13,6 +13,8 @@ objects() {
 }
 unneeded() { expect 0 "$1" store gc --store "$store" --older-than 0s "${@:2}"; }
 
+mkdir "$work/his" && chown 1 "$work/his" && expect 1 'it belongs to user 1,' store create "$work/his"
+
 # A file that was put before is not sent again while it is the same.
 expect 0 '^$' archive --keep --store "$store" "$f"
 same "$f" "$work/data"
