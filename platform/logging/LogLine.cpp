@@ -1,6 +1,7 @@
 #include "platform/logging/LogLine.h"
 
 #include "platform/errors/FXString.h"
+#include "platform/logging/Printable.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,7 +28,8 @@ void writeLogLine(int level, const char* tag, int line, const char* format, va_l
     text += line ? FXString::Format(" [%s:%d] ", tag, line) : FXString::Format(" [%s] ", tag);
     text += FXString::FormatV(format, args);
     std::replace(text.begin(), text.end(), '\n', ' ');
-    text += '\n';
+    static const bool isTerminal = ::isatty(STDERR_FILENO) == 1;
+    text = printable(text, isTerminal) + '\n';
     // A log that cannot be written must not fail the operation that is being logged.
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
 }

@@ -6,5 +6,5 @@
 int configuredLogLevel();
 
 /// Writes "TIME LEVEL [TAG] TEXT" to standard error as one line with one write(2). Line breaks in the text
-/// become blanks. If `line` is 0, the tag has no source line.
+/// become blanks, other control characters "?". If `line` is 0, the tag has no source line.
 void writeLogLine(int level, const char* tag, int line, const char* format, va_list args);

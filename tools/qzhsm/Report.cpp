@@ -1,7 +1,7 @@
 #include "tools/qzhsm/Report.h"
 
+#include "platform/logging/Printable.h"
 #include "service/stores/Encoding.h"
-#include "tools/qzhsm/Printable.h"
 
 #include <cerrno>
 #include <unistd.h>

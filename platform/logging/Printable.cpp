@@ -1,4 +1,4 @@
-#include "tools/qzhsm/Printable.h"
+#include "platform/logging/Printable.h"
 
 #include <cstddef>
 
