@@ -3,13 +3,27 @@
 #include "service/NotedObject.h"
 #include "service/stores/StubMetadata.h"
 
+#include <filesystem>
+
+/// As the kernel names it; if that cannot be, as it was typed, and from the root on.
+std::string ArchiveJob::fullPath() const {
+    try {
+        return kind().StubKind::pathOf(file());
+    } catch (const Failure&) { // gone already, or too long
+        std::error_code error;
+        const auto path = std::filesystem::absolute(file().name(), error);
+        return error ? file().name() : path.native();
+    }
+}
+
 void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     hold();
-    const ObjectRecord facts = ObjectRecord::describe(data(), file().name());
+    ObjectRecord facts = ObjectRecord::describe(data(), file().name());
     if (!facts.owner.matches(facts.owner))
         throw Failure(QZHSM_FAILURE,
                       file().name() +
                           " could not be told from a copy later: its file system has no file handles");
+    facts.path = fullPath();
     const auto known = object() ? findArchived(store, *object(), data(), facts) : std::nullopt;
     const ObjectRecord record = known ? *known : store.put(data(), facts, onBytes);
     try {

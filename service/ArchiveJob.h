@@ -18,5 +18,6 @@ public:
     void giveUp();
 
 private:
+    std::string fullPath() const;
     Store* m_putInto = nullptr; ///< what this job has put there is to be removed from
 };

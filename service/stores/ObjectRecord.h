@@ -46,7 +46,8 @@ struct ObjectRecord {
     static constexpr size_t kTextMax = 256UL * 1024 * 1024;
 
     ObjectId object;
-    std::string path; ///< where the file was when it was put; a hint for people, and never opened
+    std::string
+        path; ///< where the file was when it was put, from the root on; a hint for people, and never opened
     std::uint64_t size = 0;
     std::int64_t atime = 0; ///< these four in nanoseconds
     std::int64_t mtime = 0;

@@ -16,7 +16,8 @@ unneeded() { expect 0 "$1" store gc --store "$store" --older-than 0s "${@:2}"; }
 mkdir "$work/his" && chown 1 "$work/his" && expect 1 'it belongs to user 1,' store create "$work/his"
 
 # A file that was put before is not sent again while it is the same.
-expect 0 '^$' archive --keep --store "$store" "$f"
+cd "$fs" && expect 0 '^$' archive --keep --store "$store" ./file && cd /
+expect 0 "000  $fs/file\$" store list --store "$store"
 same "$f" "$work/data"
 sleep 1.1 # objects of this second are no older than none
 for _ in first second; do
