@@ -1,7 +1,6 @@
 #include "service/TransparentFile.h"
 
-#include "service/Failure.h"
-
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -22,12 +21,22 @@ void TransparentFile::write(std::span<const char> bytes, long long offset) {
     for (size_t done = 0; done < bytes.size();) {
         const auto rest = static_cast<int>(bytes.size() - done);
         const int written =
-            checked(m_backEnd, m_backEnd.writeFileTrans(bytes.data() + done, rest,
-                                                        offset + static_cast<long long>(done)));
+            m_backEnd.writeFileTrans(bytes.data() + done, rest, offset + static_cast<long long>(done));
+        if (written < 0)
+            throw failedWrite();
         if (written == 0)
             throw Failure(QZHSM_FAILURE, "Failed to write all data into " + m_path);
         done += static_cast<size_t>(written);
     }
+}
+
+/// The library says "read" of a write too, which would hide a full disk.
+Failure TransparentFile::failedWrite() const {
+    constexpr std::string_view kRead = "Transparent read() failed";
+    std::string text = m_backEnd.m_errorText;
+    if (text.starts_with(kRead))
+        text.replace(0, kRead.size(), "Failed to write");
+    return {m_backEnd.m_errorCode, text};
 }
 
 void TransparentFile::close() {

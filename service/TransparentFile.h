@@ -1,6 +1,6 @@
 #pragma once
 
-#include "lowlevel/QZHSMLowLevel.h"
+#include "service/Failure.h"
 
 #include <span>
 #include <string>
@@ -19,6 +19,8 @@ public:
     void close();
 
 private:
+    Failure failedWrite() const;
+
     QZHSMLowLevel& m_backEnd;
     std::string m_path;
     bool m_open = true;

@@ -54,9 +54,16 @@ void ShownWork::show() {
     progress.draw(text + progress.rate(done));
 }
 
-void ShownWork::started(const std::string&, long long size) {
+/// How many bytes a file has that was under way, and is no more.
+long long ShownWork::endOf(const std::string& name) {
+    const auto node = m_underWay.extract(name);
+    return node ? node.mapped() : 0;
+}
+
+void ShownWork::started(const std::string& name, long long size) {
     const std::lock_guard lock(m_mutex);
     m_begun += size;
+    m_underWay[name] = size;
 }
 
 void ShownWork::walking(const std::string&) {
@@ -79,6 +86,7 @@ void ShownWork::counted() {
 void ShownWork::done(const std::string& name, const std::string& what) {
     const std::lock_guard lock(m_mutex);
     ++m_done;
+    m_doneBytes += endOf(name);
     list([&] {
         if (m_report.isJson())
             m_report.json({{"path", name}, {"done", what}});
@@ -91,6 +99,7 @@ void ShownWork::done(const std::string& name, const std::string& what) {
 void ShownWork::failed(const std::string& name, const Failure& failure) {
     const std::lock_guard lock(m_mutex);
     ++m_failed;
+    endOf(name);
     const std::string text = failure.what();
     const bool namesIt = text.find(name) != std::string::npos;
     m_report.failure(namesIt ? failure : Failure(failure.code(), name + ": " + text, failure.advice()));
@@ -125,7 +134,7 @@ void ShownWork::summarise(const std::string& done) {
     if (all > 1 && !m_report.isQuiet()) // a failure of one file has been told of already
         m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) +
                       " left alone, " + std::to_string(m_failed) + " failed" +
-                      (m_bytes > 0 ? ", " + sizeText(m_bytes) : ""));
+                      (m_doneBytes > 0 ? ", " + sizeText(m_doneBytes) : ""));
     if (m_outputFailure)
         std::rethrow_exception(m_outputFailure);
 }

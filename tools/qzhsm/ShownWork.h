@@ -6,6 +6,7 @@
 
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 /// Tells on standard error how work on many files goes. With --json all that comes of it, and with
 /// --null-output the names of the files that are done, are listed on standard output. Used by all workers
@@ -35,14 +36,17 @@ public:
 private:
     template <class Write>
     void list(Write write);
+    long long endOf(const std::string& name);
     void show();
 
     std::mutex m_mutex;
     Report& m_report;
     std::exception_ptr m_outputFailure;
     bool m_walked = false;
-    long long m_bytes = 0;
-    long long m_begun = 0; ///< the bytes of files that were begun
+    long long m_bytes = 0;                                 ///< so far, of files that may fail, too
+    long long m_begun = 0;                                 ///< the bytes of files that were begun
+    std::unordered_map<std::string, long long> m_underWay; ///< those of each that has come to no end
+    long long m_doneBytes = 0;
     long long m_done = 0;
     long long m_skipped = 0;
     std::string m_skippedLast;

@@ -15,9 +15,11 @@ namespace {
 constexpr long long kMonth = 30LL * 24 * 60 * 60; // seconds
 
 /// Compares an object with its record: all of it, or its length alone.
-void check(Store& store, const ObjectRecord& record, bool quick, Observer& observer) {
+void check(Store& store, const ObjectRecord& record, bool quick, const std::string& name,
+           Observer& observer) {
     if (quick)
         return;
+    observer.started(name, static_cast<long long>(record.size));
     verifyObject(store, record, tellBytes(observer));
 }
 
@@ -30,7 +32,7 @@ void verifyStore(Store& store, bool quick, Observer& observer) {
             const std::optional<ObjectRecord> record = store.look(listed.object);
             if (!record)
                 return observer.skipped(name, "it was removed meanwhile");
-            check(store, *record, quick, observer);
+            check(store, *record, quick, name, observer);
             observer.done(name, "whole");
         } catch (const Failure& failure) {
             observer.failed(name, failure);
@@ -82,7 +84,8 @@ void addVerify(CommandLine& line) {
                         return;
                     const StubMetadata metadata = readMetadata(file, look);
                     Store& store = opened.find(metadata);
-                    check(store, findRecord(store, metadata, file, look), options->quick, *opened.shown);
+                    check(store, findRecord(store, metadata, file, look), options->quick, file.name(),
+                          *opened.shown);
                     opened.shown->done(file.name(), "whole");
                 });
             });

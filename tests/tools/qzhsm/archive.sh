@@ -38,11 +38,14 @@ expect 0 '^$' recall "$f"
 # Refused after the file was marked: it is no stub, and keeps nothing of that.
 injected() { strace -qq -o /dev/null -P "$f" -e inject="$1" "$plain" "${@:2}"; }
 qzhsm=injected refused "$f" 'could not truncate' ftruncate:error=EIO archive --store "$store" "$f"
+touch -d @1000000001 "$f" "$fs/other"
+qzhsm=injected expect 1 '1 archived, 0 left alone, 1 failed, 2\.9 MiB$' ftruncate:error=EIO archive --store "$store" "$f" "$fs/other"
 "$plain" verify --store "$store" &>"$work/list"
 grep -q ' whole, 0 left alone, 0 failed' "$work/list" || fail "the store: $(<"$work/list")"
 
-# The last flush fails: the file is whole, and must not become a stub without a mark.
+# A full disk is told as that. The last flush fails: the file is whole, and must not become a stub without a mark.
 expect 0 '^$' archive --store "$store" "$f"
+qzhsm=injected refused "$f" 'file: Failed to write: No space left' write:error=ENOSPC:when=1 recall "$f"
 said=$(injected fsync:error=EIO:when=4 recall "$f" 2>&1)
 [[ $said == *'may not be on the disk'* ]] || fail "the last flush's failure: $said"
 same "$f" "$work/data"
