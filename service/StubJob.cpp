@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -171,8 +173,15 @@ UniqueFd StubJob::openData() const {
 void StubJob::requireClosed() const {
     if (!m_data.isOpen())
         return;
-    const bool isLeased =
-        ::fcntl(m_data.get(), F_SETSIG, SIGURG) == 0 && ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+    constexpr auto kPause = std::chrono::milliseconds(1);
+    constexpr int kPatience = 50;
+    ::fcntl(m_data.get(), F_SETSIG, SIGURG);
+    bool isLeased = ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+    // A service that has let us open the file closes it a moment later.
+    for (int i = 0; !isLeased && errno == EAGAIN && m_kind.announces() && i < kPatience; ++i) {
+        std::this_thread::sleep_for(kPause);
+        isLeased = ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+    }
     if (!isLeased && errno == EAGAIN)
         throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
     if (isLeased && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)

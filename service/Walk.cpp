@@ -20,7 +20,7 @@ void Walk::from(const std::string& path) {
             throw Failure(QZHSM_FAILURE, path + " lies in the store " + store);
         if (S_ISDIR(st.st_mode)) {
             m_observer.walking(path);
-            return directory({std::move(file), st.st_dev, path.size()});
+            return directory({std::move(file), st.st_dev, path.size(), 0});
         }
         if (!S_ISREG(st.st_mode))
             throw Failure(QZHSM_FAILURE, path + " is neither a regular file nor a directory");
@@ -90,7 +90,10 @@ void Walk::entry(const Entry& entry, unsigned char type, const FoundDirectory& p
         }
         if (!S_ISDIR(st.st_mode))
             return;
-        FoundDirectory found{std::move(file), parent.device, parent.tree};
+        constexpr int kDeepest = 1000; // each level takes descriptors and stack
+        if (parent.depth == kDeepest)
+            throw Failure(QZHSM_FAILURE, path + " lies more than 1000 directories deep");
+        FoundDirectory found{std::move(file), parent.device, parent.tree, parent.depth + 1};
         if (!m_handOver(found))
             directory(found);
     } catch (const Failure& failure) {

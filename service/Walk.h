@@ -24,6 +24,7 @@ struct FoundDirectory {
     OpenFile file;
     dev_t device; ///< of the tree
     size_t tree;  ///< the length of the path that was named
+    int depth = 0;
 };
 
 /// Hands out every regular file at or below a path that somebody named, each opened once. Directories are

@@ -15,6 +15,7 @@ expect 0 '^$' store create "$store"
 
 served=
 start() {
+    : >"$work/out"
     "$service" "$fs" >"$work/out" 2>"$work/log" &
     served=$!
     for ((i = 0; i < 400; i++)); do
@@ -93,6 +94,10 @@ same "$fs/cat" "$work/data"
 expect 0 'stubs recalled +6' status
 expect 0 'qzhsmd_recalled_total 6' status --metrics
 
+mkdir "$fs/many" && for ((i = 0; i < 300; i++)); do head -c 20000 "$work/data" >"$fs/many/$i"; done
+expect 0 '^qzhsm: 300 archived, 0 left alone, 0 failed' archive --store "$store" "$fs/many"
+rm -r "$fs/many"
+
 # A recall by hand is not held up by the worker that follows one which was killed in the middle of it.
 archived "$f"
 feed
@@ -142,8 +147,7 @@ cp "$fs/seen" "$work/seen" && touch -d @1000000000.5 "$fs"/{old,seen} && expect 
 object=$("$plain" info "$fs/seen" | grep -oE 'object=[0-9a-f-]+') && object=$(ls "$store"/??/"${object#*=}")
 cp "$object" "$work/whole" && printf damaged | dd of="$object" bs=1 seek=8500000 conv=notrunc status=none
 exec 8>>"$fs/old"
-start
-configure 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M' && kill -HUP "$served"
+configure 'rangePrograms = tail dd' 'rangeFrom = 1M' 'bandwidth = 4M' && start
 cmp -s <(dd if="$fs/seen" bs=1000 count=1 status=none) <(head -c 1000 "$work/seen") || fail "the first piece"
 for _ in 1 2; do fails "$fs/seen" tail -c 1; done
 expect 0 '"state":"half recalled"' info --json "$fs/seen"
