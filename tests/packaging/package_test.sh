@@ -3,12 +3,12 @@
 # configuration. As root.
 set -euo pipefail
 [ -n "${QZHSM_TEST_NAMESPACE:-}" ] || QZHSM_TEST_NAMESPACE=1 exec unshare --mount --pid --fork --kill-child "$0" "$@"
-cd "$(dirname "$(readlink -f "$0")")/.."
+cd "$(dirname "$(readlink -f "$0")")/../.."
 work=$(mktemp -d)
 tree=$work/tree
 finish() {
     [ $? -eq 0 ] || tail -n 30 "$work/said" >&2
-    umount "$tree/proc" 2>/dev/null || true
+    umount --recursive "$tree" 2>/dev/null || true
     rm -rf "$work"
 }
 trap finish EXIT
@@ -41,6 +41,7 @@ sources=$(apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)
 [ -n "$sources" ] || fail "apt knows no source of Debian packages"
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 mmdebstrap --quiet --variant=minbase --aptopt="$work/apt.conf" "$suite" "$tree" - <<<"$sources" >"$work/said" 2>&1
+mount --bind "$tree" "$tree" # which gives it an entry of its own in the mount table
 mkdir "$tree/packages"
 cp -r "$1" "$tree/packages/older"
 mkdir "$tree/packages/newer"
@@ -72,13 +73,13 @@ inside 'qzhsm recall /data/3 && cd /data && head -n 3 /archive/sums | sha256sum 
 inside 'cd /tmp && head -c 100000 /dev/urandom >file
     export LD_PRELOAD=libqzhsm-emulator.so QZHSM_EMULATOR_STATE=/tmp/state
     qzhsm --fs qzfs watch . && qzhsm --fs qzfs stub file --meta a=b && qzhsm --fs qzfs info --json file
-    rm file state' || fail "the emulator"
+    rm -f file state' || fail "the emulator"
 grep -q '"stub":true' "$work/said" || fail "no stub under the emulator"
 
 say "Removed, they leave configuration and data; purged, data alone"
 inside 'apt-get remove -y qzhsm qzhsmd qzhsm-emulator libqzhsmlowlevel1'
 [ -e "$tree/etc/default/qzhsmd" ] || fail "the configuration went with the program"
-inside 'apt-get purge -y qzhsm qzhsmd qzhsm-emulator libqzhsmlowlevel1 && apt-get autoremove -y --purge'
+inside 'dpkg --purge qzhsm qzhsmd qzhsm-emulator libqzhsmlowlevel1 && apt-get autoremove -y --purge'
 listing >"$work/after"
 left=$(diff "$work/before" "$work/after" | grep '^[<>]' | grep -vE '^> \./(archive|data|etc/qzhsm)(/|$)' || true)
 [ -z "$left" ] || fail "left (>) or taken away (<): $left"
@@ -91,11 +92,11 @@ expect archive 'source /usr/share/bash-completion/completions/qzhsm
     COMP_WORDS=(qzhsm ar) COMP_CWORD=1; _qzhsm qzhsm ar qzhsm; echo "${COMPREPLY[*]}"'
 expect --older-than 'source /usr/share/bash-completion/completions/qzhsm
     COMP_WORDS=(qzhsm --kind 2 store gc --ol) COMP_CWORD=5; _qzhsm qzhsm --ol gc; echo "${COMPREPLY[*]}"'
-for shell in 'fish -c "complete -C \"%s\""' \
-    'echo "_describe() { print -l \${(M)listed:#\$PREFIX*}; }; words=(%s) CURRENT=\$#words PREFIX=\$words[-1]
+for ask in 'fish -c "complete -C \"WORDS\""' \
+    'echo "_describe() { print -rl -- \${(M)listed:#\$PREFIX*}; }; words=(WORDS) CURRENT=\$#words PREFIX=\$words[-1]
         source /usr/share/zsh/vendor-completions/_qzhsm" | zsh -f'; do
-    inside "$(printf "$shell" 'qzhsm --kind 2 store gc --ol') && $(printf "$shell" 'qzhsm ar')" || fail "$shell"
-    [ "$(grep -oE '^(--)?[a-z-]+' "$work/said" | paste -sd ' ')" = "--older-than archive" ] || fail "$shell"
+    inside "${ask//WORDS/qzhsm --kind 2 store gc --ol}; ${ask//WORDS/qzhsm ar}" || fail "$ask"
+    [ "$(grep -oE '^(--)?[a-z-]+' "$work/said" | paste -sd ' ')" = "--older-than archive" ] || fail "$ask"
 done
 
 say "The README's program is built with pkg-config and with CMake, the examples too"
