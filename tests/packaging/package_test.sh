@@ -29,9 +29,9 @@ expect() { # TEXT COMMANDS: prints that, and nothing else
 block() { # FILE FIRST-LINE
     sed -n "\|^    $2|,/^\$/s/^    \(sudo \)*//p" "$1"
 }
-# All that is there, but for what apt and dpkg note for themselves.
+# All that outlives a restart, but for what apt and dpkg note for themselves.
 listing() {
-    (cd "$tree" && find . -xdev \( -path ./proc -o -path ./packages -o -path ./var/cache -o -path ./var/log \
+    (cd "$tree" && find . -xdev \( -path ./proc -o -path ./run -o -path ./packages -o -path ./var/cache -o -path ./var/log \
         -o -path ./var/lib/apt -o -path './var/lib/dpkg/*-old' \) -prune -o -print | LC_ALL=C sort)
 }
 
