@@ -46,6 +46,13 @@ int PreContentGroup::mark(const std::string& directory) {
                : errno;
 }
 
+int PreContentGroup::unmark(const std::string& directory) {
+    return ::fanotify_mark(m_group.get(), FAN_MARK_REMOVE | FAN_MARK_FILESYSTEM, kEvents, AT_FDCWD,
+                           directory.c_str()) == 0
+               ? 0
+               : errno;
+}
+
 int PreContentGroup::ignore(int fd, bool untilWritten) {
     const unsigned kind = untilWritten ? FAN_MARK_IGNORE : FAN_MARK_IGNORE_SURV;
     return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | kind | FAN_MARK_EVICTABLE, kEvents, fd, nullptr) == 0
@@ -57,6 +64,10 @@ int PreContentGroup::heed(int fd) {
     const int result = ::fanotify_mark(m_group.get(), FAN_MARK_REMOVE | FAN_MARK_IGNORE_SURV, kEvents,
                                        AT_FDCWD, pathOf(fd).c_str());
     return result == 0 || errno == ENOENT ? 0 : errno;
+}
+
+void PreContentGroup::heedAll() {
+    ::fanotify_mark(m_group.get(), FAN_MARK_FLUSH, 0, AT_FDCWD, nullptr);
 }
 
 int PreContentGroup::read(std::vector<HeldAccess>& held) {

@@ -37,11 +37,16 @@ public:
     /// EINVAL: this file system has no such events.
     int mark(const std::string& directory);
 
+    /// Ends that. What waits already is read nevertheless.
+    int unmark(const std::string& directory);
+
     /// Opens and accesses of this file no longer wait, until `heed`, until the kernel forgets its inode, or,
     /// if `untilWritten`, until somebody writes to it. The descriptor must be open for reading.
     int ignore(int fd, bool untilWritten = false);
     /// Ends `ignore`, if it was in force.
     int heed(int fd);
+    /// Of all files.
+    void heedAll();
 
     /// Adds what waits, if anything does. EAGAIN: nothing does. EMFILE: the descriptor table was full, and a
     /// reader got EPERM.

@@ -18,7 +18,7 @@ bool isListening(int fd) {
 
 } // namespace
 
-Descriptors Descriptors::find() {
+Descriptors Descriptors::find(const std::set<int>& others) {
     std::vector<int> all;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         all.push_back(std::atoi(entry.path().filename().c_str()));
@@ -26,7 +26,7 @@ Descriptors Descriptors::find() {
     for (const int fd : all) {
         char path[PATH_MAX];
         const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-        if (fd <= STDERR_FILENO || length < 0)
+        if (fd <= STDERR_FILENO || length < 0 || others.contains(fd))
             continue;
         const std::string_view target(path, static_cast<size_t>(length));
         if (target == "anon_inode:[fanotify]")

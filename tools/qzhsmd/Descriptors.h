@@ -1,9 +1,10 @@
 #pragma once
 
+#include <set>
 #include <vector>
 
-/// The descriptors that outlive a process of the service: the worker and whoever watches over it share one
-/// table. Numbers, without an owner: they are closed when both processes have ended.
+/// The descriptors that outlive a process of the service: all its processes share one table. Numbers, without
+/// an owner: they are closed when the last process has ended.
 struct Descriptors {
     int group = -1;               ///< of the kernel's events
     std::vector<int> locks;       ///< one for each file system, against a second service
@@ -11,6 +12,7 @@ struct Descriptors {
     std::vector<int> connections; ///< to programs that are not held up
     std::vector<int> held;        ///< accesses without an answer
 
-    /// Finds them among all that are open, and closes what else a process that died has left.
-    static Descriptors find();
+    /// Finds them among all that are open, and closes what else a worker that died has left, but not
+    /// `others`.
+    static Descriptors find(const std::set<int>& others);
 };

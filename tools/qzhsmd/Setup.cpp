@@ -1,0 +1,175 @@
+#include "tools/qzhsmd/Setup.h"
+
+#include "platform/config/ConfigFile.h"
+#include "platform/stub/StubMark.h"
+#include "platform/watch/FileSystems.h"
+#include "platform/watch/PreContentGroup.h"
+#include "service/FileIo.h"
+#include "service/serve/ControlSocket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <iostream>
+#include <map>
+#include <new>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* kParkedName = "events";
+
+/// The directories that were named, the first of each file system.
+using Served = std::map<dev_t, std::string>;
+
+void say(const std::string& text) {
+    std::cerr << "qzhsmd: " << text << std::endl;
+}
+
+/// Of what all processes share. It lives as long as they do.
+Shared* makeShared() {
+    void* const memory =
+        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw systemFailure("Failed to get memory", "", errno);
+    return new (memory) Shared;
+}
+
+Served fileSystemsOf(const std::vector<std::string>& directories) {
+    Served served;
+    for (const std::string& directory : directories) {
+        struct stat st {};
+        if (::stat(directory.c_str(), &st) < 0)
+            throw systemFailure("Failed to stat ", directory, errno);
+        if (!S_ISDIR(st.st_mode))
+            throw systemFailure("Failed to serve ", directory, ENOTDIR);
+        if (::getxattr(directory.c_str(), kStubMark, nullptr, 0) < 0 && errno == EOPNOTSUPP)
+            throw Failure(QZHSM_FAILURE, "The file system of " + directory + " has no user attributes");
+        const dev_t fileSystem = fileSystemOf(directory);
+        if (fileSystem == 0)
+            throw systemFailure("Failed to find the file system of ", directory, errno);
+        served.emplace(fileSystem, directory);
+    }
+    return served;
+}
+
+/// A second service on the same file system would answer the first one's readers.
+int lockFileSystem(const std::string& socket, const std::string& directory) {
+    const std::string path = socket + ".lock";
+    constexpr mode_t kMode = 0600;
+    const int lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kMode);
+    if (lock < 0)
+        throw systemFailure("Failed to open ", path, errno);
+    if (::flock(lock, LOCK_EX | LOCK_NB) < 0)
+        throw Failure(QZHSM_BUSY, "The file system of " + directory + " is served already");
+    return lock;
+}
+
+/// The group that an earlier service parked with the service manager, or -1.
+int parkedGroup() {
+    char** names = nullptr;
+    const int count = ::sd_listen_fds_with_names(1, &names);
+    int group = -1;
+    for (int i = 0; i < count; ++i) {
+        if (std::string(names[i]) == kParkedName)
+            group = SD_LISTEN_FDS_START + i;
+        std::free(names[i]);
+    }
+    std::free(names);
+    return group;
+}
+
+/// Nobody knows the files of accesses that a service had read before all its processes died.
+void refuseForgotten(PreContentGroup& group) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    constexpr rlim_t kMost = 1 << 20;
+    for (rlim_t number = 0; number < std::min(limit.rlim_cur, kMost); ++number)
+        group.denyNumber(static_cast<int>(number), EIO);
+}
+
+PreContentGroup openGroup() {
+    const int parked = parkedGroup();
+    if (parked >= 0) {
+        PreContentGroup group{UniqueFd(::fcntl(parked, F_DUPFD, STDERR_FILENO + 1))};
+        ::close(parked);
+        refuseForgotten(group);
+        return group;
+    }
+    PreContentGroup group;
+    const int err = group.create();
+    if (err == EPERM)
+        throw Failure(QZHSM_FAILURE, "This needs the capability CAP_SYS_ADMIN", "Run it as root.");
+    if (err != 0)
+        throw systemFailure("The kernel hands out no pre-content events", "", err);
+    return group;
+}
+
+void mark(PreContentGroup& group, const std::string& directory) {
+    const int err = group.mark(directory);
+    if (err == EINVAL || err == EOPNOTSUPP)
+        throw Failure(QZHSM_FAILURE,
+                      "The kernel has no pre-content events for the file system of " + directory,
+                      "It takes Linux 6.14 and ext4, xfs or btrfs.");
+    if (err != 0)
+        throw systemFailure("Failed to watch ", directory, err);
+}
+
+/// A parked group has the marks of what was served before, and does not ask about files that tools may have
+/// made stubs since.
+void forget(PreContentGroup& group, const Served& served) {
+    group.heedAll();
+    for (const dev_t fileSystem : markedFileSystems(group.descriptor())) {
+        if (served.contains(fileSystem))
+            continue;
+        for (const std::string& point : mountPointsOf(fileSystem))
+            if (group.unmark(point) == 0)
+                say("no longer serving " + point);
+    }
+}
+
+/// Whether the group may outlive all processes: not if it would keep the next service from being started.
+bool mayBeParked(const Served& served, const std::string& runtimeDirectory) {
+    std::set<dev_t> needed = ownFileSystems();
+    needed.insert({fileSystemOf(ConfigFile::path()), fileSystemOf(runtimeDirectory)});
+    return std::ranges::none_of(served, [&](const auto& each) { return needed.contains(each.first); });
+}
+
+} // namespace
+
+void begin(Serving& serving) {
+    serving.shared = makeShared();
+    allowManyDescriptors();
+    const std::string& runtime = serving.rules.runtimeDirectory;
+    constexpr mode_t kMode = 0755;
+    ::mkdir(runtime.c_str(), kMode);
+
+    // Nobody answers yet: once the first mark is there, no file must be opened. And once it is there tools
+    // must find the sockets.
+    const Served served = fileSystemsOf(serving.directories);
+    for (const auto& [fileSystem, directory] : served)
+        serving.descriptors.locks.push_back(lockFileSystem(socketPath(runtime, fileSystem), directory));
+    for (const auto& [fileSystem, directory] : served) {
+        serving.sockets.push_back(socketPath(runtime, fileSystem));
+        serving.descriptors.listeners.push_back(ControlSocket::listen(serving.sockets.back()).release());
+    }
+    const bool parks = mayBeParked(served, runtime);
+    if (!parks)
+        say("readers will not wait if all processes die: the program, its configuration or its sockets lie "
+            "on "
+            "a file system that is served");
+    PreContentGroup group = openGroup();
+    for (const auto& [fileSystem, directory] : served)
+        mark(group, directory);
+    forget(group, served);
+    group.ignore(STDERR_FILENO); // perhaps a file there, to which whoever has nobody to answer him writes
+    serving.descriptors.group = ::fcntl(group.descriptor(), F_DUPFD, STDERR_FILENO + 1);
+    if (parks)
+        ::sd_pid_notify_with_fds(0, 0, "FDSTORE=1\nFDNAME=events", &serving.descriptors.group, 1);
+}

@@ -1,0 +1,6 @@
+#pragma once
+
+#include "tools/qzhsmd/Serving.h"
+
+/// Marks the file systems of the directories, and makes what all processes share. Throws `Failure`.
+void begin(Serving& serving);
