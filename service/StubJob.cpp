@@ -145,6 +145,9 @@ void StubJob::make(const std::string& path, const std::function<int()>& act) {
         }
     }
     m_isMade = true;
+    // A service that has begun meanwhile could not see what the file was about to become.
+    if (!m_isKept && m_kind.announces())
+        m_kind.announce(m_file.fd());
     if (m_kind.keepsTextInFile())
         try {
             completeText();

@@ -34,9 +34,12 @@ public:
     QZHSMLowLevel& backEnd() const { return m_backEnd; }
 
     /// Whom to tell of a file, open as this descriptor, that is about to become a stub, once that shows on
-    /// it.
-    void onAnnounce(std::function<void(int fd)> tell) { m_announce = std::move(tell); }
-    bool announces() const { return static_cast<bool>(m_announce); }
+    /// it; and whether there is anybody now, which may change.
+    void onAnnounce(std::function<bool()> isAnybody, std::function<void(int fd)> tell) {
+        m_isAnybody = std::move(isAnybody);
+        m_announce = std::move(tell);
+    }
+    bool announces() const { return m_isAnybody && m_isAnybody(); }
     void announce(int fd) const { m_announce(fd); }
 
     // --- Any file ---
@@ -137,6 +140,7 @@ protected:
 
 private:
     QZHSMLowLevel& m_backEnd;
+    std::function<bool()> m_isAnybody;
     std::function<void(int)> m_announce;
 };
 

@@ -5,55 +5,47 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/file.h>
+#include <set>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
 
-constexpr const char* kLock = "/lock";
-
-UniqueFd openLock(const std::string& runtimeDirectory) {
-    constexpr mode_t kMode = 0755;
-    ::mkdir(runtimeDirectory.c_str(), kMode);
-    return UniqueFd(
-        ::open((runtimeDirectory + kLock).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-}
-
-/// Connected to each service that answers.
-std::vector<UniqueFd> connectToAll(const std::string& runtimeDirectory) {
-    std::vector<UniqueFd> services;
-    std::error_code none;
-    for (const auto& entry : std::filesystem::directory_iterator(runtimeDirectory, none)) {
-        if (entry.path().extension() != ".sock")
-            continue;
-        const sockaddr_un address = socketAddress(entry.path());
-        UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        if (!fd.isOpen())
-            throw systemFailure("Failed to make a socket", "", errno);
-        if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-            services.push_back(std::move(fd));
-        else if (errno != ECONNREFUSED && errno != ENOENT) // nobody serves it any more
-            throw systemFailure("Failed to reach the recall service at ", entry.path().native(), errno);
-    }
-    return services;
-}
-
+/// What a service answers; nothing if it has closed the connection.
 std::string request(int service, const std::string& text, const std::vector<int>& files) {
     int err = sendMessage(service, text, files);
     std::string answer;
     std::vector<UniqueFd> none;
     while (err == 0 && (err = receiveMessage(service, answer, none)) == EINTR)
         err = 0;
-    if (err == 0 && answer.empty())
-        err = ECONNRESET;
+    if (err == EPIPE || err == ECONNRESET)
+        return {};
     if (err != 0)
         throw systemFailure("Failed to ask the recall service for ", text, err);
     return answer;
+}
+
+/// Closed if nobody serves the socket any more.
+UniqueFd connectTo(const std::string& path) {
+    const sockaddr_un address = socketAddress(path);
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!fd.isOpen())
+        throw systemFailure("Failed to make a socket", "", errno);
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    if (errno != ECONNREFUSED && errno != ENOENT)
+        throw systemFailure("Failed to reach the recall service at ", path, errno);
+    return UniqueFd();
+}
+
+std::vector<std::string> socketsIn(const std::string& runtimeDirectory) {
+    std::vector<std::string> sockets;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator(runtimeDirectory, none))
+        if (entry.path().extension() == ".sock")
+            sockets.push_back(entry.path());
+    return sockets;
 }
 
 } // namespace
@@ -63,35 +55,70 @@ std::string socketPath(const std::string& runtimeDirectory, dev_t device) {
            ".sock";
 }
 
-UniqueFd lockOutTools(const std::string& runtimeDirectory) {
-    UniqueFd lock = openLock(runtimeDirectory);
-    if (!lock.isOpen() || ::flock(lock.get(), LOCK_EX) < 0)
-        throw systemFailure("Failed to lock ", runtimeDirectory + kLock, errno);
-    return lock;
+RecallServices::RecallServices(std::string runtimeDirectory)
+    : m_runtimeDirectory(std::move(runtimeDirectory)) {
+    areNone();
 }
 
-RecallServices::RecallServices(const std::string& runtimeDirectory) : m_lock(openLock(runtimeDirectory)) {
-    if (!m_lock.isOpen()) // then no service of root's can be there either
-        return;
-    if (::flock(m_lock.get(), LOCK_SH) < 0)
-        throw systemFailure("Failed to lock ", runtimeDirectory + kLock, errno);
-    m_services = connectToAll(runtimeDirectory);
-    for (const UniqueFd& service : m_services)
-        request(service.get(), "exempt", {});
+bool RecallServices::Service::isStill(const struct stat& st) const {
+    return inode == st.st_ino && made.tv_sec == st.st_ctim.tv_sec && made.tv_nsec == st.st_ctim.tv_nsec;
+}
+
+bool RecallServices::areNone() {
+    for (const std::string& socket : socketsIn(m_runtimeDirectory)) {
+        struct stat st {};
+        if (::lstat(socket.c_str(), &st) < 0 ||
+            std::ranges::any_of(m_services, [&](const Service& known) { return known.isStill(st); }))
+            continue;
+        // One that is starting may give up, and close what it has not answered.
+        for (UniqueFd fd = connectTo(socket); fd.isOpen(); fd = connectTo(socket))
+            if (!request(fd.get(), "exempt", {}).empty()) {
+                m_services.push_back({socket, st.st_ino, st.st_ctim, std::move(fd)});
+                break;
+            }
+    }
+    return m_services.empty();
 }
 
 void RecallServices::heed(const std::vector<int>& files) {
-    for (const UniqueFd& service : m_services)
+    const auto hasHeard = [&](const Service& service) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);
             const auto begin = files.begin() + static_cast<std::ptrdiff_t>(from);
-            request(service.get(), "heed", {begin, begin + static_cast<std::ptrdiff_t>(count)});
+            if (request(service.connection.get(), "heed", {begin, begin + static_cast<std::ptrdiff_t>(count)})
+                    .empty())
+                return false;
         }
+        return true;
+    };
+    for (size_t i = 0; i < m_services.size();) {
+        if (hasHeard(m_services[i])) {
+            ++i;
+            continue;
+        }
+        // One that comes to its end takes its socket away first. Another may be there, and is told as well.
+        const Service& gone = m_services[i];
+        struct stat st {};
+        if (::lstat(gone.socket.c_str(), &st) == 0 && gone.isStill(st))
+            throw Failure(QZHSM_FAILURE, "The recall service at " + gone.socket + " has died",
+                          "Try again when it runs, or when the socket has been removed.");
+        m_services.erase(m_services.begin() + static_cast<std::ptrdiff_t>(i));
+        areNone();
+    }
 }
 
 std::vector<std::string> RecallServices::ask(const std::string& runtimeDirectory, const std::string& text) {
     std::vector<std::string> answers;
-    for (const UniqueFd& service : connectToAll(runtimeDirectory))
-        answers.push_back(request(service.get(), text, {}));
+    std::set<pid_t> asked; // a service has a socket for each file system
+    for (const std::string& socket : socketsIn(runtimeDirectory)) {
+        const UniqueFd fd = connectTo(socket);
+        ucred peer{}; // who made it listen, if we see his processes
+        socklen_t length = sizeof peer;
+        if (!fd.isOpen() || ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0 ||
+            (peer.pid != 0 && !asked.insert(peer.pid).second))
+            continue;
+        if (std::string answer = request(fd.get(), text, {}); !answer.empty())
+            answers.push_back(std::move(answer));
+    }
     return answers;
 }

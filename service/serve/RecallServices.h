@@ -2,7 +2,9 @@
 
 #include "platform/files/UniqueFd.h"
 
+#include <ctime>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -10,25 +12,32 @@
 std::string socketPath(const std::string& runtimeDirectory, dev_t device);
 
 /// The other side: what a program of root's has to tell the services of a machine before it touches stubs.
-/// Where none runs it does nothing.
+/// Where none runs it does nothing. Services may come and go meanwhile: one makes its socket before the
+/// kernel asks it about the first file. So who looks for sockets once it shows on a file that it becomes a
+/// stub finds each service that may have taken the file for an ordinary one.
 class RecallServices {
 public:
-    /// Waits for a service that is just starting, and keeps others from starting while the object lives.
     /// Throws `Failure` if a service does not answer.
-    explicit RecallServices(const std::string& runtimeDirectory);
+    explicit RecallServices(std::string runtimeDirectory);
 
-    /// These files, open in this process, are about to become stubs.
+    /// Looks for services that have come since.
+    bool areNone();
+    /// These files, open in this process, are about to become stubs. Tells those that `areNone` has found.
     void heed(const std::vector<int>& files);
-
-    bool areNone() const { return m_services.empty(); }
 
     /// What each service answers to "status" or "metrics". For callers that only ask.
     static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& text);
 
 private:
-    UniqueFd m_lock;
-    std::vector<UniqueFd> m_services;
-};
+    struct Service {
+        std::string socket;
+        ino_t inode;
+        timespec made; ///< a file system may give the number of an inode again
+        UniqueFd connection;
 
-/// Held by a service while it starts.
-UniqueFd lockOutTools(const std::string& runtimeDirectory);
+        bool isStill(const struct stat& st) const;
+    };
+
+    std::string m_runtimeDirectory;
+    std::vector<Service> m_services;
+};

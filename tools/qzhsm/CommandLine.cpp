@@ -246,8 +246,7 @@ OwnBackEnd::OwnBackEnd(const std::string& fsName, int kind) : m_registry(kind) {
     if (!m_kind->keepsTextInFile())
         return;
     m_services = std::make_unique<RecallServices>(ServeRules::readRuntimeDirectory());
-    if (!m_services->areNone())
-        m_kind->onAnnounce([this](int fd) { m_services->heed({fd}); });
+    m_kind->onAnnounce([this] { return !m_services->areNone(); }, [this](int fd) { m_services->heed({fd}); });
 }
 
 void CommandLine::run(Report& report) {

@@ -123,7 +123,7 @@ void mark(PreContentGroup& group, const std::string& directory) {
 
 /// A parked group has the marks of what was served before, and does not ask about files that tools may have
 /// made stubs since.
-void forget(PreContentGroup& group, const Served& served) {
+void forget(PreContentGroup& group, const Served& served, const std::string& runtimeDirectory) {
     group.heedAll();
     for (const dev_t fileSystem : markedFileSystems(group.descriptor())) {
         if (served.contains(fileSystem))
@@ -131,6 +131,12 @@ void forget(PreContentGroup& group, const Served& served) {
         for (const std::string& point : mountPointsOf(fileSystem))
             if (group.unmark(point) == 0)
                 say("no longer serving " + point);
+        try { // else tools would take its service for one that has died
+            const std::string socket = socketPath(runtimeDirectory, fileSystem);
+            const UniqueFd lock(lockFileSystem(socket, ""));
+            ::unlink(socket.c_str());
+        } catch (const Failure&) { // another one serves it by now
+        }
     }
 }
 
@@ -167,7 +173,7 @@ void begin(Serving& serving) {
     PreContentGroup group = openGroup();
     for (const auto& [fileSystem, directory] : served)
         mark(group, directory);
-    forget(group, served);
+    forget(group, served, runtime);
     group.ignore(STDERR_FILENO); // perhaps a file there, to which whoever has nobody to answer him writes
     serving.descriptors.group = ::fcntl(group.descriptor(), F_DUPFD, STDERR_FILENO + 1);
     if (parks)

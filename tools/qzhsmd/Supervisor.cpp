@@ -88,8 +88,8 @@ void Supervisor::run() {
             if (m_shared.isToEnd)
                 break;
         }
-        if (m_shared.standby < 0 && !startStandby() && !std::exchange(m_complained, true))
-            complain("nobody watches over this process: no other one can be started");
+        if (m_shared.standby < 0 && startStandby())
+            continue;
         wait();
     }
     refuseNew(); // unless the worker has closed the group
@@ -161,7 +161,8 @@ void Supervisor::tellReady() const {
 
 // --- The standby ---
 
-/// It becomes a child of init: the worker is this process's only one, by which it can be found.
+/// True in the standby, once it has taken this process's place. It becomes a child of init: the worker is
+/// this process's only one, by which it can be found.
 bool Supervisor::startStandby() {
     const pid_t between = startProcess(nullptr);
     if (between == 0) {
@@ -172,7 +173,9 @@ bool Supervisor::startStandby() {
     }
     if (between > 0)
         ::waitpid(between, nullptr, 0);
-    return m_shared.standby >= 0;
+    if (m_shared.standby < 0 && !std::exchange(m_complained, true))
+        complain("nobody watches over this process: no other one can be started");
+    return false;
 }
 
 void Supervisor::standBy() {
