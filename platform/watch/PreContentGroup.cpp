@@ -22,8 +22,10 @@ struct RangeRecord {
 
 constexpr std::uint64_t kEvents = FAN_OPEN_PERM | kPreAccess;
 
-/// No other descriptor of ours is open for appending without writing.
-constexpr int kHeldFlags = O_RDONLY | O_LARGEFILE | O_NOATIME | O_APPEND;
+/// No other descriptor of ours is open for appending without writing. The kernel opens it while it hands out
+/// the event: with O_NONBLOCK it waits for nobody who holds a lease on the file, which would hold up all
+/// others.
+constexpr int kHeldFlags = O_RDONLY | O_LARGEFILE | O_NOATIME | O_APPEND | O_NONBLOCK;
 
 std::string pathOf(int fd) {
     return "/proc/self/fd/" + std::to_string(fd);

@@ -48,8 +48,9 @@ public:
     /// Of all files.
     void heedAll();
 
-    /// Adds what waits, if anything does. EAGAIN: nothing does. EMFILE: the descriptor table was full, and a
-    /// reader got EPERM.
+    /// Adds what waits, if anything does. EAGAIN: nothing does, or somebody holds a lease on the next one's
+    /// file, and whoever opened that got EPERM. EMFILE: the descriptor table was full, and a reader got
+    /// EPERM.
     int read(std::vector<HeldAccess>& held);
 
     /// Lets an access go on.
