@@ -27,20 +27,30 @@ void flush(const RecallJob& job) {
     flushOne(job.flushable(), job.file().name());
 }
 
+/// Nobody gets a lease on what is open for writing; whoever had one would hold up the thread that writes.
+UniqueFd keepLeasesAway(const OpenFile& file) {
+    UniqueFd writable(::open(file.path().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!writable.isOpen() && errno == EWOULDBLOCK)
+        throw Failure(QZHSM_BUSY, "Somebody holds a lease on " + file.name());
+    return writable; // for any other reason the recall's own writes fail too
+}
+
 } // namespace
 
 /// One recall, which can be left and gone on with.
 class RecallRunner::Recall {
 public:
-    Recall(RecallService& service, RecallService::Stub stub, StubKind& kind, OpenFile file)
-        : m_service(service), m_stub(std::move(stub)), m_job(kind, std::move(file), false, m_observer) {}
+    Recall(RecallService& service, RecallService::Stub stub, StubKind& kind, OpenFile file,
+           UniqueFd leaseless)
+        : m_service(service), m_stub(std::move(stub)), m_leaseless(std::move(leaseless)),
+          m_job(kind, std::move(file), false, m_observer) {}
 
     const RecallService::Stub& stub() const { return m_stub; }
 
-    /// False if there is nothing to bring.
-    bool begin(NamedStores& stores) {
-        if (m_job.isDone())
-            return false;
+    /// Whether there is nothing to bring.
+    bool isDone() { return m_job.isDone(); }
+
+    void begin(NamedStores& stores) {
         const StubMetadata metadata = readMetadata(m_job.file(), m_job.look());
         Store& store = stores.find(metadata);
         auto source = std::make_unique<StoreSource>(
@@ -58,7 +68,6 @@ public:
             m_job.beginPieces();
         else if (m_next != 0)
             m_source->goTo(0);
-        return true;
     }
 
     /// False if it came to its end, true if others are more urgent.
@@ -76,6 +85,7 @@ public:
                      // read
         m_service.settle(*m_stub);
         flush(m_job);
+        m_leaseless = UniqueFd(); // what is open for writing cannot be executed
         return false;
     }
 
@@ -102,6 +112,7 @@ private:
 
     RecallService& m_service;
     RecallService::Stub m_stub;
+    UniqueFd m_leaseless;
     LogObserver m_observer;
     RecallJob m_job;
     StoreSource* m_source = nullptr; ///< the job's
@@ -142,22 +153,13 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
         if (!fd.isOpen())
             throw systemFailure("Failed to open ", name, errno);
         const OpenFile file = OpenFile::of(std::move(fd), name);
-        {
-            const UniqueFd lock = waitForHold(*stub, file);
-            if (settle(stub, file, m_kind.look(file, true)))
-                return m_service.done(stub, false);
+        try {
+            serve(stub, file);
+        } catch (const Failure& failure) {
+            // Whoever archives or recalls the file by hand is waited for.
+            if (failure.code() != QZHSM_BUSY || !m_service.postpone(stub, file.stat().st_blocks))
+                throw;
         }
-        auto recall = std::make_unique<Recall>(
-            m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), name));
-        RecallService::log("recalling " + name + " for " + stub->cause());
-        bool isBegun = false;
-        guarded(*recall, [&] {
-            isBegun = recall->begin(m_stores);
-            if (!isBegun)
-                m_service.done(stub, false);
-        });
-        if (isBegun)
-            goOn(std::move(recall));
     } catch (const Failure& failure) {
         m_service.fail(stub, failure);
     } catch (const std::bad_alloc&) {
@@ -165,15 +167,32 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
     }
 }
 
-/// Whoever archives or recalls the file by hand is waited for; but he may wait here himself, if this process
-/// took his access over from one that died.
-UniqueFd RecallRunner::waitForHold(ServedStub& stub, const OpenFile& file) {
-    constexpr int kPatience = 50;
-    return m_kind.waitForHold(file, [&](int pauses) {
-        if (pauses == kPatience)
-            m_service.refuseUnknown(stub);
-        return !m_service.isStopping();
+/// Throws only what came before the recall.
+void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) {
+    UniqueFd leaseless;
+    {
+        const UniqueFd lock = m_kind.hold(file);
+        leaseless = keepLeasesAway(file);
+        if (settle(stub, file, m_kind.look(file, true))) {
+            leaseless = UniqueFd();
+            return m_service.done(stub, false);
+        }
+    }
+    auto recall = std::make_unique<Recall>(
+        m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
+        std::move(leaseless));
+    if (recall->isDone()) {
+        recall.reset();
+        return m_service.done(stub, false);
+    }
+    RecallService::log("recalling " + file.name() + " for " + stub->cause());
+    bool isBegun = false;
+    guarded(*recall, [&] {
+        recall->begin(m_stores);
+        isBegun = true;
     });
+    if (isBegun)
+        goOn(std::move(recall));
 }
 
 /// What users did wins. True if the file is none to recall.

@@ -23,7 +23,7 @@ private:
     class Recall;
 
     void serve(const RecallService::Stub& stub);
-    UniqueFd waitForHold(ServedStub& stub, const OpenFile& file);
+    void serve(const RecallService::Stub& stub, const OpenFile& file);
     bool settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look);
     void goOn(std::unique_ptr<Recall> recall);
     template <class Act>

@@ -88,6 +88,8 @@ void RecallService::stop() {
         const std::lock_guard lock(m_mutex);
         if (m_stopping.exchange(true))
             return;
+        for (const auto& [when, stub] : std::exchange(m_later, {}))
+            refuse(*stub);
         for (const Stub& stub : m_queue)
             refuse(*stub);
         m_queue.clear();
@@ -284,16 +286,37 @@ void RecallService::reconsider(ServedStub& stub) {
 
 RecallService::Stub RecallService::next(bool wait) {
     std::unique_lock lock(m_mutex);
-    if (wait) {
+    while (wait && !hasWork() && !m_stopping) {
         ++m_idle;
-        m_queued.wait(lock, [this] { return !m_queue.empty() || m_stopping; });
+        if (m_later.empty())
+            m_queued.wait(lock);
+        else
+            m_queued.wait_until(lock, Clock::time_point(m_later.begin()->first));
         --m_idle;
     }
-    if (m_queue.empty())
+    if (!hasWork())
         return {};
     Stub stub = std::move(m_queue.front());
     m_queue.pop_front();
     return stub;
+}
+
+bool RecallService::hasWork() {
+    for (const auto now = Clock::now(); !m_later.empty() && m_later.begin()->first <= now;
+         m_later.erase(m_later.begin()))
+        m_queue.push_front(m_later.begin()->second);
+    return !m_queue.empty();
+}
+
+bool RecallService::postpone(const Stub& stub, long long blocks) {
+    const std::lock_guard lock(m_mutex);
+    std::optional<Clock::time_point> when;
+    counted(*stub, [&] { when = stub->heldUp(blocks, Clock::now()); });
+    if (!when || m_stopping)
+        return false;
+    m_later.emplace(*when, stub);
+    m_queued.notify_one(); // not to wait for longer than that
+    return true;
 }
 
 void RecallService::begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize) {
@@ -326,19 +349,14 @@ void RecallService::settle(ServedStub& stub) {
     counted(stub, [&] { stub.settle(); });
 }
 
-bool RecallService::isLessUrgent(const ServedStub& stub) const {
+bool RecallService::isLessUrgent(const ServedStub& stub) {
     const std::lock_guard lock(m_mutex);
-    return stub.waiting() == 0 && !m_queue.empty() && m_idle == 0;
+    return stub.waiting() == 0 && hasWork() && m_idle == 0;
 }
 
 bool RecallService::isAwaited(const ServedStub& stub) const {
     const std::lock_guard lock(m_mutex);
     return stub.waiting() > 0;
-}
-
-void RecallService::refuseUnknown(ServedStub& stub) {
-    const std::lock_guard lock(m_mutex);
-    counted(stub, [&] { stub.denyUnknown(EIO); });
 }
 
 bool RecallService::isGivenUp(ServedStub& stub) {
@@ -382,7 +400,7 @@ void RecallService::refuse(ServedStub& stub) {
 ServeStatus RecallService::status() const {
     const std::lock_guard lock(m_mutex);
     ServeStatus status = m_counts;
-    status.queued = m_queue.size();
+    status.queued = m_queue.size() + m_later.size();
     for (const auto& [key, stub] : m_stubs)
         status.running.push_back({stub->name(), stub->cause(), stub->waiting(), stub->bytes(),
                                   std::chrono::duration<double>(Clock::now() - stub->since()).count()});

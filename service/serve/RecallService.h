@@ -69,11 +69,12 @@ public:
     void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
     void settle(ServedStub& stub);
     /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
-    bool isLessUrgent(const ServedStub& stub) const;
+    bool isLessUrgent(const ServedStub& stub);
     bool isAwaited(const ServedStub& stub) const;
+    /// Somebody else holds this file, which has so many blocks: it comes again by `next`, while others get
+    /// their turn. False if it is to fail.
+    bool postpone(const Stub& stub, long long blocks);
     bool isGivenUp(ServedStub& stub);
-    /// Has accesses that an earlier process had read fail: nobody knows whose they are.
-    void refuseUnknown(ServedStub& stub);
     bool isSeen(const ServedStub& stub) const;
     /// True if nobody has seen a part of the data. Then nobody will, and it may be taken out again.
     bool takeBack(ServedStub& stub);
@@ -95,6 +96,7 @@ private:
     void reconsider(ServedStub& stub);
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);
+    bool hasWork();
     bool isFull(std::uint64_t most) const;
     void logLater(std::string line);
 
@@ -103,6 +105,7 @@ private:
     ServeRules m_rules;
     std::map<FileKey, Stub> m_stubs; ///< those that are waited for or recalled
     std::deque<Stub> m_queue;        ///< those of them that nobody works on
+    std::multimap<std::chrono::steady_clock::time_point, Stub> m_later; ///< the same, from then on
     std::condition_variable m_queued;
     std::condition_variable m_stopped;
     int m_idle = 0; ///< threads that wait for work

@@ -1,6 +1,7 @@
 #include "service/serve/ServedStub.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 
 void ServedStub::add(const HeldAccess& access, Need need) {
@@ -11,6 +12,18 @@ void ServedStub::add(const HeldAccess& access, Need need) {
         allow(waiting);
     else
         m_waiting.push_back(waiting);
+}
+
+std::optional<ServedStub::Clock::time_point> ServedStub::heldUp(long long blocks, Clock::time_point now) {
+    using namespace std::chrono_literals;
+    if (std::exchange(m_heldBlocks, blocks) != blocks)
+        m_heldSince = now;
+    const Clock::duration waited = now - m_heldSince;
+    if (waited >= 60s)
+        return {};
+    if (waited >= 1s) // whoever holds it may wait here himself, for a process that died had heard of him
+        denyUnknown(EIO);
+    return now + std::clamp<Clock::duration>(waited / 4, 20ms, 1s);
 }
 
 void ServedStub::begin(std::uint64_t pieces, std::uint64_t pieceSize) {

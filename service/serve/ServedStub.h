@@ -30,6 +30,8 @@ struct FileKey {
 /// A stub, or what may be one, and the accesses that wait for it. Not locked by itself.
 class ServedStub {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /// `cause` tells who asked first.
     ServedStub(PreContentGroup& group, FileKey key, std::string name, std::string cause)
         : m_group(group), m_key(key), m_name(std::move(name)), m_cause(std::move(cause)) {}
@@ -37,7 +39,7 @@ public:
     const FileKey& key() const { return m_key; }
     const std::string& name() const { return m_name; }
     const std::string& cause() const { return m_cause; }
-    std::chrono::steady_clock::time_point since() const { return m_since; }
+    Clock::time_point since() const { return m_since; }
     std::uint64_t bytes() const { return m_bytes; }
     /// Of one of the accesses, or of one that was answered already.
     int fd() const { return m_fd.get(); }
@@ -47,6 +49,10 @@ public:
 
     /// Asks for each access whose need is not clear what it is; nothing lets it go on.
     void reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf);
+
+    /// Somebody else holds the file, which has so many blocks now. When to look again; nothing if this has
+    /// gone on for long, and the file has not grown.
+    std::optional<Clock::time_point> heldUp(long long blocks, Clock::time_point now);
 
     /// The recall has begun; so many pieces are to come, of `pieceSize` bytes each.
     void begin(std::uint64_t pieces, std::uint64_t pieceSize);
@@ -89,12 +95,14 @@ private:
     FileKey m_key;
     std::string m_name;
     std::string m_cause;
-    std::chrono::steady_clock::time_point m_since = std::chrono::steady_clock::now();
+    Clock::time_point m_since = Clock::now();
     std::uint64_t m_bytes = 0;
     UniqueFd m_fd;
     std::vector<Waiting> m_waiting;
     std::vector<bool> m_filled;
     std::uint64_t m_pieceSize = 1;
+    Clock::time_point m_heldSince{};
+    long long m_heldBlocks = -1;
     bool m_begun = false;
     bool m_settled = false;
     bool m_seen = false;

@@ -89,6 +89,24 @@ TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
     EXPECT_FALSE(stub.takeBack()) << "somebody has seen it";
 }
 
+TEST_F(ServedStubTest, WaitsForWhoeverHoldsTheFileButNotForEver) {
+    using namespace std::chrono_literals;
+    HeldAccess unknown = access();
+    unknown.tid = 0;
+    const HeldAccess known = access();
+    for (const HeldAccess& data : {unknown, known})
+        stub.add(data, Need::Data);
+    const ServedStub::Clock::time_point start{1h};
+    EXPECT_EQ(stub.heldUp(8, start), start + 20ms);
+    EXPECT_EQ(stub.heldUp(16, start + 900ms), start + 920ms) << "it grows, as by a recall";
+    EXPECT_EQ(stub.heldUp(16, start + 1700ms), start + 1900ms);
+    EXPECT_TRUE(waits(unknown));
+    EXPECT_EQ(stub.heldUp(16, start + 10s), start + 11s);
+    EXPECT_FALSE(waits(unknown)) << "it may be whoever holds the file";
+    EXPECT_TRUE(waits(known));
+    EXPECT_EQ(stub.heldUp(16, start + 61s), std::nullopt);
+}
+
 TEST_F(ServedStubTest, HasAnEmptyFileWaitForItsEnd) {
     const HeldAccess range = access();
     stub.add(range, Need::Range);

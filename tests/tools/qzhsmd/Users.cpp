@@ -1,5 +1,6 @@
 // What users do to the recall service that a shell cannot:
 // Users lease FILE: makes a file that looks half archived, and holds a lease on it; prints "leased".
+// Users share FILE: holds a lease for reading on a file that is there; prints "leased".
 // Users thread PROGRAM THREAD FILE: reads a byte of the file, by a thread of that name in a program of that
 // name.
 
@@ -17,17 +18,21 @@
 
 namespace {
 
-int lease(const char* path) {
+int lease(const char* path, int flags, int kind) {
     std::signal(SIGIO, SIG_IGN); // that somebody wants it back
-    if (::mknod(path, S_IFREG | 0644, 0) < 0 || ::setxattr(path, "user.TSTUB", "x", 1, 0) < 0)
-        return 1;
-    const int fd = ::open(path, O_RDWR);
-    while (::fcntl(fd, F_SETLEASE, F_WRLCK) < 0) // others may have it open for a moment
+    const int fd = ::open(path, flags);
+    while (::fcntl(fd, F_SETLEASE, kind) < 0) // others may have it open for a moment
         if (errno != EAGAIN)
             return 1;
     std::puts("leased");
     std::fflush(stdout);
     return ::pause();
+}
+
+int leaseNew(const char* path) {
+    if (::mknod(path, S_IFREG | 0644, 0) < 0 || ::setxattr(path, "user.TSTUB", "x", 1, 0) < 0)
+        return 1;
+    return lease(path, O_RDWR, F_WRLCK);
 }
 
 int readByThread(const char* program, const char* thread, const char* path) {
@@ -47,7 +52,11 @@ int readByThread(const char* program, const char* thread, const char* path) {
 
 } // namespace
 
-int main(int argc, char** argv) {
-    return std::string(argv[1]) == "lease" && argc == 3 ? lease(argv[2])
-                                                        : readByThread(argv[2], argv[3], argv[4]);
+int main(int, char** argv) {
+    const std::string what = argv[1];
+    if (what == "lease")
+        return leaseNew(argv[2]);
+    if (what == "share")
+        return lease(argv[2], O_RDONLY, F_RDLCK);
+    return readByThread(argv[2], argv[3], argv[4]);
 }

@@ -7,12 +7,39 @@ users=$3
 # Whoever holds a lease on a file, which takes whoever opens it 45 seconds to break, holds nobody else up.
 echo other >"$fs/other"
 start
-"$users" lease "$fs/leased" >"$work/leased" &
-leaser=$!
-for ((i = 0; i < 100; i++)); do grep -q leased "$work/leased" && break; sleep 0.05; done
+# leases WORD FILE: by $leaser.
+leases() {
+    rm -f "$work/leased"
+    "$users" "$@" >"$work/leased" &
+    leaser=$!
+    for ((i = 0; i < 100; i++)); do grep -q leased "$work/leased" 2>/dev/null && return; sleep 0.05; done
+    fail "no lease"
+}
+leases lease "$fs/leased"
 timeout -s KILL 5 cat "$fs/leased" 2>"$work/said" && fail "a leased file was opened"
 grep -q 'Operation not permitted' "$work/said" || fail "to open a leased file: $(<"$work/said")"
 [ "$(timeout -s KILL 5 cat "$fs/other")" = other ] || fail "a lease holds others up"
 kill $leaser
+stop
+
+# Nor does whoever locks or leases a stub, whose readers wait for that in the queue.
+archived "$fs"/{locked,shared,free}
+configure "rangePrograms = bash service_users" 'rangeFrom = 1M' 'workers = 1'
+start
+(exec 8<"$fs/locked" && flock -s 8 && exec sleep 60) &
+locker=$!
+while [ "$(cat /proc/$locker/comm)" != sleep ]; do sleep 0.01; done
+leases share "$fs/shared"
+readers=()
+for file in locked shared; do
+    cat "$fs/$file" >"$work/$file" &
+    readers+=($!)
+done
+sleep 0.5
+timeout -s KILL 5 cat "$fs/free" | cmp -s - "$work/data" || fail "a lock or a lease holds others up"
+expect 0 'stubs in the queue +2' status
+kill $locker $leaser
+wait "${readers[@]}"
+for file in locked shared; do same "$work/$file" "$work/data"; done
 stop
 finish
