@@ -73,7 +73,8 @@ void PreContentGroup::heedAll() {
 }
 
 int PreContentGroup::read(std::vector<HeldAccess>& held) {
-    alignas(fanotify_event_metadata) char buffer[16384];
+    alignas(
+        fanotify_event_metadata) char buffer[4096]; // for some 170 events, each of which takes a descriptor
     const ssize_t got = ::read(m_group.get(), buffer, sizeof buffer);
     if (got < 0)
         return errno;

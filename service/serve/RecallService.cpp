@@ -22,8 +22,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kPolling = std::chrono::microseconds(100);
 /// Until there may be room again, in microseconds.
 constexpr useconds_t kPause = 1000;
-/// Descriptors that are left for recalls.
-constexpr rlim_t kReserve = 1024;
 
 std::string pathOf(int fd) {
     char path[PATH_MAX];
@@ -44,11 +42,14 @@ bool hasStubText(int fd) {
     return got > 0 && beginsWithStubText({head, static_cast<size_t>(got)});
 }
 
-rlim_t mostDescriptors() {
+/// Whether what waits leaves too few descriptors for the recalls. To leave further events unread is no way
+/// out: among them are those of the recalls' own writes.
+bool isTableFull() {
+    constexpr rlim_t kReserve = 1024;
     rlimit limit{};
-    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > 2 * kReserve
-               ? limit.rlim_cur - kReserve
-               : kReserve;
+    struct stat table {};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && ::stat("/proc/self/fd", &table) == 0 &&
+           static_cast<rlim_t>(table.st_size) > limit.rlim_cur - std::min(kReserve, limit.rlim_cur / 2);
 }
 
 } // namespace
@@ -101,6 +102,8 @@ void RecallService::stop() {
 void RecallService::setRules(ServeRules rules) {
     const std::lock_guard lock(m_mutex);
     m_rules = std::move(rules);
+    m_free = {};
+    m_stopped.notify_all();
 }
 
 void RecallService::log(const std::string& text) {
@@ -143,11 +146,6 @@ bool RecallService::isPassed(pid_t tid) {
 
 // --- Answering ---
 
-bool RecallService::isFull(std::uint64_t most) const {
-    const std::lock_guard lock(m_mutex);
-    return m_counts.waiting > most;
-}
-
 /// Whoever answers must not wait for the log, which may lie on the file system that is served. Of what comes
 /// faster than it can be written some is left out.
 void RecallService::logLater(std::string line) {
@@ -159,7 +157,6 @@ void RecallService::logLater(std::string line) {
 
 void RecallService::watch(const std::stop_token& token) {
     const OwnThread own(*this);
-    const rlim_t most = mostDescriptors();
     std::vector<HeldAccess> held;
     auto last = Clock::now();
     while (!token.stop_requested()) {
@@ -167,10 +164,6 @@ void RecallService::watch(const std::stop_token& token) {
             pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
             if (::poll(fds, std::size(fds), -1) <= 0 || fds[1].revents != 0)
                 continue;
-        }
-        if (isFull(most)) { // what is not read waits as well
-            ::usleep(kPause);
-            continue;
         }
         held.clear();
         const int err = m_group.read(held);
@@ -234,6 +227,11 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
         return m_group.allow(access.fd);
     if (m_stopping)
         return m_group.deny(access.fd, EIO);
+    if (isTableFull()) {
+        logLater("refused " + program + " (" + std::to_string(access.tid) +
+                 "), as too many others wait: " + pathOf(access.fd));
+        return m_group.deny(access.fd, EIO);
+    }
     const FileKey key{st.st_dev, st.st_ino};
     Stub& stub = m_stubs[key];
     if (!stub) {
@@ -341,7 +339,9 @@ void RecallService::fill(ServedStub& stub, std::uint64_t piece, std::uint64_t by
     const auto cost =
         std::chrono::duration<double>(static_cast<double>(bytes) / static_cast<double>(m_rules.bandwidth));
     m_free = std::max(m_free, Clock::now()) + std::chrono::duration_cast<Clock::duration>(cost);
-    m_stopped.wait_until(lock, Clock::time_point(m_free), [this] { return m_stopping.load(); });
+    const Clock::time_point until = m_free;
+    m_stopped.wait_until(lock, until,
+                         [&] { return m_stopping || m_free < until; }); // or the rules have changed
 }
 
 void RecallService::settle(ServedStub& stub) {

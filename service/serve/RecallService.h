@@ -97,7 +97,6 @@ private:
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);
     bool hasWork();
-    bool isFull(std::uint64_t most) const;
     void logLater(std::string line);
 
     PreContentGroup& m_group;

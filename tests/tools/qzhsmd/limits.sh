@@ -42,4 +42,34 @@ kill $locker $leaser
 wait "${readers[@]}"
 for file in locked shared; do same "$work/$file" "$work/data"; done
 stop
+
+# More readers than the service has descriptors: those that it has no room for get an I/O error, no other one, and the
+# others their data, as soon as the limit that held them up is lifted.
+head -c 9000 "$work/data" >"$work/small"
+for ((i = 0; i < 240; i++)); do cp "$work/small" "$fs/many$i"; done
+expect 0 '240 archived' archive --store "$store" "$fs"/many*
+configure 'bandwidth = 1'
+ulimit -n 400
+start
+readers=()
+for ((i = 0; i < 240; i++)); do
+    timeout -s KILL 20 cat "$fs/many$i" &>"$work/many$i" &
+    readers+=($!)
+done
+logged 'too many others wait'
+sleep 0.5
+configure
+kill -HUP "$served"
+wait "${readers[@]}"
+served_well=0
+for ((i = 0; i < 240; i++)); do
+    if cmp -s "$work/many$i" "$work/small"; then
+        served_well=$((served_well + 1))
+    else
+        grep -q 'Input/output error' "$work/many$i" || fail "reader $i: $(<"$work/many$i")"
+        cat "$fs/many$i" | cmp -s - "$work/small" || fail "reader $i, once more"
+    fi
+done
+[ $served_well -gt 50 ] || fail "only $served_well were served"
+stop
 finish
