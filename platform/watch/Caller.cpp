@@ -19,6 +19,13 @@ std::string readProc(pid_t tid, const char* name) {
     return got > 0 ? std::string(text, static_cast<size_t>(got)) : std::string();
 }
 
+std::string nameOf(pid_t tid) {
+    std::string name = readProc(tid, "comm");
+    if (name.ends_with('\n'))
+        name.pop_back();
+    return name;
+}
+
 CallerWants wantsByFlags(unsigned long long flags) {
     if ((flags & O_TRUNC) != 0)
         return CallerWants::Truncate;
@@ -69,11 +76,12 @@ CallerWants wantsOf(pid_t tid) {
     return CallerWants::Unclear;
 }
 
-std::string programOf(pid_t tid) {
-    std::string name = readProc(tid, "comm");
-    if (name.ends_with('\n'))
-        name.pop_back();
-    return name;
+CallerProgram programOf(pid_t tid) {
+    if (tid <= 0)
+        return {};
+    CallerProgram program{processOf(tid), {}, nameOf(tid)};
+    program.name = program.process == tid ? program.thread : nameOf(program.process);
+    return program;
 }
 
 std::string controlGroupOf(pid_t tid) {

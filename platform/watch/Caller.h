@@ -15,8 +15,13 @@ enum class CallerWants {
 /// Asks the kernel. Needs CAP_SYS_PTRACE for the threads of other users.
 CallerWants wantsOf(pid_t tid);
 
-/// The thread's name as programs set it, at most 15 bytes; empty if the thread is gone.
-std::string programOf(pid_t tid);
+/// The process of a thread. Names as programs set them, at most 15 bytes; empty if the thread is gone.
+struct CallerProgram {
+    pid_t process = 0;
+    std::string name{};   ///< of its first thread
+    std::string thread{}; ///< of this one
+};
+CallerProgram programOf(pid_t tid);
 /// The thread's control group, "/system.slice/cron.service" for instance; empty if there is none.
 std::string controlGroupOf(pid_t tid);
 /// The process of a thread, or 0.

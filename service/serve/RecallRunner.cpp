@@ -178,6 +178,8 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
             return m_service.done(stub, false);
         }
     }
+    if (m_service.isRefused(stub))
+        return;
     auto recall = std::make_unique<Recall>(
         m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));

@@ -29,6 +29,13 @@ std::string pathOf(int fd) {
     return length > 0 ? std::string(path, static_cast<size_t>(length)) : "a file without a name";
 }
 
+std::string causeOf(const HeldAccess& access) {
+    if (access.tid <= 0)
+        return "programs that waited before";
+    const CallerProgram program = programOf(access.tid);
+    return program.name + " (" + std::to_string(program.process) + ")";
+}
+
 /// 1 or 0 for whether the file carries the attribute, or -1.
 int carries(int fd, const char* name) {
     if (::fgetxattr(fd, name, nullptr, 0) >= 0)
@@ -215,33 +222,25 @@ void RecallService::handle(const HeldAccess& access) {
 }
 
 void RecallService::handleStub(const HeldAccess& access, const struct stat& st) {
-    const std::string program = access.tid > 0 ? programOf(access.tid) : std::string();
-    if (!m_rules.refusePrograms.empty() && access.tid > 0 &&
-        m_rules.isRefused(program, controlGroupOf(access.tid))) {
-        ++m_counts.refused;
-        logLater("refused " + program + " (" + std::to_string(access.tid) + "): " + pathOf(access.fd));
-        return m_group.deny(access.fd, EIO);
-    }
-    const std::optional<Need> need = needOf(access);
-    if (!need)
+    const Need need = needOf(access);
+    if (need == Need::Nothing)
         return m_group.allow(access.fd);
+    if (need == Need::Refused)
+        return m_group.deny(access.fd, EIO);
     if (m_stopping)
         return m_group.deny(access.fd, EIO);
     if (isTableFull()) {
-        logLater("refused " + program + " (" + std::to_string(access.tid) +
-                 "), as too many others wait: " + pathOf(access.fd));
+        logLater("refused " + causeOf(access) + ", as too many others wait: " + pathOf(access.fd));
         return m_group.deny(access.fd, EIO);
     }
     const FileKey key{st.st_dev, st.st_ino};
     Stub& stub = m_stubs[key];
     if (!stub) {
-        stub = std::make_shared<ServedStub>(m_group, key, pathOf(access.fd),
-                                            access.tid > 0 ? program + " (" + std::to_string(access.tid) + ")"
-                                                           : "programs that waited before");
+        stub = std::make_shared<ServedStub>(m_group, key, pathOf(access.fd), causeOf(access));
         m_queue.push_back(stub);
         m_queued.notify_one();
     }
-    counted(*stub, [&] { stub->add(access, *need); });
+    counted(*stub, [&] { stub->add(access, need); });
 }
 
 /// Keeps count of who waits while `act` changes it.
@@ -251,29 +250,25 @@ void RecallService::counted(ServedStub& stub, const std::function<void()>& act) 
     m_counts.waiting += stub.waiting();
 }
 
-std::optional<Need> RecallService::needOf(const HeldAccess& access) const {
-    const auto isByRange = [&] {
-        struct stat st {};
-        return ::fstat(access.fd, &st) == 0 &&
-               m_rules.isByRange(programOf(access.tid), static_cast<std::uint64_t>(st.st_size));
-    };
-    switch (wantsOf(access.tid)) {
-    case CallerWants::Unclear:
+Need RecallService::needOf(const HeldAccess& access) {
+    const CallerWants wants = wantsOf(access.tid);
+    if (wants == CallerWants::Unclear)
         return Need::Unclear;
-    case CallerWants::Truncate:
-        return access.isOpen ? Need::Truncate : Need::Ended;
-    case CallerWants::OpenRead:
-        if (!access.isOpen)
-            break;
-        return isByRange() ? std::nullopt : std::optional(Need::Data);
-    case CallerWants::Read:
-        if (access.isOpen)
-            break;
-        return isByRange() ? Need::Range : Need::Data;
-    case CallerWants::Other:
-        break;
+    if (wants == CallerWants::Truncate && access.isOpen)
+        return Need::Truncate;
+    const bool anyRules = !m_rules.refusePrograms.empty() || !m_rules.rangePrograms.empty();
+    const CallerProgram program = anyRules ? programOf(access.tid) : CallerProgram{};
+    if (!m_rules.refusePrograms.empty() && m_rules.isRefused(program, controlGroupOf(access.tid))) {
+        ++m_counts.refused;
+        logLater("refused " + causeOf(access) + ": " + pathOf(access.fd));
+        return Need::Refused;
     }
-    return Need::Ended;
+    if (wants != (access.isOpen ? CallerWants::OpenRead : CallerWants::Read))
+        return Need::Ended;
+    struct stat st {};
+    if (::fstat(access.fd, &st) < 0 || !m_rules.isByRange(program, static_cast<std::uint64_t>(st.st_size)))
+        return Need::Data;
+    return access.isOpen ? Need::Nothing : Need::Range;
 }
 
 void RecallService::reconsider(ServedStub& stub) {
@@ -364,6 +359,14 @@ bool RecallService::isGivenUp(ServedStub& stub) {
     reconsider(stub);
     // One who was killed while he waited has truncated nothing.
     return stub.isGivenUp([this](const HeldAccess& access) { return needOf(access) == Need::Truncate; });
+}
+
+bool RecallService::isRefused(const Stub& stub) {
+    const std::lock_guard lock(m_mutex);
+    reconsider(*stub);
+    if (stub->isRefused())
+        m_stubs.erase(stub->key());
+    return stub->isRefused();
 }
 
 bool RecallService::isSeen(const ServedStub& stub) const {

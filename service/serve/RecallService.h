@@ -75,6 +75,8 @@ public:
     /// their turn. False if it is to fail.
     bool postpone(const Stub& stub, long long blocks);
     bool isGivenUp(ServedStub& stub);
+    /// True if those who asked for it must not cause recalls. Then the work on it has ended.
+    bool isRefused(const Stub& stub);
     bool isSeen(const ServedStub& stub) const;
     /// True if nobody has seen a part of the data. Then nobody will, and it may be taken out again.
     bool takeBack(ServedStub& stub);
@@ -91,8 +93,7 @@ private:
     void handle(const HeldAccess& access);
     bool isPassed(pid_t tid);
     void handleStub(const HeldAccess& access, const struct stat& st);
-    /// Nothing for an access that need not wait.
-    std::optional<Need> needOf(const HeldAccess& access) const;
+    Need needOf(const HeldAccess& access);
     void reconsider(ServedStub& stub);
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);

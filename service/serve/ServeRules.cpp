@@ -38,6 +38,11 @@ std::set<std::string> wordsOf(const std::string& text) {
     return all;
 }
 
+/// Programs have threads of other names read for them.
+bool isOneOf(const std::set<std::string>& names, const CallerProgram& program) {
+    return names.contains(program.name) || names.contains(program.thread);
+}
+
 } // namespace
 
 ServeRules ServeRules::read() {
@@ -84,11 +89,11 @@ std::string ServeRules::readRuntimeDirectory() {
     return text ? text : ServeRules().runtimeDirectory;
 }
 
-bool ServeRules::isRefused(const std::string& program, const std::string& controlGroup) const {
-    return refusePrograms.contains(program) ||
+bool ServeRules::isRefused(const CallerProgram& program, const std::string& controlGroup) const {
+    return isOneOf(refusePrograms, program) ||
            (!controlGroup.empty() && refusePrograms.contains(controlGroup));
 }
 
-bool ServeRules::isByRange(const std::string& program, std::uint64_t size) const {
-    return size >= rangeFrom && (byRange || rangePrograms.contains(program));
+bool ServeRules::isByRange(const CallerProgram& program, std::uint64_t size) const {
+    return size >= rangeFrom && (byRange || isOneOf(rangePrograms, program));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/watch/Caller.h"
+
 #include <cstdint>
 #include <set>
 #include <string>
@@ -19,6 +21,6 @@ struct ServeRules {
     /// This alone, whatever else there is.
     static std::string readRuntimeDirectory();
 
-    bool isRefused(const std::string& program, const std::string& controlGroup) const;
-    bool isByRange(const std::string& program, std::uint64_t size) const;
+    bool isRefused(const CallerProgram& program, const std::string& controlGroup) const;
+    bool isByRange(const CallerProgram& program, std::uint64_t size) const;
 };

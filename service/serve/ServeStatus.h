@@ -8,7 +8,7 @@
 struct ServeStatus {
     struct Running {
         std::string path;
-        std::string cause; ///< the program that read first, and its thread
+        std::string cause; ///< the program that read first, and its process
         std::uint64_t waiting = 0;
         std::uint64_t bytes = 0; ///< that are there
         double seconds = 0;

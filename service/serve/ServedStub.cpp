@@ -52,21 +52,27 @@ bool ServedStub::isMet(const Waiting& waiting) const {
     case Need::Ended:
     case Need::Truncate:
     case Need::Unclear:
+    case Need::Refused:
         break;
+    case Need::Nothing:
+        return true;
     }
     return false;
 }
 
-void ServedStub::reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf) {
+void ServedStub::reconsider(const std::function<Need(const HeldAccess&)>& needOf) {
     std::erase_if(m_waiting, [&](Waiting& waiting) {
         if (waiting.need != Need::Unclear)
             return false;
-        const std::optional<Need> need = needOf(waiting.access);
-        waiting.need = need.value_or(Need::Range);
-        const bool met = !need || isMet(waiting);
-        if (met)
+        waiting.need = needOf(waiting.access);
+        const bool refused = waiting.need == Need::Refused;
+        const bool met = isMet(waiting);
+        if (refused)
+            m_group.deny(waiting.access.fd, EIO);
+        else if (met)
             allow(waiting);
-        return met;
+        m_refused |= refused;
+        return refused || met;
     });
 }
 

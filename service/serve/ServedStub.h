@@ -12,6 +12,8 @@
 
 /// What has to be there before an access may go on.
 enum class Need {
+    Nothing,  ///< it may go on
+    Refused,  ///< it must not cause a recall, and fails
     Range,    ///< the pieces that it reads
     Data,     ///< all data, and the times: programs look at both
     Ended,    ///< the same on the disk: what they write must not be recalled over after a power cut
@@ -47,8 +49,8 @@ public:
     /// Takes the access over, or lets it go on at once.
     void add(const HeldAccess& access, Need need);
 
-    /// Asks for each access whose need is not clear what it is; nothing lets it go on.
-    void reconsider(const std::function<std::optional<Need>(const HeldAccess&)>& needOf);
+    /// Asks for each access whose need is not clear what it is.
+    void reconsider(const std::function<Need(const HeldAccess&)>& needOf);
 
     /// Somebody else holds the file, which has so many blocks now. When to look again; nothing if this has
     /// gone on for long, and the file has not grown.
@@ -74,6 +76,8 @@ public:
     size_t waiting() const { return m_waiting.size(); }
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
+    /// Whether all accesses so far were refused.
+    bool isRefused() const { return m_refused && m_waiting.empty() && !m_seen; }
     /// Unless somebody may, none of it counts as there any more.
     bool takeBack();
     /// Whether somebody waits, all who do want to truncate the file, by their need and by `stillTruncates`,
@@ -106,4 +110,5 @@ private:
     bool m_begun = false;
     bool m_settled = false;
     bool m_seen = false;
+    bool m_refused = false;
 };

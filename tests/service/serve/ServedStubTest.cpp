@@ -68,13 +68,19 @@ TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
     const HeldAccess unclear = access();
     stub.add(unclear, Need::Unclear);
     EXPECT_FALSE(isGivenUp());
-    stub.reconsider([](const HeldAccess&) { return std::nullopt; });
-    EXPECT_FALSE(waits(unclear)) << "it need not wait";
+    stub.reconsider([](const HeldAccess&) { return Need::Refused; });
+    EXPECT_FALSE(waits(unclear));
+    EXPECT_FALSE(stub.isRefused()) << "somebody else waits";
     EXPECT_TRUE(isGivenUp());
     stub.begin(1, kPiece);
     EXPECT_FALSE(isGivenUp()) << "it is being recalled";
     stub.denyAll(5);
     EXPECT_EQ(stub.waiting(), 0U);
+    EXPECT_TRUE(stub.isRefused());
+    stub.add(access(), Need::Unclear);
+    stub.reconsider([](const HeldAccess&) { return Need::Nothing; });
+    EXPECT_EQ(stub.waiting(), 0U);
+    EXPECT_FALSE(stub.isRefused()) << "somebody went on";
 }
 
 TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {

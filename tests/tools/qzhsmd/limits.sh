@@ -43,6 +43,18 @@ wait "${readers[@]}"
 for file in locked shared; do same "$work/$file" "$work/data"; done
 stop
 
+# Programs are known by their own name as by that of the thread which reads. Who must not cause recalls may truncate.
+archived "$fs"/{refused,new,ranged}
+configure 'refusePrograms = indexer bash' 'rangePrograms = player' 'rangeFrom = 0' 'bandwidth = 1'
+start
+fails "$fs/refused" timeout -s KILL 5 "$users" thread indexer pool
+logged 'refused indexer ('
+echo mine >"$fs/new" || fail "a refused program cannot truncate"
+fails "$fs/refused" timeout -s KILL 5 "$users" thread other bash
+[ "$(<"$fs/new")" = mine ] || fail "a refused program's own data"
+timeout -s KILL 5 "$users" thread player opener "$fs/ranged" || fail "a thread waits for more than its range"
+stop
+
 # More readers than the service has descriptors: those that it has no room for get an I/O error, no other one, and the
 # others their data, as soon as the limit that held them up is lifted.
 head -c 9000 "$work/data" >"$work/small"
