@@ -94,3 +94,9 @@ pid_t processOf(pid_t tid) {
     int process = 0;
     return std::sscanf(std::string(lineOf(text, "\nTgid:")).c_str(), "%d", &process) == 1 ? process : 0;
 }
+
+bool isAlive(pid_t tid) {
+    const std::string text = readProc(tid, "stat");
+    const size_t at = text.rfind(") "); // behind the name, which may hold anything
+    return at != std::string::npos && text.find_first_of("ZX", at) != at + 2;
+}

@@ -26,3 +26,5 @@ CallerProgram programOf(pid_t tid);
 std::string controlGroupOf(pid_t tid);
 /// The process of a thread, or 0.
 pid_t processOf(pid_t tid);
+/// Whether the thread has not ended.
+bool isAlive(pid_t tid);

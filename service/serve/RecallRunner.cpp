@@ -1,5 +1,6 @@
 #include "service/serve/RecallRunner.h"
 
+#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/Flush.h"
 #include "service/Repair.h"
 
@@ -11,6 +12,8 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr int kKindDriverless = 2;
 
 /// Tells the log what a recall meets.
 class LogObserver final : public Observer {
@@ -37,13 +40,12 @@ UniqueFd keepLeasesAway(const OpenFile& file) {
 
 } // namespace
 
-/// One recall, which can be left and gone on with.
-class RecallRunner::Recall {
+/// One recall, which can be left and gone on with, by any thread.
+class RecallRunner::Recall final : public SuspendedRecall {
 public:
-    Recall(RecallService& service, RecallService::Stub stub, StubKind& kind, OpenFile file,
-           UniqueFd leaseless)
+    Recall(RecallService& service, RecallService::Stub stub, OpenFile file, UniqueFd leaseless)
         : m_service(service), m_stub(std::move(stub)), m_leaseless(std::move(leaseless)),
-          m_job(kind, std::move(file), false, m_observer) {}
+          m_job(*m_kind, std::move(file), false, m_observer) {}
 
     const RecallService::Stub& stub() const { return m_stub; }
 
@@ -114,6 +116,9 @@ private:
     RecallService::Stub m_stub;
     UniqueFd m_leaseless;
     LogObserver m_observer;
+    QZHSMLowLevelCtx m_registry{
+        kKindDriverless}; // a back-end belongs to one thread, and so goes with the recall
+    std::unique_ptr<StubKind> m_kind = kindOf(*m_registry.getByFileName(""));
     RecallJob m_job;
     StoreSource* m_source = nullptr; ///< the job's
     std::uint64_t m_next = 0;        ///< piece, as the source is
@@ -123,26 +128,16 @@ private:
 RecallRunner::RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores)
     : m_service(service), m_kind(kind), m_stores(stores) {}
 
-RecallRunner::~RecallRunner() = default;
-
 void RecallRunner::run() {
     const RecallService::OwnThread own(m_service);
     while (true) {
-        // One that somebody waits for again, else a new one, else any.
-        auto next = std::ranges::find_if(
-            m_suspended, [this](const auto& recall) { return m_service.isAwaited(*recall->stub()); });
-        if (next == m_suspended.end()) {
-            if (const RecallService::Stub stub = m_service.next(m_suspended.empty())) {
-                serve(stub);
-                continue;
-            }
-            if (m_suspended.empty())
-                return;
-            next = std::prev(m_suspended.end());
-        }
-        std::unique_ptr<Recall> recall = std::move(*next);
-        m_suspended.erase(next);
-        goOn(std::move(recall));
+        RecallService::Work work = m_service.next();
+        if (!work.stub)
+            return;
+        if (work.recall)
+            goOn(std::unique_ptr<Recall>(static_cast<Recall*>(work.recall.release())));
+        else
+            serve(work.stub);
     }
 }
 
@@ -181,7 +176,7 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
     if (m_service.isRefused(stub))
         return;
     auto recall = std::make_unique<Recall>(
-        m_service, stub, m_kind, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
+        m_service, stub, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));
     if (recall->isDone()) {
         recall.reset();
@@ -238,10 +233,11 @@ void RecallRunner::guarded(Recall& recall, Act act) {
 }
 
 void RecallRunner::goOn(std::unique_ptr<Recall> recall) {
+    const RecallService::Stub stub = recall->stub();
     guarded(*recall, [&] {
         if (recall->goOn())
-            return m_suspended.push_back(std::move(recall));
-        m_service.done(recall->stub(), true);
-        RecallService::log("recalled " + recall->stub()->name());
+            return m_service.suspend({stub, std::move(recall)});
+        m_service.done(stub, true);
+        RecallService::log("recalled " + stub->name());
     });
 }

@@ -7,14 +7,12 @@
 #include "service/stores/StoreConfig.h"
 
 #include <memory>
-#include <vector>
 
 /// Brings the data of the stubs that a service hands out, one after the other. Belongs to one thread, and has
 /// a back-end of its own.
 class RecallRunner {
 public:
     RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores);
-    ~RecallRunner();
 
     /// Works until the service stops.
     void run();
@@ -32,5 +30,4 @@ private:
     RecallService& m_service;
     StubKind& m_kind;
     NamedStores& m_stores;
-    std::vector<std::unique_ptr<Recall>> m_suspended; ///< that nobody waits for
 };

@@ -5,6 +5,7 @@
 #include "platform/stub/StubText.h"
 #include "service/StubData.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <poll.h>
@@ -277,9 +278,25 @@ void RecallService::reconsider(ServedStub& stub) {
 
 // --- For those who bring the data ---
 
-RecallService::Stub RecallService::next(bool wait) {
+RecallService::Work RecallService::next() {
     std::unique_lock lock(m_mutex);
-    while (wait && !hasWork() && !m_stopping) {
+    while (true) {
+        auto next =
+            std::ranges::find_if(m_suspended, [this](const Work& work) { return isAwaited(*work.stub); });
+        if (next == m_suspended.end() && hasNew()) {
+            Stub stub = std::move(m_queue.front());
+            m_queue.pop_front();
+            return {std::move(stub), nullptr};
+        }
+        if (next != m_suspended.end() || !m_suspended.empty()) {
+            if (next == m_suspended.end())
+                --next;
+            Work work = std::move(*next);
+            m_suspended.erase(next);
+            return work;
+        }
+        if (m_stopping)
+            return {};
         ++m_idle;
         if (m_later.empty())
             m_queued.wait(lock);
@@ -287,14 +304,14 @@ RecallService::Stub RecallService::next(bool wait) {
             m_queued.wait_until(lock, Clock::time_point(m_later.begin()->first));
         --m_idle;
     }
-    if (!hasWork())
-        return {};
-    Stub stub = std::move(m_queue.front());
-    m_queue.pop_front();
-    return stub;
 }
 
-bool RecallService::hasWork() {
+void RecallService::suspend(Work work) {
+    const std::lock_guard lock(m_mutex);
+    m_suspended.push_back(std::move(work));
+}
+
+bool RecallService::hasNew() {
     for (const auto now = Clock::now(); !m_later.empty() && m_later.begin()->first <= now;
          m_later.erase(m_later.begin()))
         m_queue.push_front(m_later.begin()->second);
@@ -344,14 +361,16 @@ void RecallService::settle(ServedStub& stub) {
     counted(stub, [&] { stub.settle(); });
 }
 
-bool RecallService::isLessUrgent(const ServedStub& stub) {
+bool RecallService::isLessUrgent(ServedStub& stub) {
     const std::lock_guard lock(m_mutex);
-    return stub.waiting() == 0 && hasWork() && m_idle == 0;
+    const auto waits = [](const Work& work) { return work.stub->waiting() > 0; };
+    return m_idle == 0 && (hasNew() || std::ranges::any_of(m_suspended, waits)) && !isAwaited(stub);
 }
 
-bool RecallService::isAwaited(const ServedStub& stub) const {
-    const std::lock_guard lock(m_mutex);
-    return stub.waiting() > 0;
+bool RecallService::isAwaited(ServedStub& stub) {
+    bool awaited = false;
+    counted(stub, [&] { awaited = stub.isAwaited(isAlive); });
+    return awaited;
 }
 
 bool RecallService::isGivenUp(ServedStub& stub) {

@@ -19,6 +19,15 @@
 #include <stop_token>
 #include <thread>
 
+/// A recall that was begun and left. Who brings the data knows the rest of it.
+class SuspendedRecall {
+public:
+    SuspendedRecall() = default;
+    SuspendedRecall(const SuspendedRecall&) = delete;
+    SuspendedRecall& operator=(const SuspendedRecall&) = delete;
+    virtual ~SuspendedRecall() = default;
+};
+
 /// Has readers of stubs wait until their data is there. One thread of its own looks at each access and
 /// answers those of files that are no stubs; `RecallRunner`s, a thread each, bring the data.
 class RecallService {
@@ -61,16 +70,23 @@ public:
 
     using Stub = std::shared_ptr<ServedStub>;
 
-    /// The next stub that somebody waits for; waits for one if told to. Nothing at the end.
-    Stub next(bool wait);
+    struct Work {
+        Stub stub; ///< none at the end
+        std::unique_ptr<SuspendedRecall>
+            recall; ///< to be gone on with, perhaps by another thread than before
+    };
+
+    /// Waits for work: a suspended recall that somebody waits for, else a new stub, else any suspended
+    /// recall.
+    Work next();
+    void suspend(Work work);
     void begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize);
     /// The piece to bring; none if all are there. Throws if this recall is to be given up.
     std::optional<std::uint64_t> wanted(ServedStub& stub, std::uint64_t after);
     void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
     void settle(ServedStub& stub);
-    /// Whether others, for whom nobody has time, wait longer than anybody waits for this one.
-    bool isLessUrgent(const ServedStub& stub);
-    bool isAwaited(const ServedStub& stub) const;
+    /// Whether nobody waits for this one, but for others, for which no thread has time.
+    bool isLessUrgent(ServedStub& stub);
     /// Somebody else holds this file, which has so many blocks: it comes again by `next`, while others get
     /// their turn. False if it is to fail.
     bool postpone(const Stub& stub, long long blocks);
@@ -97,7 +113,8 @@ private:
     void reconsider(ServedStub& stub);
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);
-    bool hasWork();
+    bool hasNew();
+    bool isAwaited(ServedStub& stub);
     void logLater(std::string line);
 
     PreContentGroup& m_group;
@@ -106,6 +123,7 @@ private:
     std::map<FileKey, Stub> m_stubs; ///< those that are waited for or recalled
     std::deque<Stub> m_queue;        ///< those of them that nobody works on
     std::multimap<std::chrono::steady_clock::time_point, Stub> m_later; ///< the same, from then on
+    std::vector<Work> m_suspended;
     std::condition_variable m_queued;
     std::condition_variable m_stopped;
     int m_idle = 0; ///< threads that wait for work

@@ -140,6 +140,16 @@ void ServedStub::denyAll(int err) {
     m_waiting.clear();
 }
 
+bool ServedStub::isAwaited(const std::function<bool(pid_t)>& isAlive) {
+    const auto alive = std::ranges::find_if(m_waiting, [&](const Waiting& waiting) {
+        return waiting.access.tid == 0 || isAlive(waiting.access.tid);
+    });
+    for (auto dead = m_waiting.begin(); dead != alive; ++dead)
+        m_group.deny(dead->access.fd, EIO);
+    m_waiting.erase(m_waiting.begin(), alive);
+    return !m_waiting.empty();
+}
+
 void ServedStub::denyUnknown(int err) {
     std::erase_if(m_waiting, [&](const Waiting& waiting) {
         if (waiting.access.tid == 0)

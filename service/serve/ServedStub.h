@@ -74,6 +74,8 @@ public:
     void denyUnknown(int err);
 
     size_t waiting() const { return m_waiting.size(); }
+    /// Whether somebody waits still. Who was killed meanwhile counts no more.
+    bool isAwaited(const std::function<bool(pid_t)>& isAlive);
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
     /// Whether all accesses so far were refused.

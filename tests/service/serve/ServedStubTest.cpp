@@ -113,6 +113,19 @@ TEST_F(ServedStubTest, WaitsForWhoeverHoldsTheFileButNotForEver) {
     EXPECT_EQ(stub.heldUp(16, start + 61s), std::nullopt);
 }
 
+TEST_F(ServedStubTest, IsNotAwaitedByThoseWhoWereKilled) {
+    const HeldAccess killed = access();
+    HeldAccess living = access();
+    living.tid = 2;
+    for (const HeldAccess& data : {killed, living})
+        stub.add(data, Need::Data);
+    EXPECT_TRUE(stub.isAwaited([](pid_t tid) { return tid == 2; }));
+    EXPECT_FALSE(waits(killed));
+    EXPECT_TRUE(waits(living));
+    EXPECT_FALSE(stub.isAwaited([](pid_t) { return false; }));
+    EXPECT_FALSE(waits(living));
+}
+
 TEST_F(ServedStubTest, HasAnEmptyFileWaitForItsEnd) {
     const HeldAccess range = access();
     stub.add(range, Need::Range);

@@ -55,6 +55,18 @@ fails "$fs/refused" timeout -s KILL 5 "$users" thread other bash
 timeout -s KILL 5 "$users" thread player opener "$fs/ranged" || fail "a thread waits for more than its range"
 stop
 
+# A recall whose reader was killed makes way for others.
+for ((i = 0; i < 8; i++)); do cat "$work/data"; done >"$fs/large"
+archived "$fs/small" && expect 0 '' archive --store "$store" "$fs/large"
+configure 'bandwidth = 2M' 'workers = 1'
+start
+cat "$fs/large" >/dev/null &
+reader=$!
+logged "recalling $fs/large"
+kill -KILL $reader
+timeout -s KILL 6 cat "$fs/small" | cmp -s - "$work/data" || fail "a recall for a killed reader holds others up"
+stop
+
 # More readers than the service has descriptors: those that it has no room for get an I/O error, no other one, and the
 # others their data, as soon as the limit that held them up is lifted.
 head -c 9000 "$work/data" >"$work/small"

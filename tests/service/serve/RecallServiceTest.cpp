@@ -1,0 +1,42 @@
+#include "service/serve/RecallService.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+int fileOf(const std::string& name) {
+    return ::open((testing::TempDir() + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+}
+
+TEST(RecallServiceTest, GoesOnFirstWithWhatIsAwaited) {
+    PreContentGroup group; // that no kernel listens to
+    RecallService service(group, {});
+    service.takeOver({fileOf("a")});
+    RecallService::Work first = service.next();
+    ASSERT_TRUE(first.stub);
+    EXPECT_FALSE(first.recall);
+    service.takeOver({fileOf("b")});
+    EXPECT_FALSE(service.isLessUrgent(*first.stub)) << "somebody waits for it";
+    first.stub->denyUnknown(EIO);
+    EXPECT_TRUE(service.isLessUrgent(*first.stub));
+    first.recall = std::make_unique<SuspendedRecall>();
+    const RecallService::Stub suspended = first.stub;
+    service.suspend(std::move(first));
+    const RecallService::Work second = service.next();
+    EXPECT_NE(second.stub, suspended) << "a new stub, for which somebody waits, comes first";
+    second.stub->denyUnknown(EIO);
+    EXPECT_FALSE(service.isLessUrgent(*second.stub)) << "nobody waits for either";
+    service.takeOver({fileOf("a"), fileOf("c")});
+    EXPECT_TRUE(service.isLessUrgent(*second.stub));
+    const RecallService::Work third = service.next();
+    EXPECT_EQ(third.stub, suspended) << "somebody waits for it again";
+    EXPECT_TRUE(third.recall);
+    EXPECT_NE(service.next().stub, suspended);
+    service.stop();
+    EXPECT_FALSE(service.next().stub);
+}
+
+} // namespace
