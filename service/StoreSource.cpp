@@ -30,6 +30,7 @@ std::span<const char> StoreSource::next() {
     const std::optional<Piece> piece = m_reader->next();
     if (!piece)
         return {};
+    m_moved += piece->bytes.size();
     if (!piece->bytes.empty())
         return piece->bytes;
     m_zeros.resize(std::max(m_zeros.size(), piece->part.length));

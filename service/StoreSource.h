@@ -6,6 +6,7 @@
 #include "service/stores/VerifiedReader.h"
 
 #include <memory>
+#include <utility>
 
 /// A stub's data in a store. Every piece is compared with its checksum before it is handed out.
 class StoreSource final : public DataSource {
@@ -19,6 +20,8 @@ public:
     std::span<const char> next() override;
 
     std::uint64_t pieces() const { return m_record.checksums.pieces.size(); }
+    /// The bytes that were read since the last call. Holes are none.
+    std::uint64_t takeMoved() { return std::exchange(m_moved, 0); }
     /// The next bytes are those of this piece.
     void goTo(std::uint64_t piece) { m_reader.emplace(m_store, m_record, piece); }
 
@@ -28,6 +31,7 @@ private:
     std::optional<VerifiedReader> m_reader;
     std::vector<char> m_zeros; ///< what a hole is read as
     StopRequest m_stop;
+    std::uint64_t m_moved = 0;
 };
 
 /// The record of the object that a stub names. Whoever may write a file can write a stub's text, so the word

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <iterator>
 #include <new>
 #include <unistd.h>
@@ -18,12 +19,17 @@ constexpr int kKindDriverless = 2;
 /// Tells the log what a recall meets.
 class LogObserver final : public Observer {
 public:
+    explicit LogObserver(std::function<void(long long)> onBytes) : m_onBytes(std::move(onBytes)) {}
+
     void started(const std::string&, long long) override {}
-    void bytes(long long) override {}
+    void bytes(long long count) override { m_onBytes(count); }
     void done(const std::string&, const std::string&) override {}
     void failed(const std::string&, const Failure& failure) override { RecallService::log(failure.what()); }
     void skipped(const std::string&, const std::string&) override {}
     void note(const std::string& text) override { RecallService::log(text); }
+
+private:
+    std::function<void(long long)> m_onBytes;
 };
 
 void flush(const RecallJob& job) {
@@ -106,16 +112,22 @@ private:
                 m_source->goTo(*piece);
             const std::span<const char> bytes = m_source->next();
             m_job.writePiece(bytes, static_cast<long long>(*piece) * static_cast<long long>(kPieceSize));
-            m_service.fill(*m_stub, *piece, bytes.size());
+            m_service.fill(*m_stub, *piece);
+            count(bytes.size());
             m_next = *piece + 1;
         }
         return false;
     }
 
+    void count(std::uint64_t bytes) { m_service.count(*m_stub, bytes, m_source->takeMoved()); }
+
     RecallService& m_service;
     RecallService::Stub m_stub;
     UniqueFd m_leaseless;
-    LogObserver m_observer;
+    LogObserver m_observer{[this](long long bytes) {
+        if (!m_job.isKept()) // else those who wait for the piece come first
+            count(static_cast<std::uint64_t>(bytes));
+    }};
     QZHSMLowLevelCtx m_registry{
         kKindDriverless}; // a back-end belongs to one thread, and so goes with the recall
     std::unique_ptr<StubKind> m_kind = kindOf(*m_registry.getByFileName(""));

@@ -342,18 +342,23 @@ std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64
     return stub.wanted(after);
 }
 
-void RecallService::fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes) {
+void RecallService::fill(ServedStub& stub, std::uint64_t piece) {
+    const std::lock_guard lock(m_mutex);
+    counted(stub, [&] { stub.fill(piece); });
+}
+
+void RecallService::count(ServedStub& stub, std::uint64_t bytes, std::uint64_t moved) {
     std::unique_lock lock(m_mutex);
-    counted(stub, [&] { stub.fill(piece, bytes); });
+    stub.count(bytes);
     m_counts.bytes += bytes;
-    if (m_rules.bandwidth == 0)
+    if (m_rules.bandwidth == 0 || moved == 0)
         return;
     const auto cost =
-        std::chrono::duration<double>(static_cast<double>(bytes) / static_cast<double>(m_rules.bandwidth));
+        std::chrono::duration<double>(static_cast<double>(moved) / static_cast<double>(m_rules.bandwidth));
     m_free = std::max(m_free, Clock::now()) + std::chrono::duration_cast<Clock::duration>(cost);
     const Clock::time_point until = m_free;
-    m_stopped.wait_until(lock, until,
-                         [&] { return m_stopping || m_free < until; }); // or the rules have changed
+    const auto isOver = [&] { return m_stopping || m_free < until; }; // or the rules have changed
+    m_stopped.wait_until(lock, until, isOver);
 }
 
 void RecallService::settle(ServedStub& stub) {

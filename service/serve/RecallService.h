@@ -83,7 +83,10 @@ public:
     void begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize);
     /// The piece to bring; none if all are there. Throws if this recall is to be given up.
     std::optional<std::uint64_t> wanted(ServedStub& stub, std::uint64_t after);
-    void fill(ServedStub& stub, std::uint64_t piece, std::uint64_t bytes);
+    void fill(ServedStub& stub, std::uint64_t piece);
+    /// So many further bytes of the file are there, for which so many were moved. Waits until the bandwidth
+    /// allows more.
+    void count(ServedStub& stub, std::uint64_t bytes, std::uint64_t moved);
     void settle(ServedStub& stub);
     /// Whether nobody waits for this one, but for others, for which no thread has time.
     bool isLessUrgent(ServedStub& stub);

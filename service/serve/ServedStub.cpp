@@ -100,8 +100,7 @@ std::optional<std::uint64_t> ServedStub::wanted(std::uint64_t after) const {
     return static_cast<std::uint64_t>(found - m_filled.begin());
 }
 
-void ServedStub::fill(std::uint64_t piece, std::uint64_t bytes) {
-    m_bytes += bytes;
+void ServedStub::fill(std::uint64_t piece) {
     m_filled[piece] = true;
     answerMet();
 }

@@ -62,7 +62,9 @@ public:
     /// Nothing if all are there.
     std::optional<std::uint64_t> wanted(std::uint64_t after) const;
     /// A piece is there. Answers those who waited for nothing more.
-    void fill(std::uint64_t piece, std::uint64_t bytes);
+    void fill(std::uint64_t piece);
+    /// So many further bytes are there.
+    void count(std::uint64_t bytes) { m_bytes += bytes; }
 
     /// The data and the times are there. Answers those who waited for nothing more.
     void settle();

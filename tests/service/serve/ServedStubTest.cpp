@@ -32,17 +32,17 @@ TEST_F(ServedStubTest, AnswersEachWhenWhatItNeedsIsThere) {
     stub.add(ended, Need::Ended);
     stub.begin(4, kPiece);
     EXPECT_EQ(stub.wanted(3), 0U) << "those who wait longest come first";
-    stub.fill(0, kPiece);
+    stub.fill(0);
     EXPECT_FALSE(waits(first));
     EXPECT_FALSE(waits(beyond)) << "what lies behind the end is nothing to wait for";
     EXPECT_EQ(stub.wanted(3), 1U);
-    stub.fill(1, kPiece);
+    stub.fill(1);
     EXPECT_TRUE(waits(across));
     EXPECT_EQ(stub.wanted(3), 2U);
-    stub.fill(2, kPiece);
+    stub.fill(2);
     EXPECT_FALSE(waits(across));
     EXPECT_EQ(stub.wanted(0), 3U) << "with nobody waiting for a range it goes on from there";
-    stub.fill(3, kPiece);
+    stub.fill(3);
     EXPECT_EQ(stub.wanted(0), std::nullopt);
     EXPECT_TRUE(waits(data)) << "the times are not there";
     stub.settle();
@@ -85,12 +85,12 @@ TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
 
 TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
     stub.begin(2, kPiece);
-    stub.fill(0, kPiece);
+    stub.fill(0);
     EXPECT_TRUE(stub.takeBack());
     const HeldAccess late = access();
     stub.add(late, Need::Range);
     EXPECT_TRUE(waits(late));
-    stub.fill(0, kPiece);
+    stub.fill(0);
     EXPECT_FALSE(waits(late));
     EXPECT_FALSE(stub.takeBack()) << "somebody has seen it";
 }

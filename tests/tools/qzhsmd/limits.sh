@@ -63,8 +63,21 @@ start
 cat "$fs/large" >/dev/null &
 reader=$!
 logged "recalling $fs/large"
-kill -KILL $reader
+kill -KILL $reader && wait $reader 2>/dev/null
 timeout -s KILL 6 cat "$fs/small" | cmp -s - "$work/data" || fail "a recall for a killed reader holds others up"
+stop
+
+# The bandwidth counts data, not holes, also where the text of the stub cannot be kept meanwhile.
+for ((i = 0; i < 8; i++)); do cat "$work/data"; done >"$fs/unkept"
+cp "$work/data" "$fs/sparse" && truncate -s 200M "$fs/sparse"
+expect 0 '' archive --store "$store" "$fs"/{unkept,sparse}
+for size in {4000..300..50}; do
+    setfattr -n user.fill -v "$(head -c $size /dev/zero | tr '\0' x)" "$fs/unkept" 2>/dev/null && break
+done
+configure 'bandwidth = 2M' 'workers = 2'
+start
+timeout -s KILL 2 cat "$fs/unkept" >/dev/null 2>&1 && fail "24 MB came in 2 s"
+timeout -s KILL 10 cat "$fs/sparse" >/dev/null || fail "holes are charged as data"
 stop
 
 # More readers than the service has descriptors: those that it has no room for get an I/O error, no other one, and the
