@@ -428,8 +428,16 @@ ServeStatus RecallService::status() const {
     const std::lock_guard lock(m_mutex);
     ServeStatus status = m_counts;
     status.queued = m_queue.size() + m_later.size();
+    status.stubs = m_stubs.size();
+    const auto now = Clock::now();
+    const auto describe = [&](const ServedStub& stub) {
+        return ServeStatus::Running{stub.name(), stub.cause(), stub.waiting(), stub.bytes(),
+                                    std::chrono::duration<double>(now - stub.since()).count()};
+    };
+    constexpr size_t kMost = 1000; // more would hold up those who read
     for (const auto& [key, stub] : m_stubs)
-        status.running.push_back({stub->name(), stub->cause(), stub->waiting(), stub->bytes(),
-                                  std::chrono::duration<double>(Clock::now() - stub->since()).count()});
+        if (status.running.size() < kMost || stub->bytes() > 0)
+            status.running.push_back(describe(*stub));
+    std::ranges::sort(status.running, std::greater{}, &ServeStatus::Running::seconds);
     return status;
 }

@@ -16,15 +16,20 @@ std::string ServeStatus::toJson(const std::vector<std::string>& directories) con
     json["refused"] = refused;
     json["bytes"] = bytes;
     json["lastFailure"] = percentText(lastFailure);
+    json["stubs"] = stubs;
     json["running"] = nlohmann::ordered_json::array();
+    constexpr size_t kRoom = 100'000; // half of what the kernel lets a message have
+    size_t length = json.dump().size();
     for (const Running& recall : running) {
         const double rate = recall.seconds > 0 ? static_cast<double>(recall.bytes) / recall.seconds : 0;
-        json["running"].push_back({{"path", percentText(recall.path)},
-                                   {"cause", percentText(recall.cause)},
-                                   {"waiting", recall.waiting},
-                                   {"bytes", recall.bytes},
-                                   {"seconds", recall.seconds},
-                                   {"bytesPerSecond", rate}});
+        nlohmann::ordered_json entry = {
+            {"path", percentText(recall.path)}, {"cause", percentText(recall.cause)},
+            {"waiting", recall.waiting},        {"bytes", recall.bytes},
+            {"seconds", recall.seconds},        {"bytesPerSecond", rate}};
+        length += entry.dump().size() + 1;
+        if (length > kRoom)
+            break;
+        json["running"].push_back(std::move(entry));
     }
     return json.dump() + '\n';
 }
@@ -43,6 +48,6 @@ std::string ServeStatus::toMetrics() const {
     add("recalled_bytes_total", "counter", "Bytes that recalls wrote.", bytes);
     add("waiting", "gauge", "Accesses that wait.", waiting);
     add("queued", "gauge", "Stubs that nobody works on.", queued);
-    add("running", "gauge", "Stubs that are waited for or recalled.", running.size());
+    add("running", "gauge", "Stubs that are waited for or recalled.", stubs);
     return text;
 }

@@ -22,9 +22,11 @@ struct ServeStatus {
     std::uint64_t refused = 0; ///< accesses by programs that must not cause recalls
     std::uint64_t bytes = 0;
     std::string lastFailure{};
-    std::vector<Running> running{};
+    std::uint64_t stubs = 0;        ///< that are waited for or recalled
+    std::vector<Running> running{}; ///< these, or as many as there is room for, the oldest first
 
-    /// One JSON object in one line; paths as `percentText` has them.
+    /// One JSON object in one line; paths as `percentText` has them. It is a message of the socket, which
+    /// bounds its length: it lists only as many of `running`.
     std::string toJson(const std::vector<std::string>& directories) const;
     /// Prometheus' text form.
     std::string toMetrics() const;
