@@ -21,8 +21,7 @@ using Clock = std::chrono::steady_clock;
 /// An idle processor takes half of that to wake up, so the thread that answers looks for more before it
 /// sleeps.
 constexpr auto kPolling = std::chrono::microseconds(100);
-/// Until there may be room again, in microseconds.
-constexpr useconds_t kPause = 1000;
+constexpr useconds_t kPause = 1000; ///< until there may be room again, in microseconds
 
 std::string pathOf(int fd) {
     char path[PATH_MAX];
@@ -117,39 +116,6 @@ void RecallService::setRules(ServeRules rules) {
 void RecallService::log(const std::string& text) {
     if (CLogWriterInterface* log = processLog(0))
         log->Write(0, "RecallService", 0, 0, 0, "%s", text.c_str());
-}
-
-// --- Who is not held up ---
-
-RecallService::OwnThread::OwnThread(RecallService& service) : m_service(service) {
-    const std::lock_guard lock(m_service.m_mutex);
-    m_service.m_ownThreads.insert(::gettid());
-}
-
-RecallService::OwnThread::~OwnThread() {
-    const std::lock_guard lock(m_service.m_mutex);
-    m_service.m_ownThreads.erase(::gettid());
-}
-
-void RecallService::exempt(pid_t process) {
-    const std::lock_guard lock(m_mutex);
-    ++m_exempt[process];
-}
-
-void RecallService::endExemption(pid_t process) {
-    const std::lock_guard lock(m_mutex);
-    const auto found = m_exempt.find(process);
-    if (found != m_exempt.end() && --found->second == 0)
-        m_exempt.erase(found);
-}
-
-void RecallService::heed(int fd) {
-    const std::lock_guard lock(m_mutex); // between another thread's look at this file and its `ignore`
-    m_group.heed(fd);
-}
-
-bool RecallService::isPassed(pid_t tid) {
-    return m_ownThreads.contains(tid) || (!m_exempt.empty() && m_exempt.contains(processOf(tid)));
 }
 
 // --- Answering ---
