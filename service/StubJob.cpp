@@ -179,15 +179,16 @@ void StubJob::requireClosed() const {
     constexpr auto kPause = std::chrono::milliseconds(1);
     constexpr int kPatience = 50;
     ::fcntl(m_data.get(), F_SETSIG, SIGURG);
-    bool isLeased = ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+    const auto lease = [this] { return ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0 ? 0 : errno; };
+    int err = lease();
     // A service that has let us open the file closes it a moment later.
-    for (int i = 0; !isLeased && errno == EAGAIN && m_kind.announces() && i < kPatience; ++i) {
+    for (int i = 0; err == EAGAIN && i < kPatience && m_kind.announces(); ++i) {
         std::this_thread::sleep_for(kPause);
-        isLeased = ::fcntl(m_data.get(), F_SETLEASE, F_WRLCK) == 0;
+        err = lease();
     }
-    if (!isLeased && errno == EAGAIN)
+    if (err == EAGAIN)
         throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
-    if (isLeased && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)
+    if (err == 0 && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)
         throw systemFailure("Failed to give back the lease on ", m_file.name(), errno);
 }
 
