@@ -1,17 +1,11 @@
 #!/usr/bin/env bash
 # pair.sh QZHSM QZHSMD MANAGER: the service's processes, where one of them dies, cannot be started, or is told to end.
-# shellcheck source=tests/tools/qzhsm/common.sh
-. "$(dirname "$0")/../qzhsm/common.sh"
-service=$2 manager=$3 store=$work/store run=$work/run
-mkdir "$run"
-export QZHSM_CONFIG=$work/conf
-configure() { printf '%s\n' '[Service]' "runtimeDirectory = $run" "$@" >"$QZHSM_CONFIG"; }
-configure
-truncate -s 100M "$work/image" && mkfs.ext4 -q "$work/image" && mount -o loop "$work/image" "$fs"
-expect 0 '^$' store create "$store"
+export FS_TYPE=ext4
+# shellcheck source=tests/tools/qzhsmd/common.sh
+. "$(dirname "$0")/common.sh"
+manager=$3
 echo plain >"$fs/plain"
 
-served=
 # start [DIR...]: the service, and waits until its standby is there.
 start() {
     "$service" "${@:-$fs}" >"$work/out" 2>"$work/log" &
@@ -52,11 +46,6 @@ ends() {
     eventually 'the standby ends' eval '! standby'
 }
 stop() { kill -TERM "$served" && ends; }
-archived() {
-    local file
-    for file in "$@"; do cp "$work/data" "$file" && touch -d @1000000000 "$file"; done
-    expect 0 '' archive --store "$store" "$@"
-}
 # refuses FILE: who opens the stub gets an I/O error, and does not wait; others read.
 refuses() {
     local said
