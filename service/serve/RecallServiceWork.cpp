@@ -7,6 +7,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr int kPatience = 20;
+
 } // namespace
 
 // --- For those who bring the data ---
@@ -112,8 +115,15 @@ bool RecallService::isAwaited(ServedStub& stub) {
 }
 
 bool RecallService::isGivenUp(ServedStub& stub) {
-    const std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
     reconsider(stub);
+    // One whose call is not known yet has not come to wait in the kernel, on a busy machine.
+    for (int i = 0; stub.isUnclear() && i < kPatience; ++i) {
+        lock.unlock();
+        std::this_thread::sleep_for(kPause);
+        lock.lock();
+        reconsider(stub);
+    }
     // One who was killed while he waited has truncated nothing.
     return stub.isGivenUp([this](const HeldAccess& access) { return needOf(access) == Need::Truncate; });
 }

@@ -157,6 +157,11 @@ void ServedStub::denyUnknown(int err) {
     });
 }
 
+bool ServedStub::isUnclear() const {
+    return std::ranges::any_of(m_waiting,
+                               [](const Waiting& waiting) { return waiting.need == Need::Unclear; });
+}
+
 bool ServedStub::isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const {
     return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [&](const Waiting& waiting) {
         return waiting.need == Need::Truncate && stillTruncates(waiting.access);

@@ -84,6 +84,8 @@ public:
     bool isRefused() const { return m_refused && m_waiting.empty() && !m_seen; }
     /// Unless somebody may, none of it counts as there any more.
     bool takeBack();
+    /// Whether somebody waits of whom it is not known yet what he does.
+    bool isUnclear() const;
     /// Whether somebody waits, all who do want to truncate the file, by their need and by `stillTruncates`,
     /// and nobody has begun to recall it.
     bool isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const;

@@ -66,7 +66,9 @@ TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
     EXPECT_TRUE(isGivenUp());
     EXPECT_FALSE(isGivenUp(false)) << "who was killed has truncated nothing";
     const HeldAccess unclear = access();
+    EXPECT_FALSE(stub.isUnclear());
     stub.add(unclear, Need::Unclear);
+    EXPECT_TRUE(stub.isUnclear());
     EXPECT_FALSE(isGivenUp());
     stub.reconsider([](const HeldAccess&) { return Need::Refused; });
     EXPECT_FALSE(waits(unclear));

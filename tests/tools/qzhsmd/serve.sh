@@ -51,7 +51,7 @@ same "$f" "$work/data"
 
 # What users do wins.
 echo mine >"$fs/new"
-[ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated"
+[ "$(<"$fs/new")" = mine ] && [ -z "$(getfattr -d --absolute-names "$fs/new")" ] || fail "a stub that was truncated: $(getfattr -d --absolute-names "$fs/new"; tail -n 4 "$work/log")"
 truncate -s 1000 "$fs/cut" && cmp -s "$fs/cut" <(head -c 1000 "$work/data") || fail "a stub that was cut"
 
 # A stub that is copied to a served file system is one, and not yet whose data it names.
@@ -109,6 +109,7 @@ stop
 rm "$fs"/{old,seen}
 
 # Killed again and again, the worker or who watches over it.
+processes() { for process in $(pgrep -x qzhsmd -r S,R,D); do grep -q "$fs" "/proc/$process/cmdline" && echo "$process"; done; }
 rm -f "$fs"/?*[^d]
 for ((i = 0; i < 50; i++)); do head -c $((RANDOM % 60 * 50000 + 20000)) /dev/urandom >"$fs/f$i"; done
 mkdir "$work/copy" && cp -a "$fs"/f* "$work/copy"
@@ -120,13 +121,13 @@ for rules in 'recall = open' $'recall = range\nrangeFrom = 0'; do
     kills=0
     while kill -0 $stressed 2>/dev/null; do
         sleep 0.0$((RANDOM % 50 + 10))
-        mapfile -t processes < <(pgrep -x qzhsmd -s 0 -r S,R,D)
+        mapfile -t processes < <(processes)
         [ ${#processes[@]} -eq 2 ] && kill -KILL "${processes[RANDOM % 2]}" && kills=$((kills + 1))
     done 2>/dev/null
     wait $stressed || fail "wrong bytes: $(<"$work/said")"
     grep -q ' 0 refused' "$work/said" && [ $kills -gt 1 ] || fail "$kills kills: $(<"$work/said")"
     for ((i = 0; i < 30; i++)); do same "$fs/f$i" "$work/copy/f$i"; done
-    pkill -TERM -x qzhsmd -s 0
-    for ((i = 0; i < 100; i++)); do pgrep -x qzhsmd -s 0 -r S,R,D >/dev/null || break; sleep 0.05; done
+    for process in $(processes); do kill -TERM "$process"; done
+    for ((i = 0; i < 100; i++)); do [ -n "$(processes)" ] || break; sleep 0.05; done
 done 2> >(grep -v Killed >&2)
 finish
