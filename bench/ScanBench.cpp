@@ -134,7 +134,7 @@ void scan(benchmark::State& state) {
     try {
         tree(); // before any child needs it
         costOf(startBareWalk);
-        for (auto _ : state) {
+        while (state.KeepRunning()) {
             const Cost walk = costOf(startBareWalk);
             const Cost scanned = costOf([&] { return startScan(tool, std::to_string(jobs)); });
             state.SetIterationTime(scanned.wall);

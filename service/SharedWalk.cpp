@@ -9,7 +9,7 @@ constexpr size_t kMostWaiting = 4;
 
 } // namespace
 
-SharedWalk::SharedWalk(const std::vector<Walk*>& walks) : m_walks(walks) {
+SharedWalk::SharedWalk(std::vector<Walk*> walks) : m_walks(std::move(walks)) {
     if (m_walks.size() < 2)
         return;
     for (Walk* walk : m_walks) {

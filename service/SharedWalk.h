@@ -21,7 +21,7 @@
 class SharedWalk {
 public:
     /// The walks live as long as this does, and nobody else uses them.
-    explicit SharedWalk(const std::vector<Walk*>& walks);
+    explicit SharedWalk(std::vector<Walk*> walks);
     SharedWalk(const SharedWalk&) = delete;
     SharedWalk& operator=(const SharedWalk&) = delete;
     ~SharedWalk();

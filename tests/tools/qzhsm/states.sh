@@ -74,11 +74,6 @@ expect 1 'Input/output error' fsync:error=EIO recall "$fs/leftover"
 target=$fs
 expect 1 'Failed to stat .*: Input/output error' newfstatat:error=EIO scan "$fs"
 qzhsm=$plain
-# A file that could not be looked at after it was emptied keeps its text.
-rm "$f" && fresh
-ASAN_OPTIONS=detect_leaks=0 strace -qq -o /dev/null -e inject=write:error=EIO:when=2 -e inject=getxattr:error=EIO:when=8+ "$plain" stub "$f" --meta tape=9 2>/dev/null &&
-    fail "a stub without text"
-expect 0 '^$' repair "$f" && expect 0 '"state":"stub","metadata":"tape=9"' info --json "$f"
 mkdir -p "$fs/deep/$(printf 'd/%.0s' {1..1001})"
 expect 1 'd lies more than 1000 directories deep' scan "$fs/deep" && rm -r "$fs/deep"
 expect 1 'No such file or directory \(code 4\)' scan "$fs" "$fs/missing"

@@ -114,4 +114,15 @@ done
 setfattr -x trusted.glusterfs.csou.complete "$f"
 with setxattr:error=ENOSPC:when=1 -- refused "$f" 'No space left' restore-stub "$f" "$work/saved"
 expect 1 'GlusterFS moves its files. data .*code 38' archive --store x "$f"
+
+qzhsm=$plain
+# A file that could not be looked at after it was emptied keeps its text.
+rm -rf "${fs:?}"/* && fresh
+strace -qq -o /dev/null -e inject=write:error=EIO:when=2 -e inject=getxattr:error=EIO:when=8+ "$plain" stub "$f" --meta tape=9 2>/dev/null &&
+    fail "a stub without text"
+expect 0 '^$' repair "$f" && expect 0 '"state":"stub","metadata":"tape=9"' info --json "$f"
+
+# Many workers do with few descriptors.
+expect 0 '^$' store create "$work/fewer" && for ((i = 0; i < 100; i++)); do head -c 12000 "$work/data" >"$fs/n$i"; done
+(ulimit -n 100 && expect 0 '^qzhsm: 100 archived, 1' archive --store "$work/fewer" -j 16 "$fs"; exit $failures) || fail "few descriptors"
 finish
