@@ -8,6 +8,7 @@ service=$2 store=$work/store run=$work/run
 mkdir "$run"
 export QZHSM_CONFIG=$work/conf
 # configure LINE...: the section [Service].
+# shellcheck disable=SC2120 # not every test has a line of its own
 configure() { printf '%s\n' '[Service]' "runtimeDirectory = $run" "$@" >"$QZHSM_CONFIG"; }
 configure
 truncate -s 400M "$work/image" && mkfs."$FS_TYPE" -q "$work/image" && mount -o loop "$work/image" "$fs"
