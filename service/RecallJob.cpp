@@ -91,8 +91,10 @@ void RecallJob::tellLonger() {
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
+    m_size = m_look.st.st_size;
+    m_time = m_look.st.st_mtim;
     if (m_kind.keepsTextInFile() && m_look.attributes) // to find the source can have taken its time
-        requireSame(m_look.st.st_size, m_look.st.st_mtim);
+        requireUntouched();
     // A file that was half recalled or half stubbed has times of that making. Without attributes it looks
     // like a stub.
     const std::optional<timespec> modified = m_source->modified();
@@ -107,8 +109,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
     if (m_capabilities.empty() && m_look.kept) // a kill may have been in the way of putting them back
         m_capabilities = m_source->capabilities();
     putTimesBack(); // who may not do that could not end the recall
-    m_size = m_look.st.st_size;
-    setTime(); // some file systems keep it less exactly
+    setTime();      // some file systems keep it less exactly
     if (m_kind.keepsTextInFile())
         m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
@@ -189,7 +190,8 @@ void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
 
 void RecallJob::end() {
     requireUntouched();
-    const bool shortens = m_total < m_look.st.st_size;
+    m_isMoved = true;
+    const bool shortens = m_total < m_size;
     const auto shorten = [&] {
         if (shortens && ::truncate(m_file.path().c_str(), m_total) < 0)
             throw systemFailure("Failed to truncate ", m_file.name(), errno);
@@ -231,7 +233,7 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
             return m_observer.note(name + ": no stub any more, left as it is");
         if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
             m_observer.failed(name, Failure(backEnd));
-        if (m_isChanged || (m_kind.keepsTextInFile() && !m_isMoved && !isSame(m_size, m_time)))
+        if (m_isChanged || (m_kind.keepsTextInFile() && !m_isMoved && !isSame()))
             return leave();
         if (m_kept && (isSeen || m_look.kept)) // what an earlier recall has left may have been seen too
             return m_observer.note(name + ": half recalled, to be recalled again");
@@ -276,24 +278,21 @@ void RecallJob::leave() {
 
 // --- Pieces of the above ---
 
-bool RecallJob::isSame(long long size, const timespec& modified) const {
+bool RecallJob::isSame() const {
     const struct stat now = m_file.stat();
-    return now.st_size == size && now.st_mtim.tv_sec == modified.tv_sec &&
-           now.st_mtim.tv_nsec == modified.tv_nsec;
-}
-
-void RecallJob::requireSame(long long size, const timespec& modified) {
-    m_isChanged = !isSame(size, modified);
-    if (m_isChanged)
-        throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was recalled");
+    return now.st_size == m_size && now.st_mtim.tv_sec == m_time.tv_sec &&
+           now.st_mtim.tv_nsec == m_time.tv_nsec;
 }
 
 /// Between two steps others may come near: another recall may have ended, or a user have written.
 void RecallJob::requireUntouched() {
-    if (m_kind.keepsTextInFile())
-        requireSame(m_size, m_time);
-    else if (!m_kind.isStub(m_kind.pathOf(m_file), m_look.st))
+    if (m_kind.keepsTextInFile()) {
+        m_isChanged = !isSame();
+        if (m_isChanged)
+            throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was recalled");
+    } else if (!m_kind.isStub(m_kind.pathOf(m_file), m_look.st)) {
         throw Failure(QZHSM_NOT_A_STUB, m_file.name() + " has ceased to be a stub");
+    }
 }
 
 /// Behind a write of ours: one of others' shows by its time then.

@@ -56,8 +56,7 @@ private:
     void suspect(const std::string& text);
     void examineLength(long long total);
     void tellLonger();
-    bool isSame(long long size, const timespec& modified) const;
-    void requireSame(long long size, const timespec& modified);
+    bool isSame() const;
     void requireUntouched();
     void pin();
     void setTime();

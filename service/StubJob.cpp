@@ -57,7 +57,7 @@ void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTim
 void StubJob::keep() {
     requireUnchanged(m_since);
     m_keepBegan = true;
-    // One of both always names the object, whoever looks which are in use.
+    // One of both names the object, whoever looks which are in use, if there is room for either.
     keepText(m_text, m_look.st.st_size);
     if (m_isNoted)
         dropNotedObject(m_file);

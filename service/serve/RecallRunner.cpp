@@ -1,6 +1,5 @@
 #include "service/serve/RecallRunner.h"
 
-#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/Flush.h"
 #include "service/Repair.h"
 
@@ -13,8 +12,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr int kKindDriverless = 2;
 
 /// Tells the log what a recall meets.
 class LogObserver final : public Observer {
@@ -51,7 +48,7 @@ class RecallRunner::Recall final : public SuspendedRecall {
 public:
     Recall(RecallService& service, RecallService::Stub stub, OpenFile file, UniqueFd leaseless)
         : m_service(service), m_stub(std::move(stub)), m_leaseless(std::move(leaseless)),
-          m_job(*m_kind, std::move(file), false, m_observer) {}
+          m_job(*m_own.kind, std::move(file), false, m_observer) {}
 
     const RecallService::Stub& stub() const { return m_stub; }
 
@@ -89,8 +86,8 @@ public:
             m_job.writePage();
         }
         flush(m_job);
-        m_job.end(); // which moves the change time: programs such as tar take that for a change of what they
-                     // read
+        // This moves the change time, which programs such as tar take for a change of what they read.
+        m_job.end();
         m_service.settle(*m_stub);
         flush(m_job);
         m_leaseless = UniqueFd(); // what is open for writing cannot be executed
@@ -128,17 +125,15 @@ private:
         if (!m_job.isKept()) // else those who wait for the piece come first
             count(static_cast<std::uint64_t>(bytes));
     }};
-    QZHSMLowLevelCtx m_registry{
-        kKindDriverless}; // a back-end belongs to one thread, and so goes with the recall
-    std::unique_ptr<StubKind> m_kind = kindOf(*m_registry.getByFileName(""));
+    DriverlessBackEnd m_own; ///< which goes with the recall from thread to thread
     RecallJob m_job;
     StoreSource* m_source = nullptr; ///< the job's
     std::uint64_t m_next = 0;        ///< piece, as the source is
     bool m_begun = false;
 };
 
-RecallRunner::RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores)
-    : m_service(service), m_kind(kind), m_stores(stores) {}
+RecallRunner::RecallRunner(RecallService& service, NamedStores& stores)
+    : m_service(service), m_stores(stores) {}
 
 void RecallRunner::run() {
     const RecallService::OwnThread own(m_service);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/Observer.h"
 #include "service/RecallJob.h"
 #include "service/StoreSource.h"
@@ -8,11 +9,17 @@
 
 #include <memory>
 
+/// A back-end for driverless stubs and its kind. It belongs to one thread at a time.
+struct DriverlessBackEnd {
+    QZHSMLowLevelCtx registry{2};
+    std::unique_ptr<StubKind> kind = kindOf(*registry.getByFileName(""));
+};
+
 /// Brings the data of the stubs that a service hands out, one after the other. Belongs to one thread, and has
 /// a back-end of its own.
 class RecallRunner {
 public:
-    RecallRunner(RecallService& service, StubKind& kind, NamedStores& stores);
+    RecallRunner(RecallService& service, NamedStores& stores);
 
     /// Works until the service stops.
     void run();
@@ -28,6 +35,7 @@ private:
     void guarded(Recall& recall, Act act);
 
     RecallService& m_service;
-    StubKind& m_kind;
+    DriverlessBackEnd m_own;
+    StubKind& m_kind = *m_own.kind;
     NamedStores& m_stores;
 };

@@ -24,7 +24,7 @@ RecallService::Work RecallService::next() {
             m_queue.pop_front();
             return {std::move(stub), nullptr};
         }
-        if (next != m_suspended.end() || !m_suspended.empty()) {
+        if (!m_suspended.empty()) {
             if (next == m_suspended.end())
                 --next;
             Work work = std::move(*next);

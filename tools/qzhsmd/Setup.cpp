@@ -167,9 +167,8 @@ void begin(Serving& serving) {
     }
     const bool parks = mayBeParked(served, runtime);
     if (!parks)
-        say("readers will not wait if all processes die: the program, its configuration or its sockets lie "
-            "on "
-            "a file system that is served");
+        say("readers will not wait if all processes die: "
+            "the program, its configuration or its sockets lie on a file system that is served");
     PreContentGroup group = openGroup();
     for (const auto& [fileSystem, directory] : served)
         mark(group, directory);

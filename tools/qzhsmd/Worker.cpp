@@ -1,6 +1,5 @@
 #include "tools/qzhsmd/Worker.h"
 
-#include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/ConfigCheck.h"
 #include "service/serve/ControlSocket.h"
 #include "service/serve/RecallRunner.h"
@@ -14,18 +13,12 @@
 
 namespace {
 
-constexpr int kKindDriverless = 2;
-
-/// A back-end for each thread, as they are not to be shared.
 class Runner {
 public:
     Runner(RecallService& service, NamedStores& stores)
-        : m_registry(kKindDriverless), m_kind(kindOf(*m_registry.getByFileName(""))),
-          m_runner(service, *m_kind, stores), m_thread([this] { m_runner.run(); }) {}
+        : m_runner(service, stores), m_thread([this] { m_runner.run(); }) {}
 
 private:
-    QZHSMLowLevelCtx m_registry;
-    std::unique_ptr<StubKind> m_kind;
     RecallRunner m_runner;
     std::jthread m_thread;
 };
