@@ -8,7 +8,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = std::chrono::milliseconds(1);
-constexpr int kPatience = 20;
+constexpr int kPatience = 500;
 
 } // namespace
 
@@ -116,6 +116,7 @@ bool RecallService::isAwaited(ServedStub& stub) {
 
 bool RecallService::isGivenUp(ServedStub& stub) {
     std::unique_lock lock(m_mutex);
+    stub.doubtTruncates();
     reconsider(stub);
     // One whose call is not known yet has not come to wait in the kernel, on a busy machine.
     for (int i = 0; stub.isUnclear() && i < kPatience; ++i) {
@@ -124,8 +125,7 @@ bool RecallService::isGivenUp(ServedStub& stub) {
         lock.lock();
         reconsider(stub);
     }
-    // One who was killed while he waited has truncated nothing.
-    return stub.isGivenUp([this](const HeldAccess& access) { return needOf(access) == Need::Truncate; });
+    return stub.isGivenUp();
 }
 
 bool RecallService::isRefused(const Stub& stub) {

@@ -162,8 +162,14 @@ bool ServedStub::isUnclear() const {
                                [](const Waiting& waiting) { return waiting.need == Need::Unclear; });
 }
 
-bool ServedStub::isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const {
-    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [&](const Waiting& waiting) {
-        return waiting.need == Need::Truncate && stillTruncates(waiting.access);
+void ServedStub::doubtTruncates() {
+    for (Waiting& waiting : m_waiting)
+        if (waiting.need == Need::Truncate)
+            waiting.need = Need::Unclear;
+}
+
+bool ServedStub::isGivenUp() const {
+    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
+        return waiting.need == Need::Truncate;
     });
 }

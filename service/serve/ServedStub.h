@@ -86,9 +86,10 @@ public:
     bool takeBack();
     /// Whether somebody waits of whom it is not known yet what he does.
     bool isUnclear() const;
-    /// Whether somebody waits, all who do want to truncate the file, by their need and by `stillTruncates`,
-    /// and nobody has begun to recall it.
-    bool isGivenUp(const std::function<bool(const HeldAccess&)>& stillTruncates) const;
+    /// It is not known any more whether those who truncate the file do: who was killed has truncated nothing.
+    void doubtTruncates();
+    /// Whether somebody waits, all who do want to truncate the file, and nobody has begun to recall it.
+    bool isGivenUp() const;
 
 private:
     struct Waiting {

@@ -58,24 +58,23 @@ TEST_F(ServedStubTest, AnswersEachWhenWhatItNeedsIsThere) {
 }
 
 TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
-    const auto isGivenUp = [&](bool live = true) {
-        return stub.isGivenUp([live](const HeldAccess&) { return live; });
-    };
-    EXPECT_FALSE(isGivenUp()) << "nobody waits";
+    EXPECT_FALSE(stub.isGivenUp()) << "nobody waits";
     stub.add(access(), Need::Truncate);
-    EXPECT_TRUE(isGivenUp());
-    EXPECT_FALSE(isGivenUp(false)) << "who was killed has truncated nothing";
+    EXPECT_TRUE(stub.isGivenUp());
+    stub.doubtTruncates();
+    EXPECT_FALSE(stub.isGivenUp()) << "who was killed has truncated nothing";
+    stub.reconsider([](const HeldAccess&) { return Need::Truncate; });
     const HeldAccess unclear = access();
     EXPECT_FALSE(stub.isUnclear());
     stub.add(unclear, Need::Unclear);
     EXPECT_TRUE(stub.isUnclear());
-    EXPECT_FALSE(isGivenUp());
+    EXPECT_FALSE(stub.isGivenUp());
     stub.reconsider([](const HeldAccess&) { return Need::Refused; });
     EXPECT_FALSE(waits(unclear));
     EXPECT_FALSE(stub.isRefused()) << "somebody else waits";
-    EXPECT_TRUE(isGivenUp());
+    EXPECT_TRUE(stub.isGivenUp());
     stub.begin(1, kPiece);
-    EXPECT_FALSE(isGivenUp()) << "it is being recalled";
+    EXPECT_FALSE(stub.isGivenUp()) << "it is being recalled";
     stub.denyAll(5);
     EXPECT_EQ(stub.waiting(), 0U);
     EXPECT_TRUE(stub.isRefused());
