@@ -14,8 +14,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-inline constexpr const char* kMeta = "versionGuid=0123;job=7";
-
 inline std::vector<char> stubDataOf(const std::string& meta, long long size) {
     return bytes(stubText(meta, size));
 }
@@ -35,6 +33,8 @@ struct NoMoreDescriptors {
 template <class BackEnd>
 class DriverWorld : public ::testing::Test {
 protected:
+    static constexpr const char* kMeta = "versionGuid=0123;job=7";
+
     void SetUp() override {
         REQUIRE_FS(m_fs);
         emulator::driver() = {};

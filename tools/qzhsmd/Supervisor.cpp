@@ -27,10 +27,6 @@ namespace {
 
 constexpr auto kPause = std::chrono::seconds(1);
 
-void complain(const std::string& text) {
-    std::cerr << "qzhsmd: " << text << std::endl;
-}
-
 /// A child that shares the descriptors. The kernel notes its descriptor before the child runs, so that
 /// whoever takes the place of this process, if it is killed now, finds the child.
 pid_t startProcess(std::atomic<int>* note) {

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <iostream>
 
-namespace {
-
 void complain(const std::string& text) {
     std::cerr << "qzhsmd: " << text << std::endl;
 }
+
+namespace {
 
 int run(int argc, char** argv) {
     CLI::App app("Recalls stubs when they are read", "qzhsmd");
