@@ -19,7 +19,7 @@ namespace {
 constexpr const char* kMarker = "qzhsm-store.json";
 constexpr const char* kNewMarker = "qzhsm-store.json.new";
 constexpr const char* kTemporary = "tmp";
-constexpr int kFormat = 1;
+constexpr int kMarkerFormat = 1;
 constexpr size_t kMarkerMax = 4096;
 
 /// Takes what a run that was cut short has made out of the way. False for anything else.
@@ -34,7 +34,7 @@ bool isOutOfTheWay(int directory, const std::string& file) {
 }
 
 void writeMarker(int root, const std::string& directory) {
-    const nlohmann::ordered_json marker{{"format", kFormat}, {"uuid", ObjectId::generate().text()}};
+    const nlohmann::ordered_json marker{{"format", kMarkerFormat}, {"uuid", ObjectId::generate().text()}};
     const std::string text = marker.dump() + '\n';
     NewFile file(root, kNewMarker, directory + '/' + kNewMarker);
     file.write(0, text.data(), text.size());
@@ -98,7 +98,7 @@ std::string readMarker(int directory, const std::string& name) {
         throw Failure(QZHSM_FAILURE, name + " is not a store",
                       "If a disk belongs there, is it mounted? 'qzhsm store create' makes a new store.");
     const auto marker = nlohmann::json::parse(*text, nullptr, false);
-    if (!marker.is_object() || marker.value("format", nlohmann::json()) != kFormat)
+    if (!marker.is_object() || marker.value("format", nlohmann::json()) != kMarkerFormat)
         throw Failure(QZHSM_FAILURE, name + " is a store of a format that is not known");
     const auto uuid = marker.value("uuid", nlohmann::json());
     const auto id = uuid.is_string() ? ObjectId::parse(uuid.get_ref<const std::string&>()) : std::nullopt;
