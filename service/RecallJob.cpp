@@ -140,6 +140,8 @@ void RecallJob::writeRest() {
         m_observer.bytes(length);
     }
     file.close();
+    // The flush that follows has less to wait for.
+    ::sync_file_range(m_flushable.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
     if (!m_source->size() && m_total <= m_look.recordedSize)
         examineLength(m_total);
     const std::optional<StubMetadata> known = StubMetadata::fromText(m_look.meta);

@@ -31,7 +31,7 @@ void Workers::end() {
         m_ended = true;
         m_waiting.clear();
     }
-    m_changed.notify_all();
+    m_given.notify_all();
 }
 
 void Workers::give(OpenFile file) {
@@ -39,11 +39,11 @@ void Workers::give(OpenFile file) {
         return m_workers.front()->take(std::move(file));
     {
         std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_waiting.size() < kMostWaiting || m_failure; });
+        m_taken.wait(lock, [this] { return m_waiting.size() < kMostWaiting || m_failure; });
         rethrow();
         m_waiting.push_back(std::move(file));
     }
-    m_changed.notify_all();
+    m_given.notify_one();
 }
 
 void Workers::finish() {
@@ -53,7 +53,7 @@ void Workers::finish() {
         const std::lock_guard lock(m_mutex);
         m_ended = true;
     }
-    m_changed.notify_all();
+    m_given.notify_all();
     for (std::jthread& thread : m_threads)
         thread.join();
     rethrow();
@@ -71,21 +71,25 @@ void Workers::serve(FileWorker& worker) {
             m_waiting.clear();
             m_ended = true;
         }
-        m_changed.notify_all();
+        m_given.notify_all();
+        m_taken.notify_one();
     }
 }
 
 std::optional<OpenFile> Workers::next() {
     std::optional<OpenFile> file;
+    bool isLow = false;
     {
         std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return !m_waiting.empty() || m_ended; });
+        m_given.wait(lock, [this] { return !m_waiting.empty() || m_ended; });
         if (m_waiting.empty())
             return {};
         file.emplace(std::move(m_waiting.front()));
         m_waiting.pop_front();
+        isLow = m_waiting.size() == kMostWaiting / 2;
     }
-    m_changed.notify_all();
+    if (isLow) // not for each file: to be woken costs more than to open one
+        m_taken.notify_one();
     return file;
 }
 

@@ -52,7 +52,8 @@ private:
 
     std::vector<std::unique_ptr<FileWorker>> m_workers;
     std::mutex m_mutex;
-    std::condition_variable m_changed;
+    std::condition_variable m_given;
+    std::condition_variable m_taken;
     std::deque<OpenFile> m_waiting;
     bool m_ended = false;
     std::exception_ptr m_failure;
