@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 // Archiving and recalling a tree with two workers beside "cp -a" of the same tree, each with a flush at its
@@ -89,13 +91,39 @@ void empty(const fs::path& tree) {
     flush(tree);
 }
 
-double middle(const std::vector<Run>& runs) {
+std::vector<double> times(const std::vector<Run>& runs) {
     std::vector<double> seconds;
     seconds.reserve(runs.size());
     for (const Run& one : runs)
         seconds.push_back(one.seconds);
+    return seconds;
+}
+
+double middle(const std::vector<Run>& runs) {
+    std::vector<double> seconds = times(runs);
     std::ranges::sort(seconds);
     return seconds[seconds.size() / 2];
+}
+
+/// A line of JSON in $QZHSM_BENCH_JSON, if that is set, with the nanoseconds of each round.
+void record(const char* name, const std::vector<Run>& ours, const std::vector<Run>& bare, int files,
+            double bytes) {
+    const char* path = std::getenv("QZHSM_BENCH_JSON");
+    if (!path)
+        return;
+    std::ofstream out(path, std::ios::app);
+    const auto list = [&](const std::vector<Run>& runs) {
+        const char* separator = "[";
+        for (const double seconds : times(runs))
+            out << std::exchange(separator, ", ") << std::llround(seconds * 1e9);
+        out << "]";
+    };
+    out << R"({"name": ")" << name << R"(", "files": )" << files << R"(, "bytes": )" << std::llround(bytes)
+        << R"(, "ours_ns": )";
+    list(ours);
+    out << R"(, "bare_ns": )";
+    list(bare);
+    out << "}\n";
 }
 
 void measure(const fs::path& work, const std::string& tool, int files, int rounds, int sparseGib) {
@@ -120,6 +148,7 @@ void measure(const fs::path& work, const std::string& tool, int files, int round
         std::printf("%-8s %8.2f s %8.0f files/s %6.0f MB/s %5.2f times cp -a %7ld KiB at most\n", what,
                     seconds, files / seconds, bytes / 1e6 / seconds, seconds / middle(runs["copy"]),
                     std::ranges::max(runs[what], memory).kilobytes);
+        record(what, runs[what], runs["copy"], files, bytes);
     }
 }
 

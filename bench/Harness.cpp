@@ -108,10 +108,11 @@ void report(benchmark::State& state, const std::string& name, const std::string&
                      std::to_string(*promised));
 }
 
-double median(std::vector<double>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+double reportSpread(benchmark::State& state, const std::string& what, std::vector<double>& values) {
+    std::ranges::sort(values);
+    state.counters[what + "_q1"] = values[values.size() / 4];
+    state.counters[what + "_q3"] = values[values.size() * 3 / 4];
+    return state.counters[what] = values[values.size() / 2];
 }
 
 int main(int argc, char** argv) {

@@ -37,7 +37,8 @@ void breakPromise(const std::string& what);
 void report(benchmark::State& state, const std::string& name, const std::string& what, long long count,
             std::optional<int> promised);
 
-double median(std::vector<double>& values);
+/// Sets the counter `what` to the median, and "`what`_q1" and "`what`_q3" to the quartiles. The median.
+double reportSpread(benchmark::State& state, const std::string& what, std::vector<double>& values);
 
 /// Nanoseconds of one call when `call` runs with 0 to `batch` - 1; negative if one failed.
 template <class Call>
@@ -51,9 +52,10 @@ double timeBatch(int batch, Call& call) {
 }
 
 /// Times the two sides in batches that take turns, each time the other one first, so that noise hits both;
-/// the counters hold the medians of all batches and of the ratios of all pairs, the benchmark's own time is
-/// the library's mean. Then counts what one call takes. `ours` and `bare` take the number of the call in its
-/// batch and answer whether it succeeded; `prepare` runs before each pair of batches, outside the timing.
+/// the counters hold the medians and quartiles of all batches and of the ratios of all pairs, the benchmark's
+/// own time is the library's mean. Then counts what one call takes. `ours` and `bare` take the number of the
+/// call in its batch and answer whether it succeeded; `prepare` runs before each pair of batches, outside the
+/// timing.
 template <class Prepare, class Ours, class Bare>
 void measure(benchmark::State& state, const Case& c, Prepare prepare, Ours ours, Bare bare) {
     std::vector<double> oursTimes;
@@ -71,10 +73,9 @@ void measure(benchmark::State& state, const Case& c, Prepare prepare, Ours ours,
         ratios.push_back(time / (before + after));
         state.SetIterationTime(time * c.batch * 1e-9);
     }
-    state.counters["ours_ns"] = median(oursTimes);
-    state.counters["bare_ns"] = median(bareTimes);
-    state.counters["ratio"] = median(ratios);
-    const double overhead = state.counters["ours_ns"] - state.counters["bare_ns"];
+    reportSpread(state, "ratio", ratios);
+    const double overhead =
+        reportSpread(state, "ours_ns", oursTimes) - reportSpread(state, "bare_ns", bareTimes);
     constexpr size_t kEnough = 100; // pairs, which the short runs for warming up do not reach
     if (c.overheadNs)
         state.counters["overhead_ns"] = overhead;

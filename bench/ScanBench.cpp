@@ -16,26 +16,33 @@
 #include <thread>
 #include <unistd.h>
 
-// "qzhsm scan" of a tree beside a bare walk of it, a process each. Four of ten files are stubs. The two sides
-// take turns; caches are warm on both.
+// "qzhsm scan" of a tree beside a bare walk of it, a process each, while the tree grows. Four of ten files
+// are stubs. The two sides take turns; caches are warm on both. A small tree tells what starting the tool
+// costs.
 
 namespace {
 
 namespace fs = std::filesystem;
 
-int fileCount() {
+constexpr int kManyFiles = 100000;
+
+int mostFiles() {
     const char* value = std::getenv("QZHSM_BENCH_FILES");
-    return value ? std::atoi(value) : 100000;
+    return value ? std::atoi(value) : kManyFiles;
 }
 
-std::string makeTree() {
-    std::string tree = scratchPath("scan");
+/// A tree of so many files, or of more: it only grows.
+const std::string& tree(int files) {
+    static const std::string tree = scratchPath("scan");
+    static int number = 0;
+    if (number >= files)
+        return tree;
     QZHSMLowLevelCtx registry(2);
     QZHSMLowLevel* backEnd = registry.getByFileName("");
     const std::string meta =
         "store=main;object=6ba7b810-9dad-11d1-80b4-00c04fd430c8;checksum=0123456789abcdef";
     const std::string data(4096, 'd');
-    for (int number = 0, files = fileCount(); number < files; ++number) {
+    for (; number < files; ++number) {
         const std::string directory = tree + "/" + std::to_string(number / 500);
         if (number % 500 == 0)
             fs::create_directories(directory);
@@ -48,12 +55,8 @@ std::string makeTree() {
         if (backEnd->stubFile(file.c_str(), meta.c_str(), kAnyTime, 1 << 20) < 0)
             throw std::runtime_error(backEnd->m_errorText);
     }
+    ::sync(); // no side is to wait for it later
     return tree;
-}
-
-const std::string& tree() {
-    static const std::string made = makeTree();
-    return made;
 }
 
 /// One stat and one attribute read a file.
@@ -101,16 +104,16 @@ Cost costOf(Start start) {
     return {wall.count(), seconds(used.ru_utime) + seconds(used.ru_stime), used.ru_maxrss};
 }
 
-pid_t startBareWalk() {
+pid_t startBareWalk(const std::string& tree) {
     const pid_t child = ::fork();
     if (child != 0)
         return child;
-    bareWalk(AT_FDCWD, tree().c_str(), tree());
+    bareWalk(AT_FDCWD, tree.c_str(), tree);
     ::_exit(0);
 }
 
-pid_t startScan(const char* tool, const std::string& jobs) {
-    std::vector<std::string> words{tool, "scan", "-q", "-j", jobs, tree()};
+pid_t startScan(const char* tool, const std::string& jobs, const std::string& tree) {
+    std::vector<std::string> words{tool, "scan", "-q", "-j", jobs, tree};
     std::vector<char*> argv;
     argv.reserve(words.size() + 1);
     for (std::string& word : words)
@@ -126,41 +129,64 @@ void scan(benchmark::State& state) {
     const char* tool = std::getenv("QZHSM_TOOL");
     if (!tool)
         return state.SkipWithError("QZHSM_TOOL does not name the tool");
-    const auto jobs = state.range(0);
+    const auto files = static_cast<int>(state.range(0));
+    const auto jobs = state.range(1);
     std::vector<double> wall;
     std::vector<double> cpu;
     std::vector<double> ours;
     std::vector<double> bare;
+    std::vector<double> oursCpu;
+    std::vector<double> bareCpu;
     try {
-        tree(); // before any child needs it
-        costOf(startBareWalk);
-        while (state.KeepRunning()) {
-            const Cost walk = costOf(startBareWalk);
-            const Cost scanned = costOf([&] { return startScan(tool, std::to_string(jobs)); });
+        const std::string& path = tree(files);
+        const auto walkTree = [&] { return startBareWalk(path); };
+        const auto scanTree = [&] { return startScan(tool, std::to_string(jobs), path); };
+        costOf(walkTree);
+        for (bool walkFirst = true; state.KeepRunning(); walkFirst = !walkFirst) {
+            const Cost before = walkFirst ? costOf(walkTree) : Cost{};
+            const Cost scanned = costOf(scanTree);
+            const Cost walk = walkFirst ? before : costOf(walkTree);
             state.SetIterationTime(scanned.wall);
             wall.push_back(scanned.wall / walk.wall);
             cpu.push_back(scanned.cpu / walk.cpu);
-            ours.push_back(scanned.cpu / fileCount() * 1e9);
-            bare.push_back(walk.cpu / fileCount() * 1e9);
+            ours.push_back(scanned.wall * 1e9);
+            bare.push_back(walk.wall * 1e9);
+            oursCpu.push_back(scanned.cpu / files * 1e9);
+            bareCpu.push_back(walk.cpu / files * 1e9);
             state.counters["peak_KiB"] = static_cast<double>(scanned.kilobytes);
         }
     } catch (const std::exception& error) {
         return giveUp(state, error.what());
     }
-    state.counters["ours_cpu_ns"] = median(ours);
-    state.counters["bare_cpu_ns"] = median(bare);
-    const double cpuRatio = median(cpu);
-    const double wallRatio = median(wall);
-    state.counters["cpu_ratio"] = cpuRatio;
-    state.counters["time_ratio"] = wallRatio;
+    reportSpread(state, "ours_ns", ours);
+    reportSpread(state, "bare_ns", bare);
+    reportSpread(state, "ours_cpu_ns", oursCpu);
+    reportSpread(state, "bare_cpu_ns", bareCpu);
+    const double cpuRatio = reportSpread(state, "cpu_ratio", cpu);
+    const double wallRatio = reportSpread(state, "ratio", wall);
+    if (files < kManyFiles)
+        return;
+    const std::string count = std::to_string(files);
     constexpr double kMostCpu = 1.4;
     if (jobs == 1 && cpuRatio > kMostCpu)
-        breakPromise("scan: " + std::to_string(cpuRatio) + " times the CPU time of a bare walk");
+        breakPromise("scan of " + count + " files: " + std::to_string(cpuRatio) +
+                     " times the CPU time of a bare walk");
     if (jobs == 2 && std::thread::hardware_concurrency() >= 2 && wallRatio >= 1)
-        breakPromise("scan -j 2: " + std::to_string(wallRatio) + " times the time of a bare walk");
+        breakPromise("scan -j 2 of " + count + " files: " + std::to_string(wallRatio) +
+                     " times the time of a bare walk");
 }
 
-BENCHMARK(scan)->ArgName("jobs")->Arg(1)->Arg(2)->Iterations(11)->UseManualTime()->Unit(
-    benchmark::kMillisecond);
+[[maybe_unused]] const auto registered = [] {
+    long files = 1;
+    for (; files <= mostFiles(); files *= 10)
+        for (const int jobs : {1, 2})
+            benchmark::RegisterBenchmark("scan", scan)
+                ->ArgNames({"files", "jobs"})
+                ->Args({files, jobs})
+                ->Iterations(files > kManyFiles ? 5 : 11)
+                ->UseManualTime()
+                ->Unit(benchmark::kMillisecond);
+    return files;
+}();
 
 } // namespace

@@ -110,10 +110,9 @@ void spawn(benchmark::State& state, Start start, double mayGrow) {
         ratios.push_back(spent / other);
         state.SetIterationTime(spent * 1e-9);
     }
-    state.counters["4GiB_ns"] = median(largeTimes);
-    state.counters["50MB_ns"] = median(smallTimes);
-    const double grown = median(ratios);
-    state.counters["ratio"] = grown;
+    reportSpread(state, "4GiB_ns", largeTimes);
+    reportSpread(state, "50MB_ns", smallTimes);
+    const double grown = reportSpread(state, "ratio", ratios);
     if (mayGrow > 0 && grown > mayGrow)
         giveUp(state, "spawn: grows with the parent's memory by " + std::to_string(grown));
 }

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr const char* kProbe = "user.NkProbe"; // the attribute that the library asks for too
-constexpr const char* kMeta = "versionGuid=2f1c8a4e-6f0b-4d0e-9d0a-3b8f5f7f9b11;location=pool7/000042";
 constexpr int kSize = 64 * 1024;
 constexpr time_t kLater = std::numeric_limits<time_t>::max(); // no file counts as modified since
 
@@ -31,9 +30,22 @@ bool writeStub(int fd, long long size, const std::string& text) {
            ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-std::string stubText() {
-    std::string text(static_cast<size_t>(qzhsm_meta2stub(kMeta, kSize, nullptr, 0)), '\0');
-    qzhsm_meta2stub(kMeta, kSize, text.data(), static_cast<int>(text.size()));
+/// Metadata of as many bytes as the benchmark was asked for.
+std::string metaOf(const benchmark::State& state) {
+    std::string meta = "location=";
+    meta.resize(static_cast<size_t>(state.range(0)), '7');
+    return meta;
+}
+
+void metaSizes(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgName("meta")->UseManualTime();
+    for (const int size : {10, 100, 1000, 2000, 4000})
+        benchmark->Arg(size);
+}
+
+std::string stubText(const std::string& meta) {
+    std::string text(static_cast<size_t>(qzhsm_meta2stub(meta.c_str(), kSize, nullptr, 0)), '\0');
+    qzhsm_meta2stub(meta.c_str(), kSize, text.data(), static_cast<int>(text.size()));
     return text;
 }
 
@@ -74,7 +86,7 @@ void isStub(benchmark::State& state, bool stub) {
     QZHSMLowLevel* backEnd = registry.getByFileName("");
     const std::string file = scratchPath("isStub");
     const char* path = file.c_str();
-    if (!makeFile(file) || (stub && backEnd->stubFile(path, kMeta, kLater, kSize) < 0))
+    if (!makeFile(file) || (stub && backEnd->stubFile(path, metaOf(state).c_str(), kLater, kSize) < 0))
         return giveUp(state, "isStub: " + backEnd->m_errorText);
 
     measure(
@@ -95,11 +107,12 @@ void stubFile(benchmark::State& state) {
     QZHSMLowLevel* backEnd = registry.getByFileName("");
     constexpr int kBatch = 16;
     const FilePairs files("stubFile", kBatch);
-    const std::string text = stubText();
+    const std::string meta = metaOf(state);
+    const std::string text = stubText(meta);
 
     measure(
         state, {.name = "stubFile", .batch = kBatch, .syscalls = 12}, [&] { files.make(); },
-        [&](int i) { return backEnd->stubFile(files.ours(i), kMeta, kLater, kSize) == 0; },
+        [&](int i) { return backEnd->stubFile(files.ours(i), meta.c_str(), kLater, kSize) == 0; },
         [&](int i) {
             const char* path = files.bare(i);
             struct stat st {};
@@ -127,20 +140,30 @@ void backupStub(benchmark::State& state) {
     QZHSMLowLevel* backEnd = registry.getByFileName("");
     const std::string file = scratchPath("backupStub");
     const char* path = file.c_str();
-    if (!makeFile(file) || backEnd->stubFile(path, kMeta, kLater, kSize) < 0)
+    const std::string meta = metaOf(state);
+    if (!makeFile(file) || backEnd->stubFile(path, meta.c_str(), kLater, kSize) < 0)
         return giveUp(state, "backupStub: " + backEnd->m_errorText);
 
+    // A text that is longer than the first look is looked for again.
+    std::vector<size_t> looks{1024};
+    if (const size_t whole = stubText(meta).size(); whole > looks.front())
+        looks.push_back(whole);
+    const int syscalls = 5 * static_cast<int>(looks.size());
     std::vector<char> stubData;
     measure(
-        state, {.name = "backupStub", .batch = 64, .syscalls = 5}, [] {},
+        state, {.name = "backupStub", .batch = 64, .syscalls = syscalls}, [] {},
         [&](int) { return backEnd->backupStub(path, stubData) == 0; },
         [&](int) {
-            char text[1024];
-            if (::getxattr(path, kProbe, nullptr, 0) >= 0 ||
-                ::getxattr(path, "user.TSTUB", text, sizeof text) >= 0)
-                return false;
-            const UniqueFd opened(::open(path, O_RDONLY));
-            return ::read(opened.get(), text, sizeof text) > 0;
+            char text[4096];
+            for (const size_t size : looks) {
+                if (::getxattr(path, kProbe, nullptr, 0) >= 0 ||
+                    ::getxattr(path, "user.TSTUB", text, size) >= 0)
+                    return false;
+                const UniqueFd opened(::open(path, O_RDONLY));
+                if (::read(opened.get(), text, size) <= 0)
+                    return false;
+            }
+            return true;
         });
 }
 
@@ -153,7 +176,7 @@ void restoreStub(benchmark::State& state) {
     constexpr int kBatch = 16;
     const FilePairs files("restoreStub", kBatch);
     files.make();
-    const std::string text = stubText();
+    const std::string text = stubText(metaOf(state));
     const std::vector<char> stubData(text.begin(), text.end());
 
     measure(
@@ -176,45 +199,47 @@ void restoreStub(benchmark::State& state) {
         });
 }
 
-/// The data's way back: one piece of 1 MiB into the hole of a stub, which is made anew every 64 pieces.
+/// The data's way back: one piece into the hole of a stub of 64 MiB, which is made anew when it is full.
 void recallPiece(benchmark::State& state) {
     if (!requireAttributes(state))
         return;
     QZHSMLowLevelCtx registry(2);
     QZHSMLowLevel* backEnd = registry.getByFileName("");
-    constexpr int kPieces = 64;
-    constexpr int kPieceSize = 1 << 20;
-    const std::string piece(kPieceSize, 'x');
+    constexpr off_t kStubSize = 64 << 20;
+    const auto pieceSize = static_cast<int>(state.range(0));
+    const std::string piece(static_cast<size_t>(pieceSize), 'x');
     const FilePairs files("recall", 1);
     files.make();
-    if (backEnd->stubFile(files.ours(0), kMeta, kLater, kSize) < 0 ||
-        backEnd->stubFile(files.bare(0), kMeta, kLater, kSize) < 0 ||
+    if (backEnd->stubFile(files.ours(0), "copy=1", kLater, kSize) < 0 ||
+        backEnd->stubFile(files.bare(0), "copy=1", kLater, kSize) < 0 ||
         backEnd->openFileTrans(files.ours(0), O_WRONLY, 0) < 0)
         return giveUp(state, "recallPiece: " + backEnd->m_errorText);
     const UniqueFd bareFile(::open(files.bare(0), O_WRONLY));
 
     measure(
         state, {.name = "recallPiece", .batch = 1, .syscalls = 1},
-        [&, made = 0]() mutable {
-            if (made++ % kPieces != 0)
+        [&, at = kStubSize]() mutable {
+            if (at < kStubSize) {
+                at += pieceSize;
                 return;
+            }
+            at = pieceSize;
             files.resize(0);
-            files.resize(off_t{kPieces} * kPieceSize);
+            files.resize(kStubSize);
             backEnd->seekFileTrans(0, SEEK_SET);
             ::lseek(bareFile.get(), 0, SEEK_SET);
         },
-        [&](int) { return backEnd->writeFileTransAll(piece.data(), kPieceSize) == kPieceSize; },
-        [&](int) { return ::write(bareFile.get(), piece.data(), piece.size()) == kPieceSize; });
+        [&](int) { return backEnd->writeFileTransAll(piece.data(), pieceSize) == pieceSize; },
+        [&](int) { return ::write(bareFile.get(), piece.data(), piece.size()) == pieceSize; });
     backEnd->closeFileTrans();
-    state.SetBytesProcessed(state.iterations() * kPieceSize);
-    state.counters["throughput_ratio"] = 1 / state.counters["ratio"];
+    state.SetBytesProcessed(state.iterations() * pieceSize);
 }
 
-BENCHMARK_CAPTURE(isStub, stub, true)->UseManualTime();
+BENCHMARK_CAPTURE(isStub, stub, true)->Apply(metaSizes);
 BENCHMARK_CAPTURE(isStub, plain, false)->UseManualTime();
-BENCHMARK(stubFile)->UseManualTime();
-BENCHMARK(backupStub)->UseManualTime();
-BENCHMARK(restoreStub)->UseManualTime();
-BENCHMARK(recallPiece)->UseManualTime();
+BENCHMARK(stubFile)->Apply(metaSizes);
+BENCHMARK(backupStub)->Apply(metaSizes);
+BENCHMARK(restoreStub)->ArgName("meta")->Arg(100)->UseManualTime();
+BENCHMARK(recallPiece)->ArgName("bytes")->RangeMultiplier(4)->Range(4 << 10, 4 << 20)->UseManualTime();
 
 } // namespace

@@ -8,12 +8,14 @@ usage: ./dev bench serve [OPTION...] [PART...]
 
 Parts: first open second files many memory (without one: all of them)
 Options: --rounds N   how often each side is timed (5)
-         --big MIB    the largest stub for first bytes (4096)
+         --big MIB    stubs of 1, 8, 64, ... MiB up to this one for first bytes (4096)
          --files N    small files to grep and to create (20000)
          --stubs N    stubs of 64 KiB for 8 readers (1000)
          --recalls N  recalls after which memory is looked at (100000)
          --accesses N accesses to files that are no stubs (1000000)
          --keep       leave the directory, $QZHSM_BENCH_DIR/qzhsm-serve.XXXXXX
+
+With $QZHSM_BENCH_JSON each comparison is added to that file, as a line of JSON with the nanoseconds of each round.
 END
 }
 skip() { echo "serve: skipped: $*" && exit 0; }
@@ -101,18 +103,20 @@ timed() { # COMMAND...: prints the nanoseconds
 }
 median() { sort -n <<<"$1" | awk '{ all[NR] = $1 } END { print all[int((NR + 1) / 2)] }'; }
 
-# in_turns TEXT GOAL PREPARE OURS BARE: three functions, of which the last two print nanoseconds. Tells their medians.
+# in_turns NAME TEXT GOAL PREPARE OURS BARE: three functions, of which the last two print nanoseconds. Tells their medians.
 in_turns() {
     local with='' without='' i
     for ((i = 0; i < rounds; i++)); do
-        "$3"
-        if ((i % 2)); then without+=$("$5")$'\n' with+=$("$4")$'\n'; else with+=$("$4")$'\n' without+=$("$5")$'\n'; fi
+        "$4"
+        if ((i % 2)); then without+=$("$6")$'\n' with+=$("$5")$'\n'; else with+=$("$5")$'\n' without+=$("$6")$'\n'; fi
     done
-    tell "$1" "$(median "${with%$'\n'}")" "$(median "${without%$'\n'}")" "$2"
+    tell "$1" "$2" "$3" "${with%$'\n'}" "${without%$'\n'}"
 }
-# tell TEXT NANOSECONDS NANOSECONDS GOAL
+# tell NAME TEXT GOAL NANOSECONDS NANOSECONDS: of each round a line
 tell() {
-    awk -v text="$1" -v ours="$2" -v bare="$3" -v goal="$4" 'BEGIN {
+    printf '{"name": "%s", "ours_ns": [%s], "bare_ns": [%s]}\n' "$1" "${4//$'\n'/, }" "${5//$'\n'/, }" \
+        >>"${QZHSM_BENCH_JSON:-/dev/null}"
+    awk -v text="$2" -v goal="$3" -v ours="$(median "$4")" -v bare="$(median "$5")" 'BEGIN {
         printf "%-58s %10.3f ms %10.3f ms %8.2f  %s\n", text, ours / 1e6, bare / 1e6, ours / bare,
             goal == "" ? "" : ours / bare <= goal ? "goal " goal : "MISSED: goal " goal }'
 }
@@ -124,7 +128,7 @@ printf '%-58s %13s %13s %8s\n' '' 'served' 'bare' 'ratio'
 part_first() {
     local size object at
     configure 'recall = range' 'rangeFrom = 0'
-    for size in 1 64 "$big"; do
+    for ((size = 1; size <= big; size *= 8)); do
         origin "first$size" $((size << 20))
         again() { archived "$served/first$size" && object=$(<"$dir/objects"); }
         ours() {
@@ -134,7 +138,7 @@ part_first() {
         }
         theirs() { "$bench" forget "$object" >/dev/null && "$bench" piece "$object"; }
         for at in 0 -4096; do
-            in_turns "first 4 KiB of $size MiB, from $at; 4 MiB of the object" 1.5 again ours theirs
+            in_turns "first/from:$at/MiB:$size" "first 4 KiB of $size MiB, from $at; 4 MiB of the object" 1.5 again ours theirs
         done
         rm "$served/first$size" "$dir/origin/first$size"
     done
@@ -151,8 +155,8 @@ part_open() {
         ours() { "$bench" read "$served/open$size" "$dir/origin/open$size"; }
         theirs() { "$bench" copy "$object" "$bare/open$size"; }
         flushed() { timed sh -c 'cp "$0" "$1" && sync "$1" && cat "$1"' "$object" "$bare/open$size"; }
-        in_turns "open, read, close $size MiB; copy of the object, and read" 1.2 again ours theirs
-        in_turns "  the same; cp, sync, cat" '' again ours flushed
+        in_turns "open/MiB:$size" "open, read, close $size MiB; copy of the object, and read" 1.2 again ours theirs
+        in_turns "open/flushed/MiB:$size" "  the same; cp, sync, cat" '' again ours flushed
     done
     tree() {
         rm -rf "$served/tree" && mkdir -p "$served/tree"
@@ -161,7 +165,7 @@ part_open() {
     }
     ours() { timed sh -c 'cat "$0"/*' "$served/tree"; }
     theirs() { timed xargs cat <"$dir/objects"; }
-    in_turns "cat of 16 stubs of 1 MiB; cat of their objects" 1.2 tree ours theirs
+    in_turns open/tree "cat of 16 stubs of 1 MiB; cat of their objects" 1.2 tree ours theirs
 }
 
 part_second() {
@@ -172,7 +176,7 @@ part_second() {
     cat "$served/second" >/dev/null && settled "$served/second"
     ours() { "$bench" read "$served/second"; }
     theirs() { "$bench" read "$bare/second"; }
-    in_turns "second access, 64 MiB" 1.05 nothing ours theirs
+    in_turns second "second access, 64 MiB" 1.05 nothing ours theirs
 }
 
 # --- Files that never were stubs ---
@@ -185,16 +189,16 @@ part_files() {
     again() { for side in served bare; do rm -rf "$dir/$side/new" && mkdir "$dir/$side/new"; done; }
     ours() { "$bench" create "$served/new" "$files"; }
     theirs() { "$bench" create "$bare/new" "$files"; }
-    in_turns "$files files created and written" 1.8 again ours theirs
+    in_turns files/create "$files files created and written" 1.8 again ours theirs
     again
     stop
     "$bench" create "$served/new" "$files" >/dev/null && "$bench" create "$bare/new" "$files" >/dev/null
     start
     grep_in() { timed sh -c '! grep -rq nothing "$0"' "$dir/$1/new"; }
-    tell "grep -r over $files small files, first time" "$(grep_in served)" "$(grep_in bare)" ''
+    tell files/grep-first "grep -r over $files small files, first time" '' "$(grep_in served)" "$(grep_in bare)"
     ours() { grep_in served; }
     theirs() { grep_in bare; }
-    in_turns "grep -r over $files small files, later" 1.1 nothing ours theirs
+    in_turns files/grep "grep -r over $files small files, later" 1.1 nothing ours theirs
     rm -rf "$served/new" "$bare/new"
 }
 
@@ -207,8 +211,7 @@ fill_many() { # COUNT BYTES
 }
 
 part_many() {
-    local time
-    configure
+    local time workers
     fill_many "$stubs" 65536
     again() {
         archived "$served/many"
@@ -217,9 +220,12 @@ part_many() {
     }
     ours() { "$bench" many 8 "$served/many" | tee "$dir/time"; }
     theirs() { "$bench" many 8 "$dir/links" "$bare/many"; }
-    in_turns "$stubs stubs of 64 KiB, 8 readers; copies of the objects" '' again ours theirs
-    time=$(<"$dir/time")
-    echo "  $((stubs * 1000000000 / time)) stubs a second in the last round"
+    for workers in 1 4 16; do
+        configure "workers = $workers"
+        in_turns "many/workers:$workers" "$stubs stubs of 64 KiB, 8 readers, $workers at once; copies" '' again ours theirs
+        time=$(<"$dir/time")
+        echo "  $((stubs * 1000000000 / time)) stubs a second in the last round"
+    done
     rm -rf "$served/many" "$bare/many"
 }
 
