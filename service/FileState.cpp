@@ -71,9 +71,10 @@ bool isHole(int fd, const OpenFile& file, long long offset, const struct stat& s
 /// What the file's own beginning, and the rest of it, look like.
 struct Content {
     std::string text;        ///< the stub text at the beginning, if there is a valid one
+    StubFacts facts{};       ///< of that text
     std::string beginning;   ///< up to a page, or up to the text's end if that is longer
     bool restIsHole = false; ///< behind `beginning`
-    bool hasHoles = false;
+    bool hasHoles = false;   ///< not looked for if its own text is all that there is
 
     /// Whether there is no data, or only what a torn write of stub text can leave.
     bool isEmpty() const { return restIsHole && (allZero(beginning) || beginning.starts_with("QZHSMSTUB ")); }
@@ -84,7 +85,7 @@ struct Content {
     }
 };
 
-Content readContent(const OpenFile& file, const struct stat& st, bool attributes, bool marked) {
+Content readContent(const OpenFile& file, const FileLook& look) {
     const UniqueFd opened = file.isReadable() ? UniqueFd() : file.open(O_RDONLY);
     const int fd = file.isReadable() ? file.fd() : opened.get();
     Content content;
@@ -93,17 +94,19 @@ Content readContent(const OpenFile& file, const struct stat& st, bool attributes
     if (qzhsm_stub2meta(content.beginning.c_str(), &length, nullptr, nullptr, 0, true)) {
         if (static_cast<size_t>(length) > content.beginning.size())
             content.beginning = bytesAt(fd, file, 0, static_cast<size_t>(length));
-        std::vector<char> meta(static_cast<size_t>(length) + 1); // longer than any metadata in it
-        if (static_cast<size_t>(length) <= content.beginning.size() &&
-            qzhsm_stub2meta(content.beginning.c_str(), nullptr, nullptr, meta.data(),
-                            static_cast<int>(meta.size()), true))
-            content.text = content.beginning.substr(0, static_cast<size_t>(length));
+        const std::string text = content.beginning.substr(0, static_cast<size_t>(length));
+        const std::optional<StubFacts> facts = readFacts(text);
+        if (facts && facts->textLength == static_cast<int>(text.size())) {
+            content.text = text;
+            content.facts = *facts;
+        }
     }
-    if (marked || !content.text.empty()) { // else it does not count, and may be long
+    if (look.marked || !content.text.empty()) // else it does not count, and may be long
         content.restIsHole =
-            isHole(fd, file, static_cast<long long>(content.beginning.size()), st, attributes);
+            isHole(fd, file, static_cast<long long>(content.beginning.size()), look.st, look.attributes);
+    if (look.marked && (look.kept || content.text.empty())) {
         const off_t hole = ::lseek(fd, 0, SEEK_HOLE);
-        content.hasHoles = hole >= 0 && hole < st.st_size;
+        content.hasHoles = hole >= 0 && hole < look.st.st_size;
     }
     return content;
 }
@@ -133,12 +136,10 @@ std::string changeOf(const FileLook& look, const Content& content) {
     return {};
 }
 
-void setText(FileLook& look, std::string text) {
+void setText(FileLook& look, std::string text, StubFacts facts) {
     look.text = std::move(text);
-    if (const std::optional<StubFacts> facts = readFacts(look.text)) {
-        look.recordedSize = facts->fileSize;
-        look.meta = facts->meta;
-    }
+    look.recordedSize = facts.fileSize;
+    look.meta = std::move(facts.meta);
 }
 
 FileState stateOf(FileLook& look, const Content& content) {
@@ -214,8 +215,11 @@ FileLook lookAt(const OpenFile& file, bool inside) {
         look.kept = readKeptText(file);
     if (look.attributes && !look.marked && !look.kept && !inside)
         return look;
-    const Content content = readContent(file, look.st, look.attributes, look.marked);
-    setText(look, look.kept ? look.kept->text : content.text);
+    const Content content = readContent(file, look);
+    if (look.kept)
+        setText(look, look.kept->text, readFacts(look.kept->text).value_or(StubFacts{}));
+    else if (!content.text.empty())
+        setText(look, content.text, content.facts);
     look.state = stateOf(look, content);
     return look;
 }

@@ -17,7 +17,7 @@ public:
     bool contain(std::string_view attribute) const;
 
 private:
-    char m_list[1024];
+    char m_list[256];
     ssize_t m_length;
 };
 
