@@ -155,20 +155,26 @@ FileState stateOf(FileLook& look, const Content& content) {
         return FileState::HalfRecalled;
     }
     if (!content.text.empty() && content.text == look.text) {
+        const bool isTextAlone = look.st.st_size == static_cast<off_t>(look.text.size());
+        if (look.kept && isTextAlone && !fits(look)) // the size was to come
+            return FileState::Emptied;
         look.why = changeOf(look, content);
         return look.why.empty() ? FileState::Stub : FileState::ChangedStub;
     }
     if (!look.attributes)
         return FileState::Plain;
-    if (!look.kept) // a file with holes may have been a stub, and may have been written to
-        return content.isEmpty() || content.hasHoles ? FileState::Lost : FileState::MarkedWhole;
+    if (!look.kept) { // a file with holes may have been a stub, and may have been written to
+        look.holdsData = !content.isEmpty();
+        return !look.holdsData || content.hasHoles ? FileState::Lost : FileState::MarkedWhole;
+    }
     if (content.isBeginningOf(look.kept->text))
         return FileState::Emptied;
     // Who writes into a file that was emptied already must not pass for the data that was there before.
-    const bool isTouched = nanoseconds(look.st.st_mtim) != nanoseconds(look.kept->modified);
+    const bool isTouched =
+        look.kept->isForeign || nanoseconds(look.st.st_mtim) != nanoseconds(look.kept->modified);
     const bool isHollow =
         content.restIsHole && look.st.st_size > static_cast<off_t>(content.beginning.size());
-    if (look.st.st_size < look.recordedSize || isHollow || (content.hasHoles && isTouched))
+    if (isTouched && (look.st.st_size < look.recordedSize || isHollow || content.hasHoles))
         return changed(look, "somebody has written to it on its way to a stub");
     return FileState::MarkedWhole;
 }
@@ -213,6 +219,8 @@ FileLook lookAt(const OpenFile& file, bool inside) {
     lookForMark(file, look);
     if (look.attributes)
         look.kept = readKeptText(file);
+    if (look.kept && look.kept->isForeign && !look.marked) // a stub of Lustre's or GlusterFS's
+        look.kept.reset();
     if (look.attributes && !look.marked && !look.kept && !inside)
         return look;
     const Content content = readContent(file, look);

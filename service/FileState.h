@@ -43,6 +43,7 @@ struct FileLook {
     long long recordedSize = 0; ///< that the text tells
     std::string meta{};         ///< the text's metadata
     std::string why{};          ///< what tells that a stub was changed
+    bool holdsData = false;     ///< one that is `Lost` does: its own, or what somebody wrote
 
     /// Whether the back-end takes it for a stub, good or not.
     bool countsAsStub() const {

@@ -67,7 +67,7 @@ std::optional<KeptText> readKeptText(const OpenFile& file) {
         if (modified)
             return KeptText{stubTextOf(decoded->meta, decoded->fileSize), recalling, *modified};
     }
-    return KeptText{value, false, file.stat().st_mtim};
+    return KeptText{value, false, file.stat().st_mtim, true};
 }
 
 bool keepText(const OpenFile& file, const KeptText& kept) {
@@ -81,12 +81,14 @@ bool keepText(const OpenFile& file, const KeptText& kept) {
         return false;
     if (::setxattr(file.path().c_str(), kAttribute, value.data(), value.size(), 0) == 0)
         return true;
-    // ext4 has room for one block's worth of attributes; EDQUOT is as good a reason to work without.
-    if (errno == EOPNOTSUPP || errno == ENOSPC || errno == E2BIG || errno == ERANGE || errno == EDQUOT) {
-        dropKeptText(file); // an older one would be taken for this one
+    const int err = errno;
+    // ext4 has room for one block's worth of attributes; EDQUOT is as good a reason to work without. But an
+    // older one would be taken for this one, and may be all that tells where the data is.
+    const bool isNoRoom =
+        err == EOPNOTSUPP || err == ENOSPC || err == E2BIG || err == ERANGE || err == EDQUOT;
+    if (isNoRoom && ::getxattr(file.path().c_str(), kAttribute, nullptr, 0) < 0)
         return false;
-    }
-    throw systemFailure("Failed to set attribute user.TSTUB of ", file.name(), errno);
+    throw systemFailure("Failed to set attribute user.TSTUB of ", file.name(), err);
 }
 
 void dropKeptText(const OpenFile& file) {

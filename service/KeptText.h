@@ -14,14 +14,15 @@ struct KeptText {
     bool recalling;   ///< kept for a recall; else while a stub is made
     /// The modification time that belongs to the file, which each write into it moves.
     timespec modified;
+    bool isForeign = false; ///< another program has put it there, as it is, or another back-end
 };
 
 /// What is kept in the file's attribute; nothing if there is no such attribute or no stub text in it. Throws
 /// if that cannot be learned.
 std::optional<KeptText> readKeptText(const OpenFile& file);
 
-/// Keeps a text. False if the file system has no attributes or no room for one of this length, in which case
-/// nothing is kept; what else goes wrong throws. Not flushed.
+/// Keeps a text. False if the file system has no attributes or no room for one of this length, and nothing is
+/// kept. What else goes wrong throws, and so does it if an older text stands there, which stays. Not flushed.
 bool keepText(const OpenFile& file, const KeptText& kept);
 
 /// Removes what is kept, if anything. Throws if that fails. Not flushed.

@@ -87,6 +87,10 @@ void RecallJob::tellLonger() {
                 " bytes that the stub " + m_file.name() + " records");
 }
 
+void RecallJob::throwSourceChanged() const {
+    throw Failure(QZHSM_BUSY, m_source->name() + " changed its length while it was read");
+}
+
 // --- The steps ---
 
 void RecallJob::begin(std::unique_ptr<DataSource> source) {
@@ -116,6 +120,11 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
 
 void RecallJob::writeRest() {
     const size_t page = endOfPage(m_look.text);
+    if (m_kept && m_look.st.st_size < m_look.recordedSize) { // one that was emptied
+        setSize(m_look.recordedSize);
+        pin();
+        setTime();
+    }
     std::span<const char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireUntouched();
@@ -131,6 +140,8 @@ void RecallJob::writeRest() {
             sum.add(piece.data(), piece.size());
         // Before it is written: a stub that grew would pass for that of a longer file.
         const auto length = static_cast<long long>(piece.size());
+        if (m_source->size() && m_total + length > *m_source->size())
+            throwSourceChanged();
         if (m_total + length > m_look.recordedSize && !m_source->size())
             tellLonger();
         m_written = m_isMoved = true;
@@ -142,6 +153,8 @@ void RecallJob::writeRest() {
     file.close();
     // The flush that follows has less to wait for.
     ::sync_file_range(m_flushable.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    if (m_source->size() && m_total != *m_source->size())
+        throwSourceChanged();
     if (!m_source->size() && m_total <= m_look.recordedSize)
         examineLength(m_total);
     const std::optional<StubMetadata> known = StubMetadata::fromText(m_look.meta);
@@ -163,13 +176,17 @@ void RecallJob::beginPieces() {
     m_total = m_look.recordedSize;
     // Readers see it from the first piece on. One that was emptied may lack its size, a small one is as long
     // as its stub text.
-    if (m_look.st.st_size == m_total)
-        return;
+    if (m_look.st.st_size != m_total)
+        setSize(m_total);
+}
+
+/// That of the data: what is there of it would count as changed otherwise, if the recall is cut off.
+void RecallJob::setSize(long long size) {
     requireUntouched();
     m_written = m_pageWritten = m_isMoved = true;
-    if (::truncate(m_file.path().c_str(), m_total) < 0)
+    if (::truncate(m_file.path().c_str(), size) < 0)
         throw systemFailure("Failed to give its length back to ", m_file.name(), errno);
-    m_size = m_total;
+    m_size = size;
     setTime();
 }
 
@@ -251,8 +268,10 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
             m_kind.putBack(m_file.path(), {m_look.text.begin(), m_look.text.end()},
                            std::max(m_look.recordedSize, static_cast<long long>(m_look.text.size())));
         }
-        if (m_written)
+        if (m_written) {
+            putRightsBack(m_file, m_capabilities, m_look.st);
             putTimesBack();
+        }
         flushOne(flushable(), name);
         if (m_kept)
             dropKeptText(m_file);

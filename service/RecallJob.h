@@ -55,6 +55,8 @@ public:
 private:
     void suspect(const std::string& text);
     void examineLength(long long total);
+    [[noreturn]] void throwSourceChanged() const;
+    void setSize(long long size);
     void tellLonger();
     bool isSame() const;
     void requireUntouched();

@@ -99,6 +99,12 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
     case FileState::Copy:
         throw Failure(QZHSM_FAILURE, name + " is a copy of a stub, and holds no data");
     case FileState::Lost:
+        if (look.holdsData)
+            throw Failure(QZHSM_FAILURE,
+                          name +
+                              " is marked as a stub and has holes, and nothing on it tells whether its data "
+                              "is its own or was written into a stub",
+                          "If it is its own, \"setfattr -x user.NkStubFile\" makes it an ordinary file.");
         throw Failure(QZHSM_FAILURE, name + " is marked and empty, and nothing on it tells where its data is",
                       "The records of the store, files named *.json, have the path that each object had.");
     }

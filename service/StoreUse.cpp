@@ -68,8 +68,16 @@ std::string StoreUse::reasonToKeep(const ObjectRecord& record, const FileIdentit
     const Named named = namedBy(opened);
     if (named.hasLostIts)
         return "its file is marked as a stub, and nothing on it tells of which object";
-    return std::ranges::find(named.objects, record.object) == named.objects.end() ? ""
-                                                                                  : "it is in use elsewhere";
+    if (std::ranges::find(named.objects, record.object) != named.objects.end())
+        return "it is in use elsewhere";
+    const struct stat st = opened.stat();
+    auto data = record.size;
+    for (const Extent& hole : record.holes)
+        data -= hole.length;
+    if (named.objects.empty() && static_cast<std::uint64_t>(st.st_size) == record.size &&
+        static_cast<std::uint64_t>(allocatedBytes(st)) < data)
+        return "its file does not hold the data: it may be another back-end's stub";
+    return {};
 }
 
 void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& observer,

@@ -207,10 +207,11 @@ bool StubJob::isEmptied() const {
     const FileLook now = m_kind.look(m_file, true);
     switch (now.state) {
     case FileState::Emptied:
-    case FileState::Lost:
     case FileState::Stub:
     case FileState::ChangedStub:
         return true;
+    case FileState::Lost:
+        return !now.holdsData;
     default: // without attributes a file that has been emptied looks like any other
         return !now.attributes && now.st.st_blocks < m_look.st.st_blocks;
     }

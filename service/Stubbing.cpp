@@ -81,9 +81,10 @@ public:
     }
 
     /// Whether another restore of this stub was cut off here, or nothing is left that could be lost.
-    bool isHalfDone(const std::vector<char>& stubData) const {
+    bool isHalfDone(const std::vector<char>& stubData, bool force) const {
         const bool isSame = look().kept && look().kept->text == std::string(stubData.begin(), stubData.end());
-        return look().state == FileState::Lost || (look().state == FileState::Emptied && isSame);
+        const bool isLost = look().state == FileState::Lost && (force || !look().holdsData);
+        return isLost || (look().state == FileState::Emptied && isSame);
     }
 
     void complete(const std::vector<char>& stubData, long long size) {
@@ -169,7 +170,7 @@ void restoreStub(StubKind& kind, const std::string& path, const std::vector<char
     if (std::optional<OpenFile> found = find(path)) {
         RestoreJob job(kind, std::move(*found));
         return job.file().as([&] {
-            if (job.isHalfDone(stubData))
+            if (job.isHalfDone(stubData, force))
                 return job.complete(stubData, saved.fileSize);
             kind.beforeRestoring(kind.pathOf(job.file()), saved, &job.look().st, force);
             job.restore(stubData, saved.fileSize);

@@ -24,8 +24,8 @@ public:
             return {};
         const std::string way = ": \"qzhsm repair\" leads out of this.";
         try {
-            const FileState state = lookAt(OpenFile::following(path), true).state;
-            switch (state) {
+            const FileLook look = lookAt(OpenFile::following(path), true);
+            switch (look.state) {
             case FileState::Stub:
             case FileState::ChangedStub:
                 return code == EEXIST ? path + " is a stub already." : "";
@@ -33,8 +33,10 @@ public:
                 return path + " is marked as a stub, and has data that is no stub text" + way;
             case FileState::Emptied:
             case FileState::HalfRecalled:
-                return path + " is " + nameOf(state) + way;
+                return path + " is " + nameOf(look.state) + way;
             case FileState::Lost:
+                if (look.holdsData)
+                    return path + " is marked as a stub and has holes: \"qzhsm repair\" tells more.";
                 return path + " is marked and empty, and nothing on it tells where its data is: \"qzhsm "
                               "restore-stub\" brings the stub back if it was saved.";
             default:
@@ -116,9 +118,10 @@ public:
 
     bool putBack(const std::string& path, const std::vector<char>& stubData, long long size) override {
         TransparentFile file(backEnd(), path, O_WRONLY | O_TRUNC);
-        file.write(stubData, 0);
+        // In this order: with the text and another size it would pass for a stub that somebody cut.
         if (size > static_cast<long long>(stubData.size()))
             file.write(std::vector<char>{'\0'}, size - 1);
+        file.write(stubData, 0);
         file.close();
         return true;
     }

@@ -7,7 +7,11 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 
 namespace {
@@ -21,6 +25,31 @@ constexpr unsigned long kGetFsUuid = _IOR(0x15, 0, FsUuid);
 
 std::string_view bytesOf(const void* start, size_t size) {
     return {static_cast<const char*>(start), size};
+}
+
+std::optional<std::string> readUuid(int fd) {
+    FsUuid uuid{};
+    if (::ioctl(fd, kGetFsUuid, &uuid) < 0)
+        return {};
+    return uuid.length <= sizeof uuid.uuid ? hexText(bytesOf(uuid.uuid, uuid.length)) : std::string();
+}
+
+/// The UUID of a file's file system; empty if that has none.
+std::string uuidOf(int fd) {
+    std::optional<std::string> uuid = readUuid(fd);
+    struct stat st {};
+    if (uuid || errno != EBADF || ::fstat(fd, &st) < 0)
+        return uuid.value_or("");
+    // The descriptor is a place alone (O_PATH). To open each file only to ask this would be too much.
+    static std::mutex mutex;
+    static std::map<dev_t, std::string> known;
+    const std::lock_guard lock(mutex);
+    if (const auto found = known.find(st.st_dev); found != known.end())
+        return found->second;
+    const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOATIME | O_CLOEXEC));
+    uuid = file.isOpen() ? readUuid(file.get()) : std::nullopt;
+    return uuid ? known[st.st_dev] = *uuid : "";
 }
 
 } // namespace
@@ -46,9 +75,7 @@ FileIdentity FileIdentity::of(int fd, const std::string& name) {
     std::memcpy(&fsid, &fs.f_fsid, sizeof fsid);
     identity.fsid = hexText(fsid);
 
-    FsUuid uuid{};
-    if (::ioctl(fd, kGetFsUuid, &uuid) == 0 && uuid.length <= sizeof uuid.uuid)
-        identity.fsUuid = hexText(bytesOf(uuid.uuid, uuid.length));
+    identity.fsUuid = uuidOf(fd);
     return identity;
 }
 

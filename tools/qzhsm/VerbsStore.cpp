@@ -72,6 +72,7 @@ void addVerify(CommandLine& line) {
         "Compare the objects of stubs, or all objects of a store, with their checksums; directories with all "
         "that is below",
         [options](StubKind& kind, Report& report, const std::string& path) {
+            kind.requireStores();
             Opened& opened = options->opened;
             opened.begin(report);
             Walk walk(*opened.shown, [&](const OpenFile& file) {
@@ -113,7 +114,7 @@ void show(Report& report, const ObjectId& object, const ObjectRecord* record) {
     if (report.isJson()) {
         Json json{{"object", name}};
         if (record)
-            json.update({{"path", percentText(record->path)},
+            json.update({{"path", record->path},
                          {"size", record->size},
                          {"stored", record->stored},
                          {"xxh128", record->checksums.whole}});

@@ -11,12 +11,13 @@ cp "$work/data" "$fs/whole" && mark "$fs/whole"
 : >"$fs/lost" && mark "$fs/lost"
 truncate -s 3000000 "$fs/emptied" && mark "$fs/emptied" && setfattr -n user.TSTUB -v "0s$(text kept)" "$fs/emptied"
 cp "$work/data" "$fs/half" && mark "$fs/half" && setfattr -n user.TSTUB -v "0s$(text 'tape=2;recalling=1')" "$fs/half"
-cp "$work/data" "$fs/leftover" && setfattr -n user.TSTUB -v "0s$(text left)" "$fs/leftover"
+cp "$work/data" "$fs/leftover" && setfattr -n user.TSTUB -v "0s$(text 'left;recalling=1')" "$fs/leftover"
 expect 0 '^$' stub "$f" --meta tape=1
 cp --sparse=always "$f" "$fs/copy"
 cp "$work/data" "$fs/changed" && "$qzhsm" stub "$fs/changed" --meta m && truncate -s 4000000 "$fs/changed"
 cp "$work/data" "$fs/plain"
 truncate -s 3000000 "$fs/sparse"
+"$qzhsm" backup "$f" -o "$work/other.stub" # of any stub
 
 while read -r name stub misfit state; do
     expect 0 "^\{.*\"stub\":$stub,.*\"state\":\"$state\"" info --json "$fs/$name"
@@ -57,10 +58,37 @@ done
 printf 'a line\n' >"$fs/emptied"
 printf 'over it' | dd of="$f" conv=notrunc status=none
 refused "$fs/emptied" 'somebody has written to it on its way to a stub' repair "$fs/emptied"
-refused "$f" 'marked and empty, and nothing on it tells where its data is' repair "$f"
+refused "$f" 'nothing on it tells whether its data is its own' repair "$f"
+refused "$f" 'not empty|use --force|File exists' restore-stub "$f" "$work/other.stub"
+refused "$fs/lost" 'marked and empty, and nothing on it tells where its data is' repair "$fs/lost"
 expect 1 'marked and empty: it names no object' verify "$f"
 cp "$work/data" "$fs/part" && "$qzhsm" stub "$fs/part" --meta m && head -c 8192 "$work/data" | dd of="$fs/part" conv=notrunc status=none
-refused "$fs/part" 'nothing on it tells where its data is' repair "$fs/part"
+refused "$fs/part" 'nothing on it tells whether its data is its own' repair "$fs/part"
+# A file that nobody has written to is whole, holes and all, whatever a kill left on it.
+truncate -s 3000000 "$fs/hollow" && printf 'a line\n' | dd of="$fs/hollow" conv=notrunc status=none && touch -d @5 "$fs/hollow"
+mark "$fs/hollow" && setfattr -n user.TSTUB -v "0s$(text 'a=1;stubbing=5000000000')" "$fs/hollow"
+expect 0 '^$' repair "$fs/hollow"
+expect 0 '"state":"plain"' info --json "$fs/hollow"
+# The text may have reached the file before its size: a stub to be completed.
+base64 -d <<<"$(text b=1)" >"$fs/short" && mark "$fs/short" && setfattr -n user.TSTUB -v "0s$(text 'b=1;stubbing=1')" "$fs/short"
+expect 0 '^$' repair "$fs/short"
+expect 0 '"state":"stub","metadata":"b=1","recorded":3000000' info --json "$fs/short"
+# Another back-end's stub text is none of ours.
+cp "$work/data" "$fs/foreign" && setfattr -n user.TSTUB -v "0s$(text c=1)" "$fs/foreign"
+refused "$fs/foreign" 'is not a stub' recall "$fs/foreign"
+unchanged "$fs/foreign" expect 0 '^$' repair "$fs/foreign"
+# What is emptied is recalled in two attempts, and never loses the only text.
+: >"$fs/zero" && mark "$fs/zero" && setfattr -n user.TSTUB -v "0s$(text 'd=1;stubbing=1000000000000000000')" "$fs/zero"
+zero() { strace -qq -o /dev/null ${2:+-P "$2"} -e inject="$1" "$plain" recall "$fs/zero" --from "$work/data" >"$work/said" 2>&1; }
+zero setxattr:error=ENOSPC && fail "recalled without its text"
+getfattr -n user.TSTUB --absolute-names "$fs/zero" >/dev/null || fail "the only text is gone: $(<"$work/said")"
+zero read:error=EIO:when=2 "$work/data" && fail "recalled half"
+expect 0 '"state":"half recalled"' info --json "$fs/zero"
+# A source that ends early is no data.
+zero read:retval=0:when=3 "$work/data" && fail "recalled what ended early"
+grep -q 'changed its length while it was read' "$work/said" || fail "a source that ends early: $(<"$work/said")"
+expect 0 '^$' recall "$fs/zero" --from "$work/data"
+same "$fs/zero" "$work/data"
 
 # What could not be looked at is no plain file, and advice on it would be a guess.
 injected() { strace -qq -o /dev/null ${target:+-P "$target"} -e inject="$1" "$plain" "${@:2}"; }
@@ -68,7 +96,7 @@ qzhsm=injected target=
 expect 1 'attribute user.NkStubFile of .*: Input/output error' getxattr:error=EIO info "$f"
 expect 1 'attribute user.NkStubFile of .*: Input/output error' fgetxattr,lgetxattr:error=EIO scan "$fs"
 target=$f
-[ -z "$(injected openat:error=EIO stub "$f" --meta m 2>&1 | grep -E 'repair|setfattr')" ] || fail "advice without a look"
+[ -z "$(injected pread64:error=EIO stub "$f" --meta m 2>&1 | grep -E "repair|setfattr")" ] || fail "advice without a look"
 target=$fs/leftover
 expect 1 'Input/output error' fsync:error=EIO recall "$fs/leftover"
 target=$fs

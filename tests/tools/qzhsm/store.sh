@@ -114,6 +114,23 @@ strace -qq -o /dev/null -e inject=fsync:signal=KILL:when=2 "$plain" recall "$f" 
 expect 0 '"state":"half recalled"' info --json "$f"
 setfattr -x security.capability "$f" 2>/dev/null
 expect 0 '^$' recall "$f"
-getfattr --absolute-names -e hex -n security.capability "$f" | grep -q =0x01000002 || fail "capabilities are lost"
+capable() { getfattr --absolute-names -e hex -n security.capability "$f" | grep -q =0x01000002 || fail "capabilities are lost, line ${BASH_LINENO[0]}"; }
+capable
+expect 0 '^$' archive --store "$store" "$f"
+strace -qq -o /dev/null -e inject=fsync:error=EIO:when=2 "$plain" recall "$f" &>/dev/null && fail "recalled unflushed"
+expect 0 '"state":"stub"' info --json "$f"
+capable
+
+# Another back-end's stub has the size of the data, and not the data; its object is not cleared.
+cp "$f" "$work/kept" && setfattr -x user.NkStubFile "$f" && truncate -s 0 "$f" && truncate -s 3000000 "$f"
+sleep 1.1
+unneeded "another back-end's stub" --json "$fs"
+
+# A file system is told by its UUID, on whatever device it lies.
+truncate -s 320M "$work/xfs" && mkfs.xfs -q "$work/xfs" && mkdir "$work/other" && mount -o loop "$work/xfs" "$work/other"
+cp "$work/data" "$work/other/file" && expect 0 '^$' archive --store "$store" "$work/other/file"
+umount "$work/other" && truncate -s 64M "$work/between" && loop=$(losetup -f --show "$work/between")
+mount -o loop "$work/xfs" "$work/other" && expect 0 '^$' recall "$work/other/file"
+umount "$work/other" && losetup -d "$loop"
 
 finish
