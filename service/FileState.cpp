@@ -171,7 +171,7 @@ FileState stateOf(FileLook& look, const Content& content) {
         return FileState::Emptied;
     // Who writes into a file that was emptied already must not pass for the data that was there before.
     const bool isTouched =
-        look.kept->isForeign || nanoseconds(look.st.st_mtim) != nanoseconds(look.kept->modified);
+        look.kept->isAlone || nanoseconds(look.st.st_mtim) != nanoseconds(look.kept->modified);
     const bool isHollow =
         content.restIsHole && look.st.st_size > static_cast<off_t>(content.beginning.size());
     if (isTouched && (look.st.st_size < look.recordedSize || isHollow || content.hasHoles))
@@ -219,7 +219,7 @@ FileLook lookAt(const OpenFile& file, bool inside) {
     lookForMark(file, look);
     if (look.attributes)
         look.kept = readKeptText(file);
-    if (look.kept && look.kept->isForeign && !look.marked) // a stub of Lustre's or GlusterFS's
+    if (look.kept && look.kept->isAlone && !look.marked) // a stub of Lustre's or GlusterFS's
         look.kept.reset();
     if (look.attributes && !look.marked && !look.kept && !inside)
         return look;

@@ -74,8 +74,9 @@ bool keepText(const OpenFile& file, const KeptText& kept) {
     std::optional<StubFacts> decoded = decode(kept.text);
     if (!decoded)
         throw Failure(QZHSM_NOT_A_STUB, file.name() + " has no valid stub text");
-    decoded->meta.append(kept.recalling ? kRecalling : kStubbing)
-        .append(std::to_string(nanoseconds(kept.modified)));
+    if (!kept.isAlone)
+        decoded->meta.append(kept.recalling ? kRecalling : kStubbing)
+            .append(std::to_string(nanoseconds(kept.modified)));
     const std::string value = stubTextOf(decoded->meta, decoded->fileSize);
     if (value.empty())
         return false;

@@ -14,7 +14,9 @@ struct KeptText {
     bool recalling;   ///< kept for a recall; else while a stub is made
     /// The modification time that belongs to the file, which each write into it moves.
     timespec modified;
-    bool isForeign = false; ///< another program has put it there, as it is, or another back-end
+    /// Nothing is to be gone on from: another program or back-end has put the text there, as it is, or what
+    /// was begun was left when somebody changed the file.
+    bool isAlone = false;
 };
 
 /// What is kept in the file's attribute; nothing if there is no such attribute or no stub text in it. Throws

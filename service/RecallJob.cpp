@@ -3,6 +3,7 @@
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/NotedObject.h"
+#include "service/Repair.h"
 #include "service/Times.h"
 #include "service/TransparentFile.h"
 #include "service/stores/Checksums.h"
@@ -285,10 +286,12 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
 }
 
 /// What a user did to the file meanwhile stays. Nor does the next recall go on over it: the text that is kept
-/// is no longer that of a recall.
+/// is no longer that of a recall. No time goes with it, for no time that a user may set makes the file whole.
 void RecallJob::leave() {
-    if (m_kept && (m_written || m_look.kept))
-        keepText(m_file, {m_look.text, false, timeOfData()});
+    if (m_kept && m_size > 0 && m_file.stat().st_size == 0) // he has given the data up
+        makePlain(m_kind, m_file, m_look);
+    else if (m_kept && (m_written || m_look.kept))
+        keepText(m_file, {m_look.text, false, timeOfData(), true});
     else if (m_kept)
         dropKeptText(m_file);
     flushOne(flushable(), m_file.name());

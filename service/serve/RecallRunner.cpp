@@ -201,20 +201,20 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
 
 /// What users did wins. True if the file is none to recall.
 bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look) {
+    const bool holdsAll = look.state == FileState::MarkedWhole;
+    if (look.marked && !holdsAll && m_service.isGivenUp(*stub)) {
+        // The size first: what a crash leaves between the two is seen to be a truncated stub.
+        if (::truncate(file.path().c_str(), 0) < 0)
+            throw systemFailure("Failed to truncate ", file.name(), errno);
+        makePlain(m_kind, file, look);
+        return true;
+    }
     switch (look.state) {
     case FileState::Plain:
     case FileState::Leftover:
     case FileState::Copy:
         return true;
     case FileState::MarkedWhole: // somebody has written a file of his own over it
-        makePlain(m_kind, file, look);
-        return true;
-    case FileState::Stub:
-        if (!m_service.isGivenUp(*stub))
-            return false;
-        // The size first: what a crash leaves between the two is seen to be a truncated stub.
-        if (::truncate(file.path().c_str(), 0) < 0)
-            throw systemFailure("Failed to truncate ", file.name(), errno);
         makePlain(m_kind, file, look);
         return true;
     case FileState::Lost: // tools keep the text when they empty a file: users have done this

@@ -157,14 +157,8 @@ void RecallService::watch(const std::stop_token& token) {
 }
 
 void RecallService::takeOver(const std::vector<int>& held) {
-    for (const int fd : held) {
-        struct stat st {};
-        const std::lock_guard lock(m_mutex);
-        if (::fstat(fd, &st) == 0)
-            handleStub({fd, 0, true, 0, 0}, st);
-        else
-            m_group.deny(fd, EIO);
-    }
+    for (const int fd : held)
+        handle({fd, 0, true, 0, 0});
 }
 
 void RecallService::handle(const HeldAccess& access) {
@@ -179,13 +173,19 @@ void RecallService::handle(const HeldAccess& access) {
     if (marked < 0)
         return m_group.deny(access.fd, EIO);
     if (marked == 0 && !m_stubs.contains({st.st_dev, st.st_ino})) {
-        // A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows.
-        // One that is being made may be the copy of a stub, whose mark comes last.
-        if (carries(access.fd, kStubTextAttribute) == 0 && (st.st_blocks == 0 || !hasStubText(access.fd)))
-            m_group.ignore(access.fd, st.st_blocks == 0);
+        ignorePlain(access.fd, st);
         return m_group.allow(access.fd);
     }
     handleStub(access, st);
+}
+
+/// A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows. One
+/// that is being made may be the copy of a stub, whose mark comes last.
+void RecallService::ignorePlain(int fd, const struct stat& st) {
+    const bool isRegular = S_ISREG(st.st_mode);
+    const bool isBegun = isRegular && st.st_blocks == 0;
+    if (!isRegular || (carries(fd, kStubTextAttribute) == 0 && (isBegun || !hasStubText(fd))))
+        m_group.ignore(fd, isBegun);
 }
 
 void RecallService::handleStub(const HeldAccess& access, const struct stat& st) {

@@ -111,6 +111,7 @@ private:
     void watch(const std::stop_token& token);
     void handle(const HeldAccess& access);
     bool isPassed(pid_t tid);
+    void ignorePlain(int fd, const struct stat& st);
     void handleStub(const HeldAccess& access, const struct stat& st);
     Need needOf(const HeldAccess& access);
     void reconsider(ServedStub& stub);

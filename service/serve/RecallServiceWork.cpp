@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sys/stat.h>
 
 namespace {
 
@@ -49,8 +50,10 @@ void RecallService::suspend(Work work) {
 
 bool RecallService::hasNew() {
     for (const auto now = Clock::now(); !m_later.empty() && m_later.begin()->first <= now;
-         m_later.erase(m_later.begin()))
+         m_later.erase(m_later.begin())) {
         m_queue.push_front(m_later.begin()->second);
+        m_queued.notify_one(); // there may be more of them than threads that wait for a time
+    }
     return !m_queue.empty();
 }
 
@@ -149,17 +152,21 @@ bool RecallService::takeBack(ServedStub& stub) {
 void RecallService::done(const Stub& stub, bool wasRecalled) {
     const std::lock_guard lock(m_mutex);
     m_counts.recalled += wasRecalled;
-    m_group.ignore(stub->fd());
+    struct stat st {};
+    if (::fstat(stub->fd(), &st) == 0)
+        ignorePlain(stub->fd(), st);
     counted(*stub, [&] { stub->allowAll(); });
     m_stubs.erase(stub->key());
 }
 
 void RecallService::fail(const Stub& stub, const Failure& failure) {
+    {
+        const std::lock_guard lock(m_mutex);
+        ++m_counts.failed;
+        m_counts.lastFailure = failure.what();
+        refuse(*stub);
+    }
     log("Failed to recall " + stub->name() + " for " + stub->cause() + ": " + failure.what());
-    const std::lock_guard lock(m_mutex);
-    ++m_counts.failed;
-    m_counts.lastFailure = failure.what();
-    refuse(*stub);
 }
 
 void RecallService::refuse(ServedStub& stub) {

@@ -18,7 +18,7 @@ bool isListening(int fd) {
 
 } // namespace
 
-Descriptors Descriptors::find(const std::set<int>& others) {
+Descriptors Descriptors::find(const std::set<int>& locks, const std::set<int>& others) {
     std::vector<int> all;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
         all.push_back(std::atoi(entry.path().filename().c_str()));
@@ -33,10 +33,10 @@ Descriptors Descriptors::find(const std::set<int>& others) {
             found.group = fd;
         else if (target.starts_with("socket:"))
             (isListening(fd) ? found.listeners : found.connections).push_back(fd);
-        else if (target.ends_with(".sock.lock"))
-            found.locks.push_back(fd);
         else if (PreContentGroup::isHeldAccess(fd))
             found.held.push_back(fd);
+        else if (locks.contains(fd))
+            found.locks.push_back(fd);
         else
             ::close(fd);
     }

@@ -14,5 +14,5 @@ struct Descriptors {
 
     /// Finds them among all that are open, and closes what else a worker that died has left, but not
     /// `others`.
-    static Descriptors find(const std::set<int>& others);
+    static Descriptors find(const std::set<int>& locks, const std::set<int>& others);
 };

@@ -94,8 +94,17 @@ void Supervisor::run() {
 
 // --- The worker ---
 
+/// What a worker that died has left. Whoever takes the place of this process does not know of it.
+void Supervisor::findDescriptors() {
+    const auto& locks = m_serving.descriptors.locks;
+    m_serving.descriptors = Descriptors::find(
+        {locks.begin(), locks.end()}, {m_signals.get(), m_shared.supervisor.load(), m_shared.standby.load()});
+}
+
 bool Supervisor::startWorker() {
     m_began = Clock::now();
+    if (m_serving.isAgain)
+        findDescriptors();
     const pid_t pid = startProcess(&m_shared.worker);
     if (pid < 0) {
         m_again = m_began + kPause;
@@ -133,8 +142,7 @@ void Supervisor::workerHasDied() {
     complain("the worker was ended" +
              (how.si_pid == 0 ? std::string() : " by signal " + std::to_string(how.si_status)) +
              "; another takes its place");
-    m_serving.descriptors =
-        Descriptors::find({m_signals.get(), m_shared.supervisor.load(), m_shared.standby.load()});
+    findDescriptors();
     constexpr auto kLongLife = std::chrono::minutes(10);
     constexpr int kMostCrashes = 5;
     if (Clock::now() - m_began > kLongLife)

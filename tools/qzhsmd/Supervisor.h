@@ -25,6 +25,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    void findDescriptors();
     bool startWorker();
     void tellReady() const;
     void workerHasDied();

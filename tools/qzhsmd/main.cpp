@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <filesystem>
 #include <iostream>
 
@@ -43,6 +44,7 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN); // that nobody reads what is logged must end no process
     try {
         return run(argc, argv);
     } catch (const Failure& failure) {

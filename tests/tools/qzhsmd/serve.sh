@@ -86,8 +86,8 @@ is_plain "$fs/range"
 
 # What was brought before something failed is gone on with, not forgotten: it was seen, and what is missing is no zeros.
 stop
-for name in old seen; do for _ in 1 2 3; do cat "$work/data"; done >"$fs/$name"; done
-cp "$fs/seen" "$work/seen" && touch -d @1000000000.5 "$fs"/{old,seen} && expect 0 '' archive --store "$store" "$fs"/{old,seen}
+for name in old seen touched; do for _ in 1 2 3; do cat "$work/data"; done >"$fs/$name"; done
+cp "$fs/seen" "$work/seen" && touch -d @1000000000.5 "$fs"/{old,seen,touched} && expect 0 '' archive --store "$store" "$fs"/{old,seen,touched}
 object=$("$plain" info "$fs/seen" | grep -oE 'object=[0-9a-f-]+') && object=$(ls "$store"/??/"${object#*=}")
 cp "$object" "$work/whole" && printf damaged | dd of="$object" bs=1 seek=8500000 conv=notrunc status=none
 exec 8>>"$fs/old"
@@ -98,6 +98,13 @@ expect 0 '"state":"half recalled"' info --json "$fs/seen"
 cp "$work/whole" "$object"
 cmp -s "$fs/seen" "$work/seen" || fail "what was half recalled"
 
+# A time that is set meanwhile makes no part the whole; whoever truncates the file has his way.
+head -c 1000 "$work/seen" | cmp -s - <(dd if="$fs/touched" bs=1000 count=1 status=none) || fail "the first piece"
+touch -c -d @1000000000.5 "$fs/touched" # opens nothing
+for _ in 1 2; do fails "$fs/touched" cat; done
+expect 0 '"state":"changed stub"' info --json "$fs/touched"
+echo over >"$fs/touched" && [ "$(<"$fs/touched")" = over ] || fail "a truncated part"
+
 # So is what comes through a descriptor from before.
 cat "$fs/old" >/dev/null 2>&1 &
 sleep 0.7
@@ -106,7 +113,7 @@ exec 8>&-
 wait $!
 stop
 [ "$(tail -c 5 "$fs/old")" = mine ] || fail "an old descriptor's write is lost"
-rm "$fs"/{old,seen}
+rm "$fs"/{old,seen,touched}
 
 # Killed again and again, the worker or who watches over it.
 processes() { for process in $(pgrep -x qzhsmd -r S,R,D); do grep -q "$fs" "/proc/$process/cmdline" && echo "$process"; done; }
