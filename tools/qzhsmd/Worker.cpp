@@ -109,7 +109,7 @@ void work(Serving& serving) {
         RecallService::log("ending");
         service.stop();
     }
-    // A tool that finds the socket gone knows that it need not tell anything.
+    // A tool that finds the socket gone has nobody to tell: the next service looks at all files anew.
     for (const std::string& socket : serving.sockets)
         ::unlink(socket.c_str());
     serving.shared->hasEnded = true; // then the group is closed
