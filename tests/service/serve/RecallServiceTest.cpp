@@ -1,20 +1,28 @@
 #include "service/serve/RecallService.h"
+#include "platform/stub/StubMark.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/xattr.h>
 
 namespace {
 
-int fileOf(const std::string& name) {
-    return ::open((testing::TempDir() + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+int fileOf(const std::string& name, bool marked = true) {
+    const int fd = ::open((testing::TempDir() + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (marked)
+        ::fsetxattr(fd, kStubMark, "1", 1, 0);
+    return fd;
 }
 
 TEST(RecallServiceTest, GoesOnFirstWithWhatIsAwaited) {
     PreContentGroup group; // that no kernel listens to
     RecallService service(group, {});
+    service.takeOver({fileOf("plain", false)});
+    EXPECT_EQ(service.status().queued, 0U) << "an ordinary file waits for nobody";
     service.takeOver({fileOf("a")});
+    ASSERT_EQ(service.status().queued, 1U) << "user attributes do not work here";
     RecallService::Work first = service.next();
     ASSERT_TRUE(first.stub);
     EXPECT_FALSE(first.recall);
