@@ -14,8 +14,8 @@ struct KeptText {
     bool recalling;   ///< kept for a recall; else while a stub is made
     /// The modification time that belongs to the file, which each write into it moves.
     timespec modified;
-    /// Nothing is to be gone on from: another program or back-end has put the text there, as it is, or what
-    /// was begun was left when somebody changed the file.
+    /// No purpose and no time stand with it: another program or back-end has put the text there, or what was
+    /// begun was left when somebody changed the file.
     bool isAlone = false;
 };
 

@@ -126,6 +126,7 @@ void RecallJob::writeRest() {
         pin();
         setTime();
     }
+    const auto known = m_source->size();
     std::span<const char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireUntouched();
@@ -141,9 +142,9 @@ void RecallJob::writeRest() {
             sum.add(piece.data(), piece.size());
         // Before it is written: a stub that grew would pass for that of a longer file.
         const auto length = static_cast<long long>(piece.size());
-        if (m_source->size() && m_total + length > *m_source->size())
+        if (known && m_total + length > *known)
             throwSourceChanged();
-        if (m_total + length > m_look.recordedSize && !m_source->size())
+        if (!known && m_total + length > m_look.recordedSize)
             tellLonger();
         m_written = m_isMoved = true;
         write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
@@ -154,12 +155,12 @@ void RecallJob::writeRest() {
     file.close();
     // The flush that follows has less to wait for.
     ::sync_file_range(m_flushable.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
-    if (m_source->size() && m_total != *m_source->size())
+    if (known && m_total != *known)
         throwSourceChanged();
-    if (!m_source->size() && m_total <= m_look.recordedSize)
+    if (!known && m_total <= m_look.recordedSize)
         examineLength(m_total);
-    const std::optional<StubMetadata> known = StubMetadata::fromText(m_look.meta);
-    if (!m_source->object() && known && known->xxh128 != sum.finish().whole)
+    const std::optional<StubMetadata> metadata = StubMetadata::fromText(m_look.meta);
+    if (!m_source->object() && metadata && metadata->xxh128 != sum.finish().whole)
         suspect(m_source->name() + " is not the data of the stub " + m_file.name() +
                 ": the checksums differ");
 }
@@ -177,8 +178,10 @@ void RecallJob::beginPieces() {
     m_total = m_look.recordedSize;
     // Readers see it from the first piece on. One that was emptied may lack its size, a small one is as long
     // as its stub text.
-    if (m_look.st.st_size != m_total)
-        setSize(m_total);
+    if (m_look.st.st_size == m_total)
+        return;
+    setSize(m_total);
+    setTime();
 }
 
 /// That of the data: what is there of it would count as changed otherwise, if the recall is cut off.
@@ -188,7 +191,6 @@ void RecallJob::setSize(long long size) {
     if (::truncate(m_file.path().c_str(), size) < 0)
         throw systemFailure("Failed to give its length back to ", m_file.name(), errno);
     m_size = size;
-    setTime();
 }
 
 void RecallJob::writePiece(std::span<const char> bytes, long long offset) {

@@ -27,6 +27,10 @@ std::string request(int service, const std::string& text, const std::vector<int>
     return answer;
 }
 
+Failure unreachable(const std::string& socket, int err) {
+    return systemFailure("Failed to reach the recall service at ", socket, err);
+}
+
 /// Closed if nobody serves the socket any more.
 UniqueFd connectTo(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
@@ -36,7 +40,7 @@ UniqueFd connectTo(const std::string& path) {
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
         return fd;
     if (errno != ECONNREFUSED && errno != ENOENT)
-        throw systemFailure("Failed to reach the recall service at ", path, errno);
+        throw unreachable(path, errno);
     return UniqueFd();
 }
 
@@ -66,6 +70,7 @@ bool RecallServices::Service::isStill(const struct stat& st) const {
 }
 
 bool RecallServices::areNone() {
+    m_closed.clear();
     for (const std::string& socket : socketsIn(m_runtimeDirectory)) {
         struct stat st {};
         if (::lstat(socket.c_str(), &st) < 0 ||
@@ -87,7 +92,7 @@ bool RecallServices::areNone() {
 
 void RecallServices::heed(const std::vector<int>& files) {
     if (!m_closed.empty())
-        throw systemFailure("Failed to reach the recall service at ", m_closed, EACCES);
+        throw unreachable(m_closed, EACCES);
     const auto hasHeard = [&](const Service& service) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);

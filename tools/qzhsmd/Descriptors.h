@@ -12,7 +12,7 @@ struct Descriptors {
     std::vector<int> connections; ///< to programs that are not held up
     std::vector<int> held;        ///< accesses without an answer
 
-    /// Finds them among all that are open, and closes what else a worker that died has left, but not
-    /// `others`.
+    /// Finds them among all that are open, of which the locks are known, and closes what else a worker that
+    /// died has left, but not `others`.
     static Descriptors find(const std::set<int>& locks, const std::set<int>& others);
 };

@@ -105,15 +105,23 @@ during '^getxattr(.*security.capability' getxattr:delay_enter=1000000:when=4 arc
 same "$f" "$work/changed"
 
 # A recall that fails leaves what its user wrote in the meantime.
-rm "$f" && cat "$work/data" "$work/data" >"$f" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
-object=$("$plain" info "$f" | grep -oE 'object=[0-9a-f-]+')
-printf damaged | dd of="$(ls "$store"/??/"${object#*=}")" bs=1 seek=5000000 conv=notrunc status=none
-act() {
-    until [ "$(grep -c utimensat "$work/calls")" -ge 3 ]; do :; done
-    sleep 0.3
-    printf mine | dd of="$f" bs=1 seek=5500000 conv=notrunc status=none
+# recalled_meanwhile COMMAND...: the recall of a damaged object, and in the middle of it the command.
+recalled_meanwhile() {
+    rm "$f" && cat "$work/data" "$work/data" >"$f" && touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
+    object=$("$plain" info "$f" | grep -oE 'object=[0-9a-f-]+')
+    printf damaged | dd of="$(ls "$store"/??/"${object#*=}")" bs=1 seek=5000000 conv=notrunc status=none
+    meanwhile=("$@")
+    act() {
+        until [ "$(grep -c utimensat "$work/calls")" -ge 3 ]; do :; done
+        sleep 0.3
+        "${meanwhile[@]}"
+    }
+    during utimensat utimensat:delay_exit=1500000:when=3 recall "$f" && fail "recalled although it was changed"
 }
-during utimensat utimensat:delay_exit=1500000:when=3 recall "$f" && fail "recalled although it was changed"
+recalled_meanwhile truncate -s 0 "$f"
+[ ! -s "$f" ] && expect 0 '"state":"plain"' info --json "$f"
+write_mine() { printf mine | dd of="$f" bs=1 seek=5500000 conv=notrunc status=none; }
+recalled_meanwhile write_mine
 [ "$(tail -c +5500001 "$f" | head -c 4)" = mine ] || fail "a recall that failed went over it: $(<"$work/said")"
 
 # One that was cut off at its end is whole, and may be the last copy.

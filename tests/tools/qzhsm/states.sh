@@ -80,6 +80,13 @@ unchanged "$fs/foreign" expect 0 '^$' repair "$fs/foreign"
 # What is emptied is recalled in two attempts, and never loses the only text.
 : >"$fs/zero" && mark "$fs/zero" && setfattr -n user.TSTUB -v "0s$(text 'd=1;stubbing=1000000000000000000')" "$fs/zero"
 zero() { strace -qq -o /dev/null ${2:+-P "$2"} -e inject="$1" "$plain" recall "$fs/zero" --from "$work/data" >"$work/said" 2>&1; }
+# What the library refuses keeps its data, holes and all, where there was no room for its text.
+truncate -s 3000000 "$fs/holey" && head -c 100000 "$work/data" | dd of="$fs/holey" conv=notrunc status=none && cp --sparse=always "$fs/holey" "$fs/twin"
+opened=$(strace -e trace=openat "$plain" stub "$fs/twin" --force --meta m 2>&1 | grep openat | grep -n 'O_WRONLY) ' | head -n 1)
+cp "$fs/holey" "$work/holey"
+strace -qq -o /dev/null -e inject=setxattr:error=ENOSPC:when=1 -e inject=openat:error=ENFILE:when="${opened%%:*}" "$plain" stub "$fs/holey" --force --meta m &>"$work/said" && fail "stubbed unopened"
+same "$fs/holey" "$work/holey"
+expect 0 '"state":"plain"' info --json "$fs/holey"
 zero setxattr:error=ENOSPC && fail "recalled without its text"
 getfattr -n user.TSTUB --absolute-names "$fs/zero" >/dev/null || fail "the only text is gone: $(<"$work/said")"
 zero read:error=EIO:when=2 "$work/data" && fail "recalled half"

@@ -98,6 +98,25 @@ expect 0 '"state":"half recalled"' info --json "$fs/seen"
 cp "$work/whole" "$object"
 cmp -s "$fs/seen" "$work/seen" || fail "what was half recalled"
 
+# Any name is a stub's; and nobody has to read what is logged.
+archived "$fs/a.sock.lock"
+cmp -s "$fs/a.sock.lock" "$work/data" &
+sleep 0.3 && pkill -KILL -P "$served"
+wait $! || fail "a reader of a worker that was killed"
+stop
+"$service" "$fs" >"$work/out" 2> >(:) &
+served=$!
+for ((i = 0; i < 400; i++)); do grep -q serving "$work/out" && break; sleep 0.05; done
+archived "$fs/a.sock.lock" && pkill -KILL -P "$served"
+cmp -s "$fs/a.sock.lock" "$work/data" && kill -0 "$served" || fail "the service needs a reader of its log"
+stop && start
+# Who is not root may look; to make stubs he would have to tell the service.
+chmod 755 "$work" && cp "$work/data" "$fs/his" && chown 65534 "$fs/his"
+as_user() { setpriv --reuid=65534 --clear-groups "$plain" "$@"; }
+qzhsm=as_user expect 0 '"state":"plain"' info --json "$fs/his"
+qzhsm=as_user expect 1 'Failed to reach the recall service at .*: Permission denied' stub "$fs/his" --meta m
+same "$fs/his" "$work/data"
+
 # A time that is set meanwhile makes no part the whole; whoever truncates the file has his way.
 head -c 1000 "$work/seen" | cmp -s - <(dd if="$fs/touched" bs=1000 count=1 status=none) || fail "the first piece"
 touch -c -d @1000000000.5 "$fs/touched" # opens nothing
@@ -113,7 +132,7 @@ exec 8>&-
 wait $!
 stop
 [ "$(tail -c 5 "$fs/old")" = mine ] || fail "an old descriptor's write is lost"
-rm "$fs"/{old,seen,touched}
+rm "$fs"/{old,seen,touched,his,a.sock.lock}
 
 # Killed again and again, the worker or who watches over it.
 processes() { for process in $(pgrep -x qzhsmd -r S,R,D); do grep -q "$fs" "/proc/$process/cmdline" && echo "$process"; done; }
