@@ -59,7 +59,7 @@ printf 'a line\n' >"$fs/emptied"
 printf 'over it' | dd of="$f" conv=notrunc status=none
 refused "$fs/emptied" 'somebody has written to it on its way to a stub' repair "$fs/emptied"
 refused "$f" 'nothing on it tells whether its data is its own' repair "$f"
-refused "$f" 'not empty|use --force|File exists' restore-stub "$f" "$work/other.stub"
+refused "$f" 'Not replacing the stub .*: File exists \(code 17\)' restore-stub "$f" "$work/other.stub"
 refused "$fs/lost" 'marked and empty, and nothing on it tells where its data is' repair "$fs/lost"
 expect 1 'marked and empty: it names no object' verify "$f"
 cp "$work/data" "$fs/part" && "$qzhsm" stub "$fs/part" --meta m && head -c 8192 "$work/data" | dd of="$fs/part" conv=notrunc status=none
