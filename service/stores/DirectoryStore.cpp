@@ -45,6 +45,7 @@ public:
     void close(std::uint64_t size) {
         if (m_end < size)
             m_file.setSize(size);
+        m_file.startWriting();
         m_file.close();
     }
 

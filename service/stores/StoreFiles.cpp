@@ -94,6 +94,10 @@ void NewFile::flush() {
         fail();
 }
 
+void NewFile::startWriting() {
+    ::sync_file_range(m_file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 void NewFile::close() {
     if (::close(m_file.release()) < 0)
         fail();

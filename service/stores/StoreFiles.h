@@ -24,6 +24,8 @@ public:
     void write(std::uint64_t offset, const char* bytes, size_t size);
     void setSize(std::uint64_t size);
     void flush();
+    /// Has the disk begin, so that a later flush waits for less.
+    void startWriting();
     /// Some file systems tell only here that they have no room.
     void close();
 
