@@ -88,6 +88,7 @@ void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& obser
     const auto judge = [&](const ListedObject& listed) {
         const std::string name(listed.object.text());
         std::optional<ObjectRecord> record;
+        const UniqueFd lock = rules.remove ? store.lockRecords() : UniqueFd(); // nobody adopts it meanwhile
         if (!listed.leftSince) {
             record = store.look(listed.object);
             if (!record)

@@ -1,5 +1,6 @@
 #include "service/serve/ControlSocket.h"
 
+#include "platform/errors/ErrorText.h"
 #include "service/serve/SocketMessage.h"
 
 #include <cerrno>
@@ -74,8 +75,11 @@ void ControlSocket::answer(Connection& connection) {
     const int err = receiveMessage(connection.fd.get(), request, files);
     if (err == EAGAIN || err == EINTR)
         return;
-    const std::string text =
-        err == 0 && !request.empty() ? answerTo(connection, request, files) : std::string();
+    std::string text;
+    if (err == EMFILE)
+        text = errnoReason(err);
+    else if (err == 0 && !request.empty())
+        text = answerTo(connection, request, files);
     if (text.empty() || sendMessage(connection.fd.get(), text, {}) != 0) {
         if (connection.exempt)
             m_service.endExemption(connection.process);
@@ -91,12 +95,13 @@ std::string ControlSocket::answerTo(Connection& connection, std::string_view req
         return m_service.status().toMetrics();
     if (request == "exempt") {
         exempt(connection);
-        return "done";
+        return kDone;
     }
     if (request == "heed") {
         for (const UniqueFd& file : files)
-            m_service.heed(file.get());
-        return "done";
+            if (const int err = m_service.heed(file.get()))
+                return errnoReason(err);
+        return kDone;
     }
     return {};
 }

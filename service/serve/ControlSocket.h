@@ -15,7 +15,8 @@
 //     status   the service's status as JSON
 //     metrics  the same for Prometheus
 //     exempt   from now on, and as long as it is connected, the process is not held up; answered by "done"
-//     heed     with descriptors: these files are about to become stubs; answered by "done"
+//     heed     with descriptors: these files are about to become stubs; answered by "done",
+//              or why it cannot be done
 
 /// The service's side. Belongs to one thread.
 class ControlSocket {

@@ -53,7 +53,12 @@ public:
     const RecallService::Stub& stub() const { return m_stub; }
 
     /// Whether there is nothing to bring.
-    bool isDone() { return m_job.isDone(); }
+    bool isDone() {
+        const bool isDone = m_job.isDone();
+        if (isDone)
+            m_leaseless = UniqueFd();
+        return isDone;
+    }
 
     void begin(NamedStores& stores) {
         const StubMetadata metadata = readMetadata(m_job.file(), m_job.look());
@@ -185,10 +190,8 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
     auto recall = std::make_unique<Recall>(
         m_service, stub, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));
-    if (recall->isDone()) {
-        recall.reset();
+    if (recall->isDone()) // and locked, until nobody asks for it any more
         return m_service.done(stub, false);
-    }
     RecallService::log("recalling " + file.name() + " for " + stub->cause());
     bool isBegun = false;
     guarded(*recall, [&] {

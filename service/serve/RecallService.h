@@ -63,8 +63,8 @@ public:
     /// A process that archives and recalls by itself.
     void exempt(pid_t process);
     void endExemption(pid_t process);
-    /// This file is about to become a stub: it is looked at again from now on.
-    void heed(int fd);
+    /// This file is about to become a stub: it is looked at again from now on. Returns 0 or an errno.
+    int heed(int fd);
 
     // --- For those who bring the data ---
 

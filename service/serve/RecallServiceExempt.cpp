@@ -26,9 +26,9 @@ void RecallService::endExemption(pid_t process) {
         m_exempt.erase(found);
 }
 
-void RecallService::heed(int fd) {
+int RecallService::heed(int fd) {
     const std::lock_guard lock(m_mutex); // between another thread's look at this file and its `ignore`
-    m_group.heed(fd);
+    return m_group.heed(fd);
 }
 
 bool RecallService::isPassed(pid_t tid) {

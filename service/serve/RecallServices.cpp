@@ -97,9 +97,13 @@ void RecallServices::heed(const std::vector<int>& files) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);
             const auto begin = files.begin() + static_cast<std::ptrdiff_t>(from);
-            if (request(service.connection.get(), "heed", {begin, begin + static_cast<std::ptrdiff_t>(count)})
-                    .empty())
+            const std::string answer = request(service.connection.get(), "heed",
+                                               {begin, begin + static_cast<std::ptrdiff_t>(count)});
+            if (answer.empty())
                 return false;
+            if (answer != kDone)
+                throw Failure(QZHSM_FAILURE, "The recall service at " + service.socket +
+                                                 " cannot look at files again: " + answer);
         }
         return true;
     };

@@ -56,5 +56,5 @@ int receiveMessage(int socket, std::string& text, std::vector<UniqueFd>& files) 
             files.emplace_back(fd);
         }
     }
-    return 0;
+    return (message.msg_flags & MSG_CTRUNC) != 0 ? EMFILE : 0;
 }

@@ -21,6 +21,10 @@ std::chrono::seconds timeoutOf(const std::string& section, std::string_view text
     return std::chrono::seconds(seconds);
 }
 
+bool isPath(const std::string& nameOrDirectory) {
+    return nameOrDirectory.find('/') != std::string::npos;
+}
+
 std::unique_ptr<Store> openConfigured(const std::string& name) {
     const std::string section = "Store/" + name;
     NkRegKey key(false);
@@ -49,16 +53,23 @@ std::unique_ptr<Store> openConfigured(const std::string& name) {
 } // namespace
 
 std::unique_ptr<Store> openStore(const std::string& nameOrDirectory) {
-    if (nameOrDirectory.find('/') != std::string::npos)
+    if (isPath(nameOrDirectory))
         return std::make_unique<DirectoryStore>(nameOrDirectory);
     return openConfigured(nameOrDirectory);
 }
 
+std::unique_ptr<Store> openStoreForStubs(const std::string& nameOrDirectory) {
+    std::unique_ptr<Store> store = openStore(nameOrDirectory);
+    if (isPath(nameOrDirectory))
+        openTrustedDirectory(store->name());
+    return store;
+}
+
 std::unique_ptr<Store> openNamedStore(const StubMetadata& metadata) {
-    const bool isPath = metadata.store.find('/') != std::string::npos;
     std::unique_ptr<Store> store =
-        isPath ? std::make_unique<DirectoryStore>(openTrustedDirectory(metadata.store), metadata.store)
-               : openConfigured(metadata.store);
+        isPath(metadata.store)
+            ? std::make_unique<DirectoryStore>(openTrustedDirectory(metadata.store), metadata.store)
+            : openConfigured(metadata.store);
     if (store->uuid() != metadata.storeUuid)
         throw Failure(QZHSM_FAILURE, "Store " + metadata.store + " is another one than the stub names",
                       "If it is the right one all the same, name it with --store.");
@@ -66,10 +77,15 @@ std::unique_ptr<Store> openNamedStore(const StubMetadata& metadata) {
 }
 
 Store& NamedStores::find(const StubMetadata& metadata) {
-    const std::lock_guard lock(m_mutex);
     const std::pair key(metadata.store, metadata.storeUuid);
-    auto found = m_stores.find(key);
-    if (found == m_stores.end()) // only what could be opened is kept: stubs may name anything
-        found = m_stores.emplace(key, openNamedStore(metadata)).first;
-    return *found->second;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (const auto found = m_stores.find(key); found != m_stores.end())
+            return *found->second;
+    }
+    // A store that hangs holds up nobody who needs another one. What cannot be opened is not kept: stubs may
+    // name anything.
+    std::unique_ptr<Store> store = openNamedStore(metadata);
+    const std::lock_guard lock(m_mutex);
+    return *m_stores.try_emplace(key, std::move(store)).first->second;
 }

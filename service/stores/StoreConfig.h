@@ -13,6 +13,10 @@
 /// (seconds). Throws `Failure`.
 std::unique_ptr<Store> openStore(const std::string& nameOrDirectory);
 
+/// The same for a store that stubs are to name: a directory must be one that `openNamedStore` trusts, or what
+/// is put there comes back by hand alone. Throws `Failure`.
+std::unique_ptr<Store> openStoreForStubs(const std::string& nameOrDirectory);
+
 /// Opens the store that a stub names. A name leads to the configuration, as above. A path is only followed to
 /// a directory that `openTrustedDirectory` trusts, and only if the stub names the UUID of the store there:
 /// stub text never makes this process read from a directory that another user has made up. Throws `Failure`.

@@ -9,8 +9,8 @@
 namespace {
 
 [[noreturn]] void refuse(const std::string& path, const std::string& reason) {
-    throw Failure(QZHSM_FAILURE, "The store " + path + " that the stub names is not trusted: " + reason,
-                  "If it is the right one, name it with --store or in the configuration.");
+    throw Failure(QZHSM_FAILURE, "The store " + path + " is not trusted where stubs name it: " + reason,
+                  "If it is the right one, give it a name in the configuration; recall takes --store too.");
 }
 
 void requireTrust(int directory, const std::string& path, const std::string& upTo) {

@@ -15,7 +15,7 @@ constexpr const char* kNullHelp = "List the files that were done, each name as i
 struct Archiving {
     Archiving(const CommandLine& line, StubKind& kind, Report& report, const std::string& storeName,
               ArchiveRules asked, const std::vector<std::string>& excluded, int count)
-        : shown(report), store(openStore(storeName)), rules(std::move(asked)),
+        : shown(report), store(openStoreForStubs(storeName)), rules(std::move(asked)),
           crew(line, shown, count, [this](StubKind& own) {
               return std::make_unique<ArchiveWorker>(own, *store, rules, seen, shown);
           }) {

@@ -106,7 +106,9 @@ void addRecallVerb(CommandLine& line) {
         });
     CLI::Option* from = addText(verb, "--from", options->sources.from,
                                 "Take the data from this file, or - for standard input, not from a store");
-    from->option_text("FILE");
+    from->option_text("FILE")->check([verb](const std::string& file) -> std::string {
+        return file == "-" && verb->count("--null") > 0 ? "standard input holds the paths" : "";
+    });
     CLI::Option* fromDir =
         addText(verb, "--from-dir", options->sources.fromDir,
                 "Take the data from files under the same paths below this directory as below each PATH");

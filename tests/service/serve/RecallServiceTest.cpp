@@ -1,10 +1,14 @@
 #include "service/serve/RecallService.h"
 #include "platform/stub/StubMark.h"
+#include "service/serve/ControlSocket.h"
+#include "service/serve/SocketMessage.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/xattr.h>
 
 namespace {
@@ -45,6 +49,32 @@ TEST(RecallServiceTest, GoesOnFirstWithWhatIsAwaited) {
     EXPECT_NE(service.next().stub, suspended);
     service.stop();
     EXPECT_FALSE(service.next().stub);
+}
+
+TEST(ControlSocketTest, TellsOfFilesThatItCannotHeed) {
+    PreContentGroup group; // that no kernel listens to
+    RecallService service(group, {});
+    ControlSocket socket(service, {});
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const UniqueFd tool(ends[1]);
+    socket.takeOver(UniqueFd(ends[0]));
+    const UniqueFd file(fileOf("heeded", false));
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const auto answerWith = [&](rlim_t descriptors) {
+        sendMessage(tool.get(), "heed", {file.get()});
+        const rlimit lower{descriptors, limit.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &lower);
+        socket.serve(ends[0]);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        std::string answer;
+        std::vector<UniqueFd> none;
+        receiveMessage(tool.get(), answer, none);
+        return answer;
+    };
+    EXPECT_EQ(answerWith(limit.rlim_cur), "Bad file descriptor");
+    EXPECT_EQ(answerWith(1), "Too many open files") << "the file did not come with the message";
 }
 
 } // namespace

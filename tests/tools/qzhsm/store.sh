@@ -13,6 +13,8 @@ objects() {
 }
 unneeded() { expect 0 "$1" store gc --store "$store" --older-than 0s "${@:2}"; }
 
+mkdir -m 777 "$work/all" && expect 0 '^$' store create "$work/all/store"
+refused "$f" 'is not trusted where stubs name it: others may write into' archive --store "$work/all/store" "$f"
 mkdir "$work/his" && chown 1 "$work/his" && expect 1 'it belongs to user 1,' store create "$work/his"
 
 # A file that was put before is not sent again while it is the same.
@@ -58,6 +60,10 @@ unneeded '0 not in use, 4 left alone' "$work" # the mount, and objects: another 
 unneeded 'in use elsewhere' --json --other-file-systems "$fs/two"
 unneeded '2 not in use, 1 left alone' "$fs/two"
 expect 0 'stored too lately' store gc --store "$store" --json "$fs/two"
+# Not while somebody may be adopting one.
+flock "$store/qzhsm-store.json" timeout 1 "$qzhsm" store gc --store "$store" --older-than 0s --remove "$fs/two" &>/dev/null
+[ $? -eq 124 ] || fail "a clearing waited for nobody"
+objects 3
 mkdir "$store/tmp/left" && touch "$store/tmp/left/object"
 unneeded '1 files that a process left' "$fs/two" --remove
 objects 1

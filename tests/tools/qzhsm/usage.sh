@@ -5,6 +5,7 @@
 expect 2 'frob' frobnicate
 expect 2 'meta' stub /tmp
 expect 2 'PATH' info
+expect 2 'from: standard input holds the paths' recall -0 --from -
 expect 2 'PATH, or --store' verify
 expect 2 'meta: it would lead nowhere' stub "$work/data" --meta ''
 expect 2 'older-than' store gc --store "$work" --older-than -1d "$work"
