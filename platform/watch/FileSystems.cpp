@@ -1,13 +1,18 @@
 #include "platform/watch/FileSystems.h"
 
+#include "platform/watch/PreContentGroup.h"
+
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 namespace {
 
@@ -49,6 +54,22 @@ void eachMount(const std::function<void(const Mount&)>& act) {
     }
 }
 
+/// What a group's marks tell, as the kernel shows them in this file.
+std::set<dev_t> markedIn(const std::string& descriptor) {
+    std::set<dev_t> marked;
+    std::ifstream list(descriptor);
+    for (std::string line; std::getline(list, line);) {
+        unsigned number = 0; // as the kernel keeps it
+        unsigned mask = 0;
+        constexpr unsigned kMinorBits = 20;
+        constexpr unsigned kMinorMask = (1U << kMinorBits) - 1;
+        if (std::sscanf(line.c_str(), "fanotify sdev:%x mflags:%*x mask:%x", &number, &mask) == 2 &&
+            (mask & kPreAccess) != 0)
+            marked.insert(makedev(number >> kMinorBits, number & kMinorMask));
+    }
+    return marked;
+}
+
 } // namespace
 
 dev_t fileSystemOf(const std::string& path) {
@@ -75,16 +96,22 @@ std::set<std::string> mountPointsOf(dev_t fileSystem) {
 }
 
 std::set<dev_t> markedFileSystems(int group) {
-    std::set<dev_t> marked;
-    std::ifstream list("/proc/self/fdinfo/" + std::to_string(group));
-    for (std::string line; std::getline(list, line);) {
-        unsigned number = 0; // as the kernel keeps it
-        constexpr unsigned kMinorBits = 20;
-        constexpr unsigned kMinorMask = (1U << kMinorBits) - 1;
-        if (std::sscanf(line.c_str(), "fanotify sdev:%x", &number) == 1)
-            marked.insert(makedev(number >> kMinorBits, number & kMinorMask));
+    return markedIn("/proc/self/fdinfo/" + std::to_string(group));
+}
+
+pid_t watcherOf(dev_t fileSystem) {
+    namespace fs = std::filesystem;
+    std::error_code gone; // processes and descriptors come and go meanwhile
+    for (const auto& process : fs::directory_iterator("/proc", gone)) {
+        const pid_t pid = std::atoi(process.path().filename().c_str());
+        if (pid == 0 || pid == ::getpid() || pid == ::getppid())
+            continue;
+        for (const auto& entry : fs::directory_iterator(process.path() / "fd", gone))
+            if (fs::read_symlink(entry.path(), gone) == "anon_inode:[fanotify]" &&
+                markedIn(process.path() / "fdinfo" / entry.path().filename()).contains(fileSystem))
+                return pid;
     }
-    return marked;
+    return 0;
 }
 
 std::set<dev_t> ownFileSystems() {

@@ -13,8 +13,11 @@ dev_t fileSystemOf(const std::string& path);
 /// Where it is mounted; nothing of what another mount covers.
 std::set<std::string> mountPointsOf(dev_t fileSystem);
 
-/// Those on which a group of the kernel's file events has a mark as a whole.
+/// Those whose pre-content events a group gets.
 std::set<dev_t> markedFileSystems(int group);
+/// Another process with a group that gets those of a file system, or 0. This one's parent does not count: a
+/// service manager keeps groups for its services.
+pid_t watcherOf(dev_t fileSystem);
 
 /// Those that hold this program and its libraries.
 std::set<dev_t> ownFileSystems();

@@ -10,7 +10,6 @@
 namespace {
 
 // Headers older than the kernel lack these.
-constexpr std::uint64_t kPreAccess = 0x100000;
 constexpr std::uint8_t kRangeRecord = 6;
 constexpr std::uint32_t kErrnoShift = 24;
 struct RangeRecord {

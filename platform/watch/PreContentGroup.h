@@ -7,6 +7,8 @@
 #include <sys/types.h>
 #include <vector>
 
+constexpr std::uint64_t kPreAccess = 0x100000; ///< the event's bit, which older headers lack
+
 /// An access to a file that the kernel holds until it is answered.
 struct HeldAccess {
     int fd;               ///< the file, open for reading; to read through it raises no event

@@ -59,6 +59,10 @@ Served fileSystemsOf(const std::vector<std::string>& directories) {
     return served;
 }
 
+Failure servedAlready(const std::string& directory, const std::string& by) {
+    return {QZHSM_BUSY, "The file system of " + directory + " is served already" + by};
+}
+
 /// A second service on the same file system would answer the first one's readers.
 int lockFileSystem(const std::string& socket, const std::string& directory) {
     const std::string path = socket + ".lock";
@@ -67,7 +71,7 @@ int lockFileSystem(const std::string& socket, const std::string& directory) {
     if (lock < 0)
         throw systemFailure("Failed to open ", path, errno);
     if (::flock(lock, LOCK_EX | LOCK_NB) < 0)
-        throw Failure(QZHSM_BUSY, "The file system of " + directory + " is served already");
+        throw servedAlready(directory, "");
     return lock;
 }
 
@@ -121,6 +125,13 @@ void mark(PreContentGroup& group, const std::string& directory) {
         throw systemFailure("Failed to watch ", directory, err);
 }
 
+/// One with another runtime directory holds other locks. Of two that start at once each sees the other.
+void requireToBeAlone(const Served& served) {
+    for (const auto& [fileSystem, directory] : served)
+        if (const pid_t other = watcherOf(fileSystem))
+            throw servedAlready(directory, ", by process " + std::to_string(other));
+}
+
 /// A parked group has the marks of what was served before, and does not ask about files that tools may have
 /// made stubs since.
 void forget(PreContentGroup& group, const Served& served, const std::string& runtimeDirectory) {
@@ -172,6 +183,7 @@ void begin(Serving& serving) {
     PreContentGroup group = openGroup();
     for (const auto& [fileSystem, directory] : served)
         mark(group, directory);
+    requireToBeAlone(served);
     forget(group, served, runtime);
     group.ignore(STDERR_FILENO); // perhaps a file there, to which whoever has nobody to answer him writes
     serving.descriptors.group = ::fcntl(group.descriptor(), F_DUPFD, STDERR_FILENO + 1);

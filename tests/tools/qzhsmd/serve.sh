@@ -16,6 +16,9 @@ cp -p "$(command -v ls)" "$fs/program" && expect 0 '' archive --store "$store" "
 start
 "$service" "$fs" >"$work/out" 2>&1
 [ $? -eq 1 ] && grep -q 'served already' "$work/out" || fail "a second service: $(<"$work/out")"
+mkdir "$work/other" && printf '[Service]\nruntimeDirectory = %s\n' "$work/other" >"$work/other/conf"
+QZHSM_CONFIG=$work/other/conf "$service" "$fs" >"$work/out" 2>&1
+[ $? -eq 1 ] && grep -q 'served already, by process' "$work/out" || fail "one of other locks: $(<"$work/out")"
 cat "$fs/cat" | cmp -s - "$work/data" || fail "cat"
 [ "$(grep -ac e "$fs/grep")" = "$(grep -ac e "$work/data")" ] || fail "grep"
 cp --sparse=always "$fs/cp" "$work/cp" && same "$work/cp" "$work/data"
