@@ -20,9 +20,10 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
     hold();
     ObjectRecord facts = ObjectRecord::describe(data(), file().name());
     if (!facts.owner.matches(facts.owner))
-        throw Failure(QZHSM_FAILURE,
-                      file().name() +
-                          " could not be told from a copy later: its file system has no file handles");
+        throw Failure(
+            QZHSM_FAILURE,
+            file().name() +
+                " could not be told from a copy later: its file system has no lasting file handles");
     facts.path = fullPath();
     const auto known = object() ? findArchived(store, *object(), data(), facts) : std::nullopt;
     const ObjectRecord record = known ? *known : store.put(data(), facts, onBytes);

@@ -1,6 +1,7 @@
 #include "service/FileIo.h"
 
 #include "service/Failure.h"
+#include "service/Times.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,13 +30,22 @@ long long allocatedBytes(const struct stat& st) {
 }
 
 bool wouldFreeRoom(const struct stat& st) {
-    constexpr long long kBlock = 4096;
-    const int left = st.st_size > kBlock ? 2 : 1; // the stub text's, and that of the last byte
-    return allocatedBytes(st) > left * kBlock;
+    // What a network file system says is not the size of its blocks.
+    const auto block = std::clamp<long long>(st.st_blksize, 4096, 65536);
+    const int left = st.st_size > block ? 2 : 1; // the stub text's, and that of the last byte
+    return allocatedBytes(st) > left * block;
 }
 
 bool isSameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool hasSameData(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && nanoseconds(a.st_mtim) == nanoseconds(b.st_mtim);
+}
+
+bool isUntouched(const struct stat& a, const struct stat& b) {
+    return hasSameData(a, b) && nanoseconds(a.st_ctim) == nanoseconds(b.st_ctim);
 }
 
 UniqueFd openForReading(const std::string& path) {

@@ -18,10 +18,15 @@ struct stat statFollowing(const std::string& path);
 /// The bytes that the file's blocks take.
 long long allocatedBytes(const struct stat& st);
 
-/// Whether a stub in its place takes less: the stub's text takes a block, 4096 bytes on most file systems.
+/// Whether a stub in its place takes less: the stub's text takes a block, and its last byte another.
 bool wouldFreeRoom(const struct stat& st);
 
 bool isSameFile(const struct stat& a, const struct stat& b);
+
+/// Whether size and modification time are the same.
+bool hasSameData(const struct stat& a, const struct stat& b);
+/// Whether nothing was done to the file between the two, but reading.
+bool isUntouched(const struct stat& a, const struct stat& b);
 
 /// Reading leaves the access time alone if the system lets it.
 UniqueFd openForReading(const std::string& path);

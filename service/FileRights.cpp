@@ -1,5 +1,7 @@
 #include "service/FileRights.h"
 
+#include "platform/logging/ProcessLog.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,8 +31,16 @@ void putRightsBack(const OpenFile& file, const std::string& capabilities, const 
         now.st_mode != before.st_mode && before.st_mode == (now.st_mode | (before.st_mode & kTaken));
     if (::geteuid() != 0 && lacksThese && ::chmod(file.path().c_str(), before.st_mode & kPermissions) < 0)
         throw systemFailure("Failed to put back the mode of ", file.name(), errno);
-    if (!capabilities.empty() &&
-        ::setxattr(file.path().c_str(), kCapabilities, capabilities.data(), capabilities.size(), 0) < 0)
+    if (capabilities.empty())
+        return;
+    // Whoever may write the file could have put a program of his own there just now.
+    if (now.st_uid != 0 || (now.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        if (CLogWriterInterface* log = processLog(-1))
+            log->Write(-1, "putRightsBack", 0, 0, 0,
+                       "%s has lost its capabilities: others than root may write it", file.name().c_str());
+        return;
+    }
+    if (::setxattr(file.path().c_str(), kCapabilities, capabilities.data(), capabilities.size(), 0) < 0)
         throw systemFailure("Failed to put back the capabilities of ", file.name(), errno);
 }
 

@@ -11,7 +11,7 @@
 std::string readCapabilities(const OpenFile& file);
 /// Gives a file the capabilities, and the set-user-ID and set-group-ID bits, that our own writes have taken
 /// from it. What its owner or root has changed meanwhile stays: to a file of another owner or group nothing
-/// is given.
+/// is given, and capabilities to none that others than root may write.
 void putRightsBack(const OpenFile& file, const std::string& capabilities, const struct stat& before);
 /// To the nanosecond, while the interface's own way takes whole seconds.
 void putTimesBack(const OpenFile& file, const timespec& accessed, const timespec& modified);

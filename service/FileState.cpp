@@ -101,10 +101,10 @@ Content readContent(const OpenFile& file, const FileLook& look) {
             content.facts = *facts;
         }
     }
-    if (look.marked || !content.text.empty()) // else it does not count, and may be long
+    if (look.marked || look.kept || !content.text.empty()) // else it does not count, and may be long
         content.restIsHole =
             isHole(fd, file, static_cast<long long>(content.beginning.size()), look.st, look.attributes);
-    if (look.marked && (look.kept || content.text.empty())) {
+    if (look.kept || (look.marked && content.text.empty())) {
         const off_t hole = ::lseek(fd, 0, SEEK_HOLE);
         content.hasHoles = hole >= 0 && hole < look.st.st_size;
     }
@@ -142,7 +142,21 @@ void setText(FileLook& look, std::string text, StubFacts facts) {
     look.meta = std::move(facts.meta);
 }
 
+/// Whether a file that carries a kept text and no mark does not hold its data. Those who keep the text take
+/// the mark off behind the data, or set it before they empty the file.
+bool isUnfinished(const FileLook& look, const Content& content) {
+    if (content.beginning.starts_with(look.text))
+        return true;
+    const timespec& time = look.st.st_mtim; // of whole seconds on some file systems
+    const timespec& its = look.kept->modified;
+    if (time.tv_sec == its.tv_sec && (time.tv_nsec == its.tv_nsec || time.tv_nsec == 0))
+        return false;
+    return look.kept->recalling ? content.hasHoles : look.st.st_size > 0 && content.isBeginningOf(look.text);
+}
+
 FileState stateOf(FileLook& look, const Content& content) {
+    if (!look.marked && look.kept && isUnfinished(look, content))
+        return changed(look, "it was on its way to or from a stub, and somebody has taken its mark off");
     if (!look.marked && look.attributes) {
         if (!content.text.empty() && changeOf(look, content).empty())
             return FileState::Copy;
@@ -150,7 +164,7 @@ FileState stateOf(FileLook& look, const Content& content) {
     }
     if (look.kept && look.kept->recalling) {
         // A recall leaves the size as it is, but for the moment in which it takes out what it wrote.
-        if (!fits(look) && !content.isBeginningOf(look.text) && !content.beginning.starts_with(look.text))
+        if (!fits(look) && !content.isBeginningOf(look.text))
             return changed(look, sizeProblem(look));
         return FileState::HalfRecalled;
     }

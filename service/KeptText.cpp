@@ -27,18 +27,26 @@ std::optional<StubFacts> decode(const std::string& text) {
     return facts;
 }
 
-/// Takes the purpose from the end of the metadata, if it is this one, and gives its time.
-std::optional<timespec> takePurpose(std::string& meta, std::string_view purpose) {
-    const size_t at = meta.rfind(purpose);
-    if (at == std::string::npos)
-        return {};
-    long long modified = 0;
-    const char* end = meta.data() + meta.size();
-    const auto [stop, error] = std::from_chars(meta.data() + at + purpose.size(), end, modified);
-    if (error != std::errc() || stop != end)
-        return {};
-    meta.resize(at);
-    return timeOf(modified);
+struct Purpose {
+    bool recalling;
+    timespec modified;
+};
+
+/// Takes the purpose from the end of the metadata, if there is one.
+std::optional<Purpose> takePurpose(std::string& meta) {
+    for (const std::string_view purpose : {kRecalling, kStubbing}) {
+        const size_t at = meta.rfind(purpose);
+        if (at == std::string::npos)
+            continue;
+        long long modified = 0;
+        const char* end = meta.data() + meta.size();
+        const auto [stop, error] = std::from_chars(meta.data() + at + purpose.size(), end, modified);
+        if (error != std::errc() || stop != end)
+            continue;
+        meta.resize(at);
+        return Purpose{purpose == kRecalling, timeOf(modified)};
+    }
+    return {};
 }
 
 } // namespace
@@ -61,13 +69,17 @@ std::optional<KeptText> readKeptText(const OpenFile& file) {
     std::optional<StubFacts> decoded = decode(value);
     if (!decoded)
         return {};
-    for (const bool recalling : {true, false}) {
-        const std::optional<timespec> modified =
-            takePurpose(decoded->meta, recalling ? kRecalling : kStubbing);
-        if (modified)
-            return KeptText{stubTextOf(decoded->meta, decoded->fileSize), recalling, *modified};
-    }
+    if (const std::optional<Purpose> purpose = takePurpose(decoded->meta))
+        return KeptText{stubTextOf(decoded->meta, decoded->fileSize), purpose->recalling, purpose->modified};
     return KeptText{value, false, file.stat().st_mtim, true};
+}
+
+std::vector<char> withoutPurpose(std::vector<char> value) {
+    std::optional<StubFacts> decoded = decode({value.begin(), value.end()});
+    if (!decoded || !takePurpose(decoded->meta))
+        return value;
+    const std::string text = stubTextOf(decoded->meta, decoded->fileSize);
+    return {text.begin(), text.end()};
 }
 
 bool keepText(const OpenFile& file, const KeptText& kept) {

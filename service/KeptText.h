@@ -5,6 +5,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// A stub's text, kept in the file's attribute "user.TSTUB" while the text in the file itself is about to
 /// come or go. Whatever ends the work in between, the pointer to the data is still there: `backupStub` reads
@@ -26,6 +27,9 @@ std::optional<KeptText> readKeptText(const OpenFile& file);
 /// Keeps a text. False if the file system has no attributes or no room for one of this length, and nothing is
 /// kept. What else goes wrong throws, and so does it if an older text stands there, which stays. Not flushed.
 bool keepText(const OpenFile& file, const KeptText& kept);
+
+/// The stub text that an attribute's value stands for: without what `keepText` has added to it.
+std::vector<char> withoutPurpose(std::vector<char> value);
 
 /// Removes what is kept, if anything. Throws if that fails. Not flushed.
 void dropKeptText(const OpenFile& file);

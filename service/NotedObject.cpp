@@ -1,6 +1,7 @@
 #include "service/NotedObject.h"
 
 #include "service/stores/Content.h"
+#include "service/stores/VerifiedReader.h"
 
 #include <cerrno>
 #include <sys/xattr.h>
@@ -8,6 +9,16 @@
 namespace {
 
 constexpr const char* kAttribute = "user.NkObject";
+
+/// A record tells nothing of what has become of the object.
+bool isWhole(Store& store, const ObjectRecord& record) {
+    try {
+        verifyObject(store, record);
+        return true;
+    } catch (const Failure&) {
+        return false;
+    }
+}
 
 } // namespace
 
@@ -40,7 +51,7 @@ std::optional<ObjectRecord> findArchived(Store& store, const ObjectId& object, i
     }
     if (!record || !record->isOf(facts.owner) || record->size != facts.size || record->mtime != facts.mtime)
         return {};
-    if (checksumsOf(data, facts.path, facts.size) != record->checksums)
+    if (checksumsOf(data, facts.path, facts.size) != record->checksums || !isWhole(store, *record))
         return {};
     record->capability = facts.capability;
     return record;

@@ -59,7 +59,7 @@ bool RecallJob::isDone() {
     case FileState::MarkedWhole:
     case FileState::Lost:
         throw Failure(QZHSM_NOT_A_STUB, name + " has no valid stub text: it is " + nameOf(m_look.state),
-                      "\"qzhsm repair\" leads out of this state.");
+                      m_kind.advice(name, QZHSM_NOT_A_STUB));
     case FileState::Copy:
         throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data");
     case FileState::HalfMarked:
@@ -121,7 +121,10 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
 
 void RecallJob::writeRest() {
     const size_t page = endOfPage(m_look.text);
-    if (m_kept && m_look.st.st_size < m_look.recordedSize) { // one that was emptied
+    // One that was emptied, or that somebody has lengthened, who gives that up. What is left half-way must
+    // fit.
+    if (m_kept && m_look.st.st_size != m_look.recordedSize &&
+        m_look.st.st_size != std::max(m_look.recordedSize, static_cast<long long>(m_look.text.size()))) {
         setSize(m_look.recordedSize);
         pin();
         setTime();
@@ -229,7 +232,7 @@ void RecallJob::end() {
     m_size = m_total;
     setTime();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
-    if (m_look.attributes && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
+    if (m_look.marked && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
         throw Failure(backEnd);
     m_ended = true;
     if (m_kept)
@@ -380,6 +383,8 @@ void RecallJob::punchHole(long long from, long long count) const {
 /// The time that goes with the data. A file on which another recall was cut off has one of that recall's
 /// making.
 timespec RecallJob::timeOfData() const {
+    if (m_look.kept && m_look.kept->recalling)
+        return m_look.kept->modified;
     const std::optional<timespec> recorded = m_source ? m_source->modified() : std::nullopt;
     // An earlier one its user has set.
     if (recorded && m_look.state == FileState::Stub && !m_look.kept &&

@@ -108,8 +108,11 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
         throw Failure(QZHSM_FAILURE, name + " is marked and empty, and nothing on it tells where its data is",
                       "The records of the store, files named *.json, have the path that each object had.");
     }
-    if (!dryRun)
+    if (!dryRun) {
+        if (!isUntouched(file.stat(), look.st)) // a comparison may have taken long
+            throw Failure(QZHSM_BUSY, name + " was changed while it was looked at");
         wayOut(kind, file, look, fd.get());
+    }
     observer.done(name,
                   std::string(nameOf(look.state)) + (dryRun ? ", would be made " : ", is now ") + outcome);
 }

@@ -63,6 +63,19 @@ ObjectRecord findObject(Store& store, const StubMetadata& metadata, const OpenFi
     return std::move(*record);
 }
 
+/// A mover that broke off may have left a part of the new record.
+void replaceOrLeave(Store& store, const ObjectRecord& record, const ObjectRecord& former) {
+    try {
+        store.replaceRecord(record);
+    } catch (const Failure&) {
+        try {
+            store.replaceRecord(former);
+        } catch (const Failure&) { // the first one is told
+        }
+        throw;
+    }
+}
+
 } // namespace
 
 ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFile& file,
@@ -86,6 +99,8 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
     ObjectRecord record = findObject(store, metadata, file, look);
     const FileOwner owner = FileOwner::of(file.fd(), file.name());
     const auto takeTime = [&] { // a later one would pass for that of a change
+        if (look.state != FileState::Stub)
+            return;
         putTimesBack(file, look.st.st_atim, timeOf(record.mtime));
         flushOne(file.open(O_RDONLY).get(), file.name());
     };
@@ -96,7 +111,7 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
     if (!owner.matches(owner))
         throw Failure(QZHSM_FAILURE, file.name() +
                                          " could not be told from a copy later: its file system has no "
-                                         "file handles");
+                                         "lasting file handles");
     const auto isHis = [&](const FileOwner& known) { return known.uid == owner.uid; };
     if (!ofAnyOwner && !isHis(record.owner) && std::ranges::none_of(record.adopted, isHis))
         throw Failure(QZHSM_FAILURE, from + ", which belonged to user " + std::to_string(record.owner.uid),
@@ -107,8 +122,9 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
         const UniqueFd lock = store.lockRecords();
         record = findObject(store, metadata, file, look); // others may have changed it
         if (!record.isOf(owner)) {
-            record.adopted.push_back(owner);
-            store.replaceRecord(record);
+            ObjectRecord adopted = record;
+            adopted.adopted.push_back(owner);
+            replaceOrLeave(store, adopted, record);
         }
     }
     takeTime();

@@ -35,11 +35,13 @@ void StoreUse::add(const OpenFile& file) {
     m_sorted = false;
 }
 
-std::string StoreUse::reasonToKeep(const ObjectRecord& record, bool otherFileSystems) {
+bool StoreUse::isNamed(const ObjectId& object) {
     if (!std::exchange(m_sorted, true))
         std::ranges::sort(m_named);
-    if (std::ranges::binary_search(m_named, record.object))
-        return "it is in use";
+    return std::ranges::binary_search(m_named, object);
+}
+
+std::string StoreUse::reasonToKeep(const ObjectRecord& record, bool otherFileSystems) {
     std::string reason = reasonToKeep(record, record.owner.file, otherFileSystems);
     for (const FileOwner& other : record.adopted)
         if (reason.empty())
@@ -88,6 +90,8 @@ void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& obser
     const auto judge = [&](const ListedObject& listed) {
         const std::string name(listed.object.text());
         std::optional<ObjectRecord> record;
+        if (use.isNamed(listed.object))
+            return observer.skipped(name, "it is in use");
         const UniqueFd lock = rules.remove ? store.lockRecords() : UniqueFd(); // nobody adopts it meanwhile
         if (!listed.leftSince) {
             record = store.look(listed.object);
@@ -99,6 +103,8 @@ void sweep(Store& store, StoreUse& use, const SweepRules& rules, Observer& obser
         }
         if (listed.leftSince.value_or(record ? timeOf(record->stored).tv_sec : 0) >= rules.storedBefore)
             return observer.skipped(name, "it was stored too lately");
+        if (rules.remove && listed.leftSince && store.look(listed.object))
+            return observer.skipped(name, "it was stored just now");
         if (rules.remove)
             store.remove(listed.object);
         onUnneeded(listed.object, record ? &*record : nullptr);

@@ -19,8 +19,9 @@ public:
     /// Notes what a file names, as a stub or in its attribute.
     void add(const OpenFile& file);
 
-    /// Why this object must stay; empty if nothing names it. With `otherFileSystems` files of file systems
-    /// that were not added count as gone.
+    bool isNamed(const ObjectId& object);
+    /// Why an object must stay that no file named; empty if nothing else speaks for it. With
+    /// `otherFileSystems` files of file systems that were not added count as gone.
     std::string reasonToKeep(const ObjectRecord& record, bool otherFileSystems);
 
 private:

@@ -15,14 +15,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace {
-
-bool isSameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-} // namespace
-
 StubJob::StubJob(StubKind& kind, OpenFile file)
     : m_kind(kind), m_file(std::move(file)), m_look(kind.look(m_file)) {}
 
@@ -32,11 +24,11 @@ void StubJob::hold() {
     m_flushable =
         m_kind.waitForHold(m_file, [this](int pauses) { return m_kind.announces() && pauses < kPatience; });
     m_data = openData();
+    m_look.st = m_file.stat(); // before: what is mapped meanwhile may be written to later, and show no time
     requireClosed();
     if (m_look.attributes)
         m_object = notedObject(m_file);
     m_isNoted = m_object.has_value();
-    m_look.st = m_file.stat();
 }
 
 void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTime) {
@@ -62,7 +54,7 @@ void StubJob::keep() {
     if (m_isNoted)
         dropNotedObject(m_file);
     const struct stat now = m_file.stat(); // the change time is ours now
-    if (now.st_size != m_since.st_size || !isSameTime(now.st_mtim, m_since.st_mtim))
+    if (!hasSameData(now, m_since))
         throw changed();
     m_since = now;
 }
@@ -90,8 +82,7 @@ void StubJob::giveUp() {
         return;
     try {
         end();
-        const struct stat now = m_file.stat();
-        if (now.st_size == m_look.st.st_size && isSameTime(now.st_mtim, m_look.st.st_mtim))
+        if (hasSameData(m_file.stat(), m_look.st))
             note();
         flush();
     } catch (const Failure&) { // the one before is told
@@ -188,14 +179,14 @@ void StubJob::requireClosed() const {
     }
     if (err == EAGAIN)
         throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
+    if (err == EACCES) // nor could its times be put back
+        throw systemFailure("Failed to see whether others use a file of another user: ", m_file.name(), err);
     if (err == 0 && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)
         throw systemFailure("Failed to give back the lease on ", m_file.name(), errno);
 }
 
 void StubJob::requireUnchanged(const struct stat& since) const {
-    const struct stat now = m_file.stat();
-    if (now.st_size != since.st_size || !isSameTime(now.st_mtim, since.st_mtim) ||
-        !isSameTime(now.st_ctim, since.st_ctim))
+    if (!isUntouched(m_file.stat(), since))
         throw changed();
 }
 

@@ -1,6 +1,7 @@
 #include "service/Stubbing.h"
 
 #include "service/FileIo.h"
+#include "service/KeptText.h"
 #include "service/StubJob.h"
 #include "service/stores/StoreFiles.h"
 
@@ -59,12 +60,14 @@ public:
     using StubJob::StubJob;
 
     void restore(const std::vector<char>& stubData, long long size) {
-        hold();
+        holdAsSeen();
         const std::string path = kind().pathOf(file());
         bool isOurs = false; // what mark there may be
         try {
             keepText({stubData.begin(), stubData.end()}, size);
             flush();
+            if (!hasSameData(file().stat(), look().st))
+                throw disturbed();
             isOurs = true;
             make(path, [&] {
                 const int result = kind().restore(path, stubData);
@@ -88,7 +91,7 @@ public:
     }
 
     void complete(const std::vector<char>& stubData, long long size) {
-        hold();
+        holdAsSeen();
         keepText({stubData.begin(), stubData.end()}, size);
         flush();
         completeText();
@@ -98,6 +101,16 @@ public:
     }
 
 private:
+    /// What it was judged by still holds.
+    void holdAsSeen() {
+        const struct stat seen = look().st;
+        hold();
+        if (!isUntouched(look().st, seen))
+            throw disturbed();
+    }
+
+    Failure disturbed() const { return {QZHSM_BUSY, file().name() + " was changed meanwhile"}; }
+
     void undo(const std::string& path, bool isOurs) {
         try {
             if (isOurs)
@@ -135,6 +148,7 @@ std::vector<char> saveStub(StubKind& kind, const OpenFile& file, bool fromSnapsh
         kind.beforeBackup(path, st);
         checked(backEnd, backEnd.backupStub(path.c_str(), data));
     }
+    data = withoutPurpose(std::move(data));
     if (!readFacts(data))
         throw Failure(QZHSM_NOT_A_STUB, "The stub " + file.name() + " has no valid stub text");
     return data;

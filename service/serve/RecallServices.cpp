@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr timeval kPatience{30, 0};
+
 /// What a service answers; nothing if it has closed the connection.
 std::string request(int service, const std::string& text, const std::vector<int>& files) {
     int err = sendMessage(service, text, files);
@@ -23,7 +25,7 @@ std::string request(int service, const std::string& text, const std::vector<int>
     if (err == EPIPE || err == ECONNRESET)
         return {};
     if (err != 0)
-        throw systemFailure("Failed to ask the recall service for ", text, err);
+        throw systemFailure("Failed to ask the recall service for ", text, err == EAGAIN ? ETIMEDOUT : err);
     return answer;
 }
 
@@ -37,6 +39,8 @@ UniqueFd connectTo(const std::string& path) {
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!fd.isOpen())
         throw systemFailure("Failed to make a socket", "", errno);
+    for (const int direction : {SO_RCVTIMEO, SO_SNDTIMEO}) // one that was stopped never answers
+        ::setsockopt(fd.get(), SOL_SOCKET, direction, &kPatience, sizeof kPatience);
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
         return fd;
     if (errno != ECONNREFUSED && errno != ENOENT)

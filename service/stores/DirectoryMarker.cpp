@@ -46,13 +46,18 @@ void writeMarker(int root, const std::string& directory) {
 
 } // namespace
 
+/// Anybody may put a file of that name into a directory that all may write.
 bool isStore(int directory) {
-    return ::faccessat(directory, kMarker, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    struct stat marker {};
+    struct stat st {};
+    return ::fstatat(directory, kMarker, &marker, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(marker.st_mode) &&
+           ::fstat(directory, &st) == 0 && (marker.st_uid == 0 || marker.st_uid == st.st_uid);
 }
 
 std::string storeAround(int fd) {
     for (std::filesystem::path path = pathOf(fd); path.has_relative_path(); path = path.parent_path())
-        if (::access((path / kMarker).c_str(), F_OK) == 0)
+        if (const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+            directory.isOpen() && isStore(directory.get()))
             return path;
     return {};
 }

@@ -202,6 +202,7 @@ void DirectoryStore::writeOut() {
 }
 
 void DirectoryStore::giveNames(const std::vector<ObjectId>& batch) {
+    const UniqueFd lock = lockRecords(); // whoever clears the store must not see one without its record
     const int session = m_session->directory();
     for (const ObjectId& object : batch)
         for (const std::string& file : {objectFile(object), recordFile(object)})

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -22,6 +23,8 @@ struct FsUuid {
     std::uint8_t uuid[16];
 };
 constexpr unsigned long kGetFsUuid = _IOR(0x15, 0, FsUuid);
+
+constexpr std::string_view kNoFsid = "0000000000000000";
 
 std::string_view bytesOf(const void* start, size_t size) {
     return {static_cast<const char*>(start), size};
@@ -76,6 +79,9 @@ FileIdentity FileIdentity::of(int fd, const std::string& name) {
     identity.fsid = hexText(fsid);
 
     identity.fsUuid = uuidOf(fd);
+    // Numbers that FUSE counts up while it is mounted, the same on every such mount.
+    if (fs.f_type == FUSE_SUPER_MAGIC && identity.fsUuid.empty())
+        identity.handle.clear();
     return identity;
 }
 
@@ -92,11 +98,16 @@ UniqueFd FileIdentity::open(int mount) const {
     return UniqueFd(::open_by_handle_at(mount, found, O_PATH | O_CLOEXEC));
 }
 
+bool FileIdentity::isNameless() const {
+    return fsUuid.empty() && fsid == kNoFsid;
+}
+
 bool FileIdentity::isBeside(const FileIdentity& other) const {
     const bool haveUuids = !fsUuid.empty() && !other.fsUuid.empty();
-    return haveUuids ? fsUuid == other.fsUuid : fsid == other.fsid;
+    return haveUuids ? fsUuid == other.fsUuid : fsid != kNoFsid && fsid == other.fsid;
 }
 
 bool FileIdentity::matches(const FileIdentity& other) const {
-    return !handle.empty() && handleType == other.handleType && handle == other.handle && isBeside(other);
+    return !handle.empty() && handleType == other.handleType && handle == other.handle &&
+           (isBeside(other) || (isNameless() && other.isNameless()));
 }

@@ -82,7 +82,8 @@ public:
     virtual UniqueFd lockRecords() = 0;
 
     /// Puts a record in the place of the one that its object has, on the disk. After a failure one of both is
-    /// there. The object must exist.
+    /// there, or, of a mover that broke off, perhaps a part: the former is to be put again. The object must
+    /// exist.
     virtual void replaceRecord(const ObjectRecord& record) = 0;
 
     /// Begins to read a part, which must lie within the object.

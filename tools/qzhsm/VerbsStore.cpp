@@ -208,7 +208,8 @@ void addAdopt(CommandLine& line) {
                     const FileLook look = kind.look(file);
                     if (look.state == FileState::Plain)
                         return options->opened.shown->skipped(file.name(), "it is no stub");
-                    if (look.state != FileState::Stub)
+                    const bool isChanged = look.state == FileState::ChangedStub;
+                    if (look.state != FileState::Stub && !(isChanged && options->force))
                         throw Failure(QZHSM_FAILURE,
                                       "Not adopting " + file.name() + ": it is " + nameOf(look.state));
                     adopt(options->opened.find(readMetadata(file, look)), file, look, options->force);
@@ -224,7 +225,8 @@ void addAdopt(CommandLine& line) {
         [options](StubKind&, Report&) { options->opened.end("adopted"); });
     addText(verb, "--store", options->opened.store, "The store to ask, whatever the stubs say")
         ->option_text("STORE");
-    verb->add_flag("--force", options->force, "Also stubs of other users' data: their owners get it");
+    verb->add_flag("--force", options->force,
+                   "Also stubs that were changed, or are of other users' data: their owners get it");
     line.addJson(verb);
 }
 

@@ -79,6 +79,9 @@ TEST(FileIdentity, IsTheFilesOwn) {
     EXPECT_FALSE(first.matches(of(other.path("first")))) << "the same inode of another file system";
     std::filesystem::remove(ext4.path("renamed"));
     EXPECT_FALSE(first.matches(of(ext4.path("first")))) << "the same inode, used again";
+    const FileIdentity nameless{1, "handle", std::string(16, '0'), ""};
+    EXPECT_TRUE(nameless.matches(nameless)) << "as on NFS, whose handles are the server's";
+    EXPECT_FALSE(nameless.isBeside(nameless)) << "nothing tells its file system";
 }
 
 TEST(NamedStores, AreNeverWhatAnotherUserMadeUp) {

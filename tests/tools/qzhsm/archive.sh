@@ -82,11 +82,24 @@ done
 expect 0 '^$' archive --store "$store" "$f"
 cp "$work/data" "$work/twin" && printf changed | dd of="$work/twin" bs=1 seek=2000000 conv=notrunc status=none
 refused "$f" 'is not the data of the stub .*: the checksums differ' recall "$f" --from "$work/twin"
+# half_recalled: by a recall that was killed.
+half_recalled() { touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f" && "$@" && feed && ended 137 '^$' KILL; }
 feed && ended 137 '^$' KILL
-echo mine >"$f"
-refused "$f" 'header says 3000000 bytes, file has 5' repair "$f"
-refused "$f" 'header says 3000000 bytes, file has 5' recall "$f"
-expect 0 '^$|warning' recall --force "$f"
+for act in 'echo mine >"$f"' 'echo mine >>"$f"' 'setfattr -x user.NkStubFile "$f"'; do
+    eval "$act"
+    for verb in repair recall; do
+        refused "$f" 'header says 3000000 bytes, file has (5|3000005) |somebody has taken its mark off' $verb "$f"
+    done
+    expect 0 '^$|warning' recall --force "$f"
+    same "$f" "$work/data"
+    half_recalled true
+done
+expect 0 '^$' backup "$f" -o "$work/saved"
+grep -q recalling "$work/saved" && fail "a saved stub says what was done to it"
+expect 0 '^$' recall "$f"
+half_recalled touch -d @1000 "$f"
+expect 0 '^$' recall "$f"
+[ "$(stat -c %Y "$f")" = 1000 ] || fail "the time that a stub's user set is lost in a recall that was killed"
 touch -d @1000000000 "$f" && expect 0 '^$' archive --store "$store" "$f" && touch -d @1000 "$f" && expect 0 '^$' recall "$f"
 [ "$(stat -c %Y "$f")" = 1000 ] || fail "the time that a stub's user set is lost"
 ln "$f" "$fs/second" && expect 0 '1 archived' archive --store "$store" "$fs" && expect 0 '1 recalled, 1 left alone' recall "$fs"
@@ -130,6 +143,17 @@ rm "$f" && fresh && expect 0 '^$' archive --store "$store" "$f"
 mv "$store" "$work/away"
 expect 1 '' recall "$f" && expect 0 '^$' repair "$f"
 mv "$work/away" "$store" && same "$f" "$work/data" && [ -z "$(getfattr -m NkStub -d "$f")" ] || fail "what repair made of a whole file"
+
+# Nobody's data is taken for what was looked at before.
+half_recalled true
+act() { cat "$work/data" "$work/data" 1<>"$f"; }
+during ', 262144) = 262144' pread64:delay_enter=300000:when=4+ repair "$f" && fail "repaired what was replaced meanwhile"
+same "$f" <(cat "$work/data" "$work/data")
+: >"$fs/empty"
+act() { echo mine >"$fs/empty"; }
+during 'flock(' flock:delay_enter=1000000 restore-stub "$fs/empty" "$work/saved" && fail "restored over new data"
+[ "$(<"$fs/empty")" = mine ] || fail "new data is gone"
+rm "$fs/empty" "$f" && fresh && expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' recall "$f"
 
 # What nothing names is not left in the store, and what no record can hold is not put there.
 before=$(ls "$store"/?? | wc -l)

@@ -44,7 +44,7 @@ on tmpfs
 : >"$f" && setfattr -n user.NkStubFile -v other "$f" # a mark that is not ours stays
 refused "$f" 'File exists \(code 17\)' restore-stub "$f" "$work/saved"
 setfattr -n user.NkStubFile -v 1 "$f"
-refused "$f" 'qzhsm repair' recall "$f" --from "$work/data"
+refused "$f" 'nothing on it tells where its data is' recall "$f" --from "$work/data"
 on tmpfs
 expect 0 '^$' stub "$f" --meta m
 cat /dev/zero >"$fs/filler" 2>/dev/null

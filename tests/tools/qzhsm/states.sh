@@ -4,7 +4,7 @@
 . "$(dirname "$0")/common.sh"
 on tmpfs
 text() { # META: the stub text of $f with this metadata
-    cp --remove-destination "$work/data" "$work/other" && "$qzhsm" stub "$work/other" --meta "$1" && "$qzhsm" backup "$work/other" | base64 -w0
+    cp --remove-destination "$work/data" "$work/other" && "$qzhsm" stub "$work/other" --meta "$1" && head -c 300 "$work/other" | tr -d '\0' | base64 -w0
 }
 mark() { setfattr -n user.NkStubFile -v 1 "$1"; }
 cp "$work/data" "$fs/whole" && mark "$fs/whole"
@@ -41,6 +41,9 @@ EOF
 expect 0 'of 3000000 bytes: tape=1$' info "$f"
 expect 0 '"state":"half recalled","metadata":"tape=2","recorded":3000000,"kept":true}' info --json "$fs/half"
 expect 0 '^files +1$' scan "$f"
+mkdir "$fs/mounts" && touch "$fs/mounts/data" && mount --bind "$work/data" "$fs/mounts/data"
+expect 0 'data was left out: it lies on another file system' scan "$fs/mounts"
+umount "$fs/mounts/data" && rm -r "$fs/mounts"
 expect 1 '^\{"files":20,"stubs":12,"misfits":14,' scan --json "$fs" "$fs"
 for ((i = 1; i < 40; i++)); do
     deep=$fs/deep/$((i / 8))/$i

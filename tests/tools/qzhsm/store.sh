@@ -15,6 +15,14 @@ unneeded() { expect 0 "$1" store gc --store "$store" --older-than 0s "${@:2}"; }
 
 mkdir -m 777 "$work/all" && expect 0 '^$' store create "$work/all/store"
 refused "$f" 'is not trusted where stubs name it: others may write into' archive --store "$work/all/store" "$f"
+# Nor what is not his, and nobody stops root by a name.
+mkdir "$work/hers" && cp "$work/data" "$work/his.file" && chmod 666 "$work/his.file" && chown 1 "$work/hers"
+her() { setpriv --reuid 1 --regid 1 --clear-groups "$qzhsm" "$@"; }
+her store create "$work/hers/store" && her archive --store "$work/hers/store" "$work/his.file" &>"$work/said" && fail "archived what is not hers"
+same "$work/his.file" "$work/data"
+mkdir -m 1777 "$fs/all" && cp "$f" "$fs/all/file" && touch "$fs/all/qzhsm-store.json" && chown 1 "$fs/all/qzhsm-store.json"
+expect 0 '^$' archive --dry-run --store "$store" "$fs/all/file"
+rm -r "$fs/all" "$work/his.file"
 mkdir "$work/his" && chown 1 "$work/his" && expect 1 'it belongs to user 1,' store create "$work/his"
 
 # A file that was put before is not sent again while it is the same.
@@ -29,6 +37,13 @@ for _ in first second; do
     same "$f" "$work/data"
     unneeded '0 not in use|^$' "$fs"
 done
+# The object may have suffered since.
+printf damage | dd of="$(ls "$store"/??/*-* | grep -v json)" bs=1 seek=9 conv=notrunc status=none
+expect 0 '^$' archive --store "$store" "$f"
+objects 2
+expect 0 '^$' recall "$f"
+same "$f" "$work/data"
+unneeded '' --remove "$fs" && objects 1
 printf x | dd of="$f" bs=1 seek=9 conv=notrunc status=none
 touch -d @1000000000 "$f" # its old time hides the change
 cp "$f" "$work/changed"
@@ -44,6 +59,10 @@ refused "$work/copy" 'was not taken from this file' recall "$work/copy"
 chown 1 "$work/copy"
 refused "$work/copy" 'belonged to user 0' adopt "$work/copy"
 expect 0 '^$' adopt --force "$work/copy"
+# One that lost its holes on the way is confirmed by force too.
+cp -p --preserve=all --sparse=never "$f" "$work/filled" && expect 1 'it is changed stub' adopt "$work/filled"
+expect 0 '^$' adopt --force "$work/filled" && expect 0 'warning' recall --force "$work/filled"
+same "$work/filled" "$work/data"
 for file in one two; do cp -p --preserve=all --sparse=always "$f" "$work/$file"; done
 act() { expect 0 '^$' adopt "$work/two"; } # at the same time
 during 'renameat(' renameat:delay_enter=1000000 adopt "$work/one"
@@ -64,6 +83,15 @@ expect 0 'stored too lately' store gc --store "$store" --json "$fs/two"
 flock "$store/qzhsm-store.json" timeout 1 "$qzhsm" store gc --store "$store" --older-than 0s --remove "$fs/two" &>/dev/null
 [ $? -eq 124 ] || fail "a clearing waited for nobody"
 objects 3
+# Nor does an object get its name while it is cleared; one that a file names stays, with a record or without.
+flock "$store/qzhsm-store.json" timeout 1 "$qzhsm" archive --store "$store" "$work/part" &>/dev/null
+[ $? -eq 124 ] || fail "an object got its name"
+same "$work/part" <(head -c 2500000 "$work/data")
+object=$("$qzhsm" info "$fs/one/file" | grep -oE 'object=[0-9a-f-]+')
+record=$(ls "$store"/??/"${object#*=}.json")
+mv "$record" "$work/record" && touch -d '40 days ago' "${record%.json}"
+expect 0 '"skipped":"it is in use"' store gc --remove --json --store "$store" "$fs/one"
+mv "$work/record" "$record"
 mkdir "$store/tmp/left" && touch "$store/tmp/left/object"
 unneeded '1 files that a process left' "$fs/two" --remove
 objects 1
@@ -126,6 +154,8 @@ expect 0 '^$' archive --store "$store" "$f"
 strace -qq -o /dev/null -e inject=fsync:error=EIO:when=2 "$plain" recall "$f" &>/dev/null && fail "recalled unflushed"
 expect 0 '"state":"stub"' info --json "$f"
 capable
+chmod g+w "$f" && expect 0 'has lost its capabilities: others than root may write it' recall "$f"
+chmod g-w "$f" && expect 0 '^$' archive --store "$store" "$f"
 
 # Another back-end's stub has the size of the data, and not the data; its object is not cleared.
 setfattr -x user.NkStubFile "$f" && truncate -s 0 "$f" && truncate -s 3000000 "$f"
