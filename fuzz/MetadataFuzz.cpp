@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::abort();
     }
     ReparseData fields;
-    const bool hasGuid = ParseStubReparseData(text, fields);
+    const bool hasGuid = ParseStubReparseData(text.c_str(), fields); // up to its NUL, as the back-end gets it
     static QZHSMLowLevelGlusterFs backEnd;
     unsigned char guid[16];
     std::string versionGuid;

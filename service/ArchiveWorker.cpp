@@ -21,6 +21,7 @@ std::string ArchiveWorker::reasonToSkip(const OpenFile& file, const FileLook& lo
     case FileState::Leftover:
         break;
     default:
+        m_kind.hold(file); // one that is just being recalled is no case for a repair
         throw Failure(QZHSM_FAILURE, file.name() + " is " + nameOf(look.state),
                       "\"qzhsm repair\" leads out of this state.");
     }

@@ -20,7 +20,7 @@ template <class Job>
 class StubbingWorker : public FileWorker {
 public:
     StubbingWorker(StubKind& kind, SeenFiles& seen, Observer& observer)
-        : m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}), m_kind(kind) {}
+        : m_kind(kind), m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}) {}
 
     void take(OpenFile file) final {
         const std::string name = file.name();
@@ -57,10 +57,8 @@ protected:
         }
     };
 
+    StubKind& m_kind;
     SeenFiles& m_seen;
     Observer& m_observer;
     JobBatch<Job, GiveUp> m_batch;
-
-private:
-    StubKind& m_kind;
 };

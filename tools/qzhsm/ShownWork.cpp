@@ -125,13 +125,14 @@ void ShownWork::note(const std::string& text) {
     m_report.note(text);
 }
 
-void ShownWork::summarise(const std::string& done) {
+void ShownWork::summarise(const std::string& done, bool tellsOfOne) {
     m_report.progress().clear();
     const long long all = m_done + m_skipped + m_failed;
     const bool isOneNamed = m_report.given() == 1 && !m_walked;
     if (isOneNamed && all == 1 && m_skipped == 1 && !m_report.isQuiet())
         m_report.note(m_skippedLast);
-    if (all > 1 && !m_report.isQuiet()) // a failure of one file has been told of already
+    if ((all > 1 || (tellsOfOne && m_done == 1)) &&
+        !m_report.isQuiet()) // a failure of one file has been told of already
         m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) +
                       " left alone, " + std::to_string(m_failed) + " failed" +
                       (m_doneBytes > 0 ? ", " + sizeText(m_doneBytes) : ""));

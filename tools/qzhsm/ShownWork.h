@@ -30,8 +30,9 @@ public:
     void counted();
 
     /// One line for all, if they are several: how many files are `done`, how many were left alone or failed,
-    /// how many bytes. Throws if a list could not be written.
-    void summarise(const std::string& done);
+    /// how many bytes; of one alone only if it was left alone, or `tellsOfOne`. Throws if a list could not be
+    /// written.
+    void summarise(const std::string& done, bool tellsOfOne = false);
 
 private:
     template <class Write>

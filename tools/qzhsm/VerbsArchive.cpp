@@ -75,7 +75,7 @@ void addArchive(CommandLine& line) {
             if (!options->work)
                 return;
             options->work->crew.finish();
-            options->work->shown.summarise(options->dryRun ? "to be archived" : "archived");
+            options->work->shown.summarise(options->dryRun ? "to be archived" : "archived", options->dryRun);
             requireUninterrupted();
         });
     addText(verb, "--store", options->store,
@@ -85,6 +85,11 @@ void addArchive(CommandLine& line) {
     addAge(verb, options->olderThan, "Only files not modified for so long: 90d, 12h, 2w");
     verb->add_option("--larger-than", options->largerThan, "Only files of more bytes: 1M, 64K")
         ->transform(CLI::AsSizeValue(false))
+        ->transform([](const std::string& text) {
+            if (text.starts_with('-')) // it would count from the top; this is asked before the other
+                throw CLI::ValidationError("--larger-than", "a size is never negative");
+            return text;
+        })
         ->option_text("SIZE");
     verb->add_option("--exclude", options->excluded,
                      "Leave out what has such a name, or path if there is a \"/\"")
@@ -123,7 +128,7 @@ void addRepair(CommandLine& line) {
         },
         [options](StubKind&, Report&) {
             if (options->shown)
-                options->shown->summarise(options->dryRun ? "to be mended" : "mended");
+                options->shown->summarise(options->dryRun ? "to be mended" : "mended", options->dryRun);
         });
     verb->add_flag("--dry-run", options->dryRun, "Only tell what would be done");
     line.addForms(verb, kNullHelp);

@@ -158,6 +158,19 @@ bool mayBeParked(const Served& served, const std::string& runtimeDirectory) {
     return std::ranges::none_of(served, [&](const auto& each) { return needed.contains(each.first); });
 }
 
+/// Tools would look for a service behind them.
+struct SocketsOfAFailure {
+    explicit SocketsOfAFailure(const std::vector<std::string>& made) : sockets(made) {}
+    SocketsOfAFailure(const SocketsOfAFailure&) = delete;
+    SocketsOfAFailure& operator=(const SocketsOfAFailure&) = delete;
+    ~SocketsOfAFailure() {
+        if (std::uncaught_exceptions() > 0)
+            for (const std::string& socket : sockets)
+                ::unlink(socket.c_str());
+    }
+    const std::vector<std::string>& sockets;
+};
+
 } // namespace
 
 void begin(Serving& serving) {
@@ -172,6 +185,7 @@ void begin(Serving& serving) {
     const Served served = fileSystemsOf(serving.directories);
     for (const auto& [fileSystem, directory] : served)
         serving.descriptors.locks.push_back(lockFileSystem(socketPath(runtime, fileSystem), directory));
+    const SocketsOfAFailure sockets(serving.sockets);
     for (const auto& [fileSystem, directory] : served) {
         serving.sockets.push_back(socketPath(runtime, fileSystem));
         serving.descriptors.listeners.push_back(ControlSocket::listen(serving.sockets.back()).release());

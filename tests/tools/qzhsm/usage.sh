@@ -8,6 +8,7 @@ expect 2 'PATH' info
 expect 2 'from: standard input holds the paths' recall -0 --from -
 expect 2 'PATH, or --store' verify
 expect 2 'meta: it would lead nowhere' stub "$work/data" --meta ''
+expect 2 'never negative' archive --store "$work" --larger-than -1 "$work/data"
 expect 2 'older-than' store gc --store "$work" --older-than -1d "$work"
 expect 1 'for Lustre only.*code 38' release /
 expect 1 'stubFile not implemented \(code 38\)' --fs HADOOP_FS stub "$work/data" --meta m

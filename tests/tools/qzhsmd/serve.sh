@@ -19,6 +19,7 @@ start
 mkdir "$work/other" && printf '[Service]\nruntimeDirectory = %s\n' "$work/other" >"$work/other/conf"
 QZHSM_CONFIG=$work/other/conf "$service" "$fs" >"$work/out" 2>&1
 [ $? -eq 1 ] && grep -q 'served already, by process' "$work/out" || fail "one of other locks: $(<"$work/out")"
+ls "$work/other"/*.sock &>/dev/null && fail "a socket of nobody's is left"
 cat "$fs/cat" | cmp -s - "$work/data" || fail "cat"
 [ "$(grep -ac e "$fs/grep")" = "$(grep -ac e "$work/data")" ] || fail "grep"
 cp --sparse=always "$fs/cp" "$work/cp" && same "$work/cp" "$work/data"
