@@ -54,9 +54,9 @@ int PreContentGroup::unmark(const std::string& directory) {
                : errno;
 }
 
-int PreContentGroup::ignore(int fd, bool untilWritten) {
-    const unsigned kind = untilWritten ? FAN_MARK_IGNORE : FAN_MARK_IGNORE_SURV;
-    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | kind | FAN_MARK_EVICTABLE, kEvents, fd, nullptr) == 0
+int PreContentGroup::ignore(int fd, Ignored what) {
+    return ::fanotify_mark(m_group.get(), FAN_MARK_ADD | FAN_MARK_IGNORE_SURV | FAN_MARK_EVICTABLE,
+                           what == Ignored::All ? kEvents : kPreAccess, fd, nullptr) == 0
                ? 0
                : errno;
 }

@@ -42,9 +42,10 @@ public:
     /// Ends that. What waits already is read nevertheless.
     int unmark(const std::string& directory);
 
-    /// Opens and accesses of this file no longer wait, until `heed`, until the kernel forgets its inode, or,
-    /// if `untilWritten`, until somebody writes to it. The descriptor must be open for reading.
-    int ignore(int fd, bool untilWritten = false);
+    /// Opens and accesses of this file, or accesses alone, no longer wait, until `heed`, or until the kernel
+    /// forgets its inode. The descriptor must be open for reading.
+    enum class Ignored { All, Accesses };
+    int ignore(int fd, Ignored what = Ignored::All);
     /// Ends `ignore`, if it was in force.
     int heed(int fd);
     /// Of all files.

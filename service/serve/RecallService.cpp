@@ -180,12 +180,13 @@ void RecallService::handle(const HeldAccess& access) {
 }
 
 /// A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows. One
-/// that is being made may be the copy of a stub, whose mark comes last.
+/// that is being made may be the copy of a stub, whose mark comes last: whoever opens it next is asked for,
+/// and whoever makes it is not held up.
 void RecallService::ignorePlain(int fd, const struct stat& st) {
     const bool isRegular = S_ISREG(st.st_mode);
     const bool isBegun = isRegular && st.st_blocks == 0;
     if (!isRegular || (carries(fd, kStubTextAttribute) == 0 && (isBegun || !hasStubText(fd))))
-        m_group.ignore(fd, isBegun);
+        m_group.ignore(fd, isBegun ? PreContentGroup::Ignored::Accesses : PreContentGroup::Ignored::All);
 }
 
 void RecallService::handleStub(const HeldAccess& access, const struct stat& st) {
