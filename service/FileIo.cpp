@@ -41,11 +41,11 @@ bool isSameFile(const struct stat& a, const struct stat& b) {
 }
 
 bool hasSameData(const struct stat& a, const struct stat& b) {
-    return a.st_size == b.st_size && nanoseconds(a.st_mtim) == nanoseconds(b.st_mtim);
+    return a.st_size == b.st_size && isSameTime(a.st_mtim, b.st_mtim);
 }
 
 bool isUntouched(const struct stat& a, const struct stat& b) {
-    return hasSameData(a, b) && nanoseconds(a.st_ctim) == nanoseconds(b.st_ctim);
+    return hasSameData(a, b) && isSameTime(a.st_ctim, b.st_ctim);
 }
 
 UniqueFd openForReading(const std::string& path) {

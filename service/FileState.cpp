@@ -147,9 +147,10 @@ void setText(FileLook& look, std::string text, StubFacts facts) {
 bool isUnfinished(const FileLook& look, const Content& content) {
     if (content.beginning.starts_with(look.text))
         return true;
-    const timespec& time = look.st.st_mtim; // of whole seconds on some file systems
+    const timespec& time = look.st.st_mtim;
     const timespec& its = look.kept->modified;
-    if (time.tv_sec == its.tv_sec && (time.tv_nsec == its.tv_nsec || time.tv_nsec == 0))
+    if (isSameTime(time, its) ||
+        isSameTime(time, {its.tv_sec, 0})) // which is all that some file systems keep
         return false;
     return look.kept->recalling ? content.hasHoles : look.st.st_size > 0 && content.isBeginningOf(look.text);
 }

@@ -309,8 +309,7 @@ void RecallJob::leave() {
 
 bool RecallJob::isSame() const {
     const struct stat now = m_file.stat();
-    return now.st_size == m_size && now.st_mtim.tv_sec == m_time.tv_sec &&
-           now.st_mtim.tv_nsec == m_time.tv_nsec;
+    return now.st_size == m_size && isSameTime(now.st_mtim, m_time);
 }
 
 /// Between two steps others may come near: another recall may have ended, or a user have written.

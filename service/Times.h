@@ -19,6 +19,10 @@ constexpr std::int64_t nanoseconds(const timespec& time) {
     return static_cast<std::int64_t>(time.tv_sec) * kSecond + time.tv_nsec;
 }
 
+constexpr bool isSameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
 constexpr timespec timeOf(std::int64_t nanoseconds) {
     const std::int64_t within = (nanoseconds % kSecond + kSecond) % kSecond;
     return {(nanoseconds - within) / kSecond, within};

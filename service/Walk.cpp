@@ -79,8 +79,8 @@ void Walk::entry(const Entry& entry, unsigned char type, const FoundDirectory& p
                             : OpenFile::in(entry.directory, entry.name, path, parent.tree);
         const struct stat st = file.statOfLook();
         if (st.st_dev != parent.device) {
-            if (S_ISDIR(st.st_mode) ||
-                S_ISREG(st.st_mode)) // as files of an overlay do, whose layers are mixed
+            // So do files of an overlay, whose layers are mixed.
+            if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode))
                 m_observer.skipped(path, "it lies on another file system");
             return;
         }

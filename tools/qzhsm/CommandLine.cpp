@@ -97,7 +97,9 @@ CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std
     const std::map<std::string, long long> units{
         {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
     return verb->add_option("--older-than", seconds, help)
-        ->transform(CLI::AsNumberWithUnit(units))
+        ->transform(CLI::AsNumberWithUnit(
+            units, CLI::AsNumberWithUnit::Options(CLI::AsNumberWithUnit::CASE_SENSITIVE |
+                                                  CLI::AsNumberWithUnit::UNIT_REQUIRED)))
         ->check(CLI::NonNegativeNumber)
         ->option_text("AGE");
 }

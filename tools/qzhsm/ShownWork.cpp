@@ -131,8 +131,8 @@ void ShownWork::summarise(const std::string& done, bool tellsOfOne) {
     const bool isOneNamed = m_report.given() == 1 && !m_walked;
     if (isOneNamed && all == 1 && m_skipped == 1 && !m_report.isQuiet())
         m_report.note(m_skippedLast);
-    if ((all > 1 || (tellsOfOne && m_done == 1)) &&
-        !m_report.isQuiet()) // a failure of one file has been told of already
+    // A failure of one file has been told of already.
+    if ((all > 1 || (tellsOfOne && m_done == 1)) && !m_report.isQuiet())
         m_report.note(std::to_string(m_done) + " " + done + ", " + std::to_string(m_skipped) +
                       " left alone, " + std::to_string(m_failed) + " failed" +
                       (m_doneBytes > 0 ? ", " + sizeText(m_doneBytes) : ""));

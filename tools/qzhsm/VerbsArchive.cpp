@@ -91,8 +91,10 @@ void addArchive(CommandLine& line) {
             return text;
         })
         ->option_text("SIZE");
-    verb->add_option("--exclude", options->excluded,
-                     "Leave out what has such a name, or path if there is a \"/\"")
+    verb->add_option(
+            "--exclude", options->excluded,
+            "Leave out what has such a name, or, if there is a \"/\", such a path from the PATH on as it is "
+            "given: */cache/*")
         ->option_text("GLOB")
         ->allow_extra_args(false); // else it would take the paths as well
     verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");

@@ -9,7 +9,7 @@ for file in file other; do cp "$work/data" "$fs/$file"; done
 printf small >"$fs/plain"
 touch -d @1000000000.25 "$fs"/*
 
-expect 2 'older-than' archive --store "$store" --older-than soon "$fs"
+for age in soon 90; do expect 2 'older-than' archive --store "$store" --older-than $age "$fs"; done
 expect 1 'is not a store' archive --store "$work" "$fs"
 expect 0 '^$' archive --store "$store" --older-than 1d --exclude 'o*' "$f"
 expect 0 'plain was left alone: it would free no room' archive --store "$store" "$fs/plain"
