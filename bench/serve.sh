@@ -252,7 +252,7 @@ part_memory() {
     recalls=$(((recalls + 999) / 1000 * 1000))
     step=$((recalls < 5000 ? 1000 : recalls / 5000 * 1000))
     configure
-    fill_many $batch 8192
+    fill_many $batch 16384 # a stub has two blocks
     stop
     start
     while [ $done -lt "$recalls" ]; do

@@ -266,7 +266,9 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
             putTimesBack();
             return m_observer.note(name + ": still a stub, to be recalled again");
         }
-        if (m_written && !m_kept && !m_pageWritten) {
+        if (m_written && !m_kept) {
+            if (m_pageWritten)
+                putTextBack();
             punch(static_cast<long long>(endOfPage(m_look.text)), true);
             if (!m_skipsZeros)
                 throw Failure(QZHSM_FAILURE, name + ": what was written cannot be taken out again");
@@ -288,6 +290,19 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
         m_observer.note(name + (m_kept || !m_pageWritten ? ": half recalled, to be recalled again"
                                                          : ": its stub text was: " + m_look.text));
     }
+}
+
+/// Before any data goes: the file alone tells where it is.
+void RecallJob::putTextBack() {
+    std::vector<char> page(m_look.text.begin(), m_look.text.end());
+    page.resize(
+        std::min(endOfPage(m_look.text), std::max(page.size(), static_cast<size_t>(m_look.st.st_size))));
+    TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
+    file.write(page, 0);
+    file.close();
+    if (::truncate(m_file.path().c_str(), m_look.st.st_size) < 0) // end() may have shortened it
+        throw systemFailure("Failed to give its length back to ", m_file.name(), errno);
+    flushOne(flushable(), m_file.name());
 }
 
 /// What a user did to the file meanwhile stays. Nor does the next recall go on over it: the text that is kept

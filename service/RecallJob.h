@@ -62,6 +62,7 @@ private:
     void requireUntouched();
     void pin();
     void setTime();
+    void putTextBack();
     void leave();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from, bool mayShorten);

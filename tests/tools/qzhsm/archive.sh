@@ -155,6 +155,12 @@ during 'flock(' flock:delay_enter=1000000 restore-stub "$fs/empty" "$work/saved"
 [ "$(<"$fs/empty")" = mine ] || fail "new data is gone"
 rm "$fs/empty" "$f" && fresh && expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' recall "$f"
 
+# Where its text cannot be kept, a recall that fails and is killed then has not given both up.
+expect 0 '^$' archive --store "$store" "$f"
+{ strace -qq -o /dev/null -e inject=setxattr:error=ENOSPC -e inject=fsync:error=EIO:when=3 -e inject=write:signal=KILL:when=4 "$plain" recall "$f"; } &>/dev/null
+same "$f" "$work/data"
+rm "$f" && fresh && expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' recall "$f"
+
 # What nothing names is not left in the store, and what no record can hold is not put there.
 before=$(ls "$store"/?? | wc -l)
 strace -qq -o /dev/null -e inject=setxattr:error=EPERM "$plain" archive --store "$store" "$f" &>/dev/null && fail "archived without attributes"

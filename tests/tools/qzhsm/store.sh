@@ -38,7 +38,7 @@ for _ in first second; do
     unneeded '0 not in use|^$' "$fs"
 done
 # The object may have suffered since.
-printf damage | dd of="$(ls "$store"/??/*-* | grep -v json)" bs=1 seek=9 conv=notrunc status=none
+printf damage | dd of="$(echo "$store"/??/*[!n])" bs=1 seek=9 conv=notrunc status=none
 expect 0 '^$' archive --store "$store" "$f"
 objects 2
 expect 0 '^$' recall "$f"
