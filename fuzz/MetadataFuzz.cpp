@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::abort();
     }
     ReparseData fields;
-    const bool hasGuid = ParseStubReparseData(text.c_str(), fields); // up to its NUL, as the back-end gets it
+    // The back-end gets it up to its NUL.
+    const bool hasGuid = ParseStubReparseData(text.substr(0, text.find('\0')), fields);
     static QZHSMLowLevelGlusterFs backEnd;
     unsigned char guid[16];
     std::string versionGuid;

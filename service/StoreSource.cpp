@@ -122,9 +122,9 @@ void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyO
         const UniqueFd lock = store.lockRecords();
         record = findObject(store, metadata, file, look); // others may have changed it
         if (!record.isOf(owner)) {
-            ObjectRecord adopted = record;
-            adopted.adopted.push_back(owner);
-            replaceOrLeave(store, adopted, record);
+            const ObjectRecord former = record;
+            record.adopted.push_back(owner);
+            replaceOrLeave(store, record, former);
         }
     }
     takeTime();
