@@ -157,7 +157,10 @@ rm "$fs/empty" "$f" && fresh && expect 0 '^$' archive --store "$store" "$f" && e
 
 # Where its text cannot be kept, a recall that fails and is killed then has not given both up.
 expect 0 '^$' archive --store "$store" "$f"
-{ strace -qq -o /dev/null -e inject=setxattr:error=ENOSPC -e inject=fsync:error=EIO:when=3 -e inject=write:signal=KILL:when=4 "$plain" recall "$f"; } &>/dev/null
+unflushed() { ASAN_OPTIONS=detect_leaks=0 strace -qq -o "$work/calls" -e inject=setxattr:error=ENOSPC -e inject=fsync:error=EIO:when=3 "$@" "$plain" recall "$f"; }
+unflushed &>/dev/null
+back=$(awk -F'[(,]' '/^write/ { count++; fd = $2 } /EIO/ { file = fd } /^write/ && fd == file { print count; exit }' "$work/calls")
+{ unflushed -e inject=write:signal=KILL:when="$back"; } &>/dev/null
 same "$f" "$work/data"
 rm "$f" && fresh && expect 0 '^$' archive --store "$store" "$f" && expect 0 '^$' recall "$f"
 
