@@ -21,7 +21,7 @@ cp -p "$fs/other" "$fs/copy"
 setfattr -n user.NkStubFile -v 1 "$fs/copy" # a forged stub: its text is the other's
 refused "$fs/copy" 'was not taken from this file' recall "$fs/copy"
 rm "$fs/copy"
-printf x | dd of="$fs/other" bs=1 seek=1000000 conv=notrunc status=none
+printf changed | dd of="$fs/other" bs=1 seek=1000000 conv=notrunc status=none
 refused "$fs/other" 'there is data behind its stub text' recall "$fs/other"
 expect 1 'data of one stub' recall "$fs" --from "$work/data"
 expect 0 '2 recalled, 1 left alone, 0 failed' recall --force "$fs"

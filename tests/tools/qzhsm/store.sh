@@ -44,7 +44,7 @@ objects 2
 expect 0 '^$' recall "$f"
 same "$f" "$work/data"
 unneeded '' --remove "$fs" && objects 1
-printf x | dd of="$f" bs=1 seek=9 conv=notrunc status=none
+printf changed | dd of="$f" bs=1 seek=9 conv=notrunc status=none
 touch -d @1000000000 "$f" # its old time hides the change
 cp "$f" "$work/changed"
 expect 0 '^$' archive --store "$store" "$f"
