@@ -58,6 +58,8 @@ private:
     [[noreturn]] void throwSourceChanged() const;
     void setSize(long long size);
     void tellLonger();
+    /// Where the blocks that hold the stub's text end.
+    size_t endOfPage() const;
     bool isSame() const;
     void requireUntouched();
     void pin();
