@@ -58,28 +58,31 @@ class FileReader : public ObjectReader {
 public:
     FileReader(UniqueFd file, std::string name, const Extent& part)
         : m_file(std::move(file)), m_name(std::move(name)), m_at(part.offset), m_end(part.end()) {
-        readAhead();
+        readAhead(m_at + kPieceSize);
     }
 
     void read(char* buffer, size_t size) override {
+        if (m_begun && m_at + size >= m_ahead)
+            readAhead(m_at + size + kPieceSize);
+        m_begun = true;
         const size_t got = readAt(m_file.get(), buffer, size, static_cast<off_t>(m_at), m_name);
         m_at += got;
         if (got < size)
             throw Failure(QZHSM_FAILURE, m_name + " ends at byte " + std::to_string(m_at));
-        if (m_at >= m_ahead)
-            readAhead();
     }
     void skip(std::uint64_t size) override { m_at += size; }
     void finish() override {}
 
 private:
-    /// Has the disk read a piece while the one before it is worked on.
-    void readAhead() {
-        m_ahead = std::min(m_at + kPieceSize, m_end);
-        if (m_at >= m_end) // a length of 0 would stand for all there is
-            return;
-        ::posix_fadvise(m_file.get(), static_cast<off_t>(m_at), static_cast<off_t>(m_ahead - m_at),
-                        POSIX_FADV_WILLNEED);
+    /// Has the disk read a piece while the one before it is waited for and worked on. The first one is asked
+    /// for alone, since somebody may wait for it. Each in parts: the disk reads one while the kernel finds
+    /// memory for the next.
+    void readAhead(std::uint64_t to) {
+        constexpr std::uint64_t kPart = std::uint64_t{512} << 10;
+        to = std::min(to, m_end);
+        for (m_ahead = std::max(m_ahead, m_at); m_ahead < to; m_ahead += std::min(kPart, to - m_ahead))
+            ::posix_fadvise(m_file.get(), static_cast<off_t>(m_ahead),
+                            static_cast<off_t>(std::min(kPart, to - m_ahead)), POSIX_FADV_WILLNEED);
     }
 
     UniqueFd m_file;
@@ -87,6 +90,7 @@ private:
     std::uint64_t m_at;
     std::uint64_t m_end;
     std::uint64_t m_ahead = 0; ///< what is before is asked for
+    bool m_begun = false;
 };
 
 UniqueFd openStoreDirectory(const std::string& directory) {

@@ -2,6 +2,7 @@
 
 #include "service/stores/Store.h"
 
+#include <cstdlib>
 #include <span>
 
 /// One piece of an object, or the last and shorter one.
@@ -9,6 +10,11 @@ struct Piece {
     Extent part;
     std::span<const char> bytes; ///< empty if the whole piece is a hole; valid until the next piece
 };
+
+struct FreeBuffer {
+    void operator()(char* buffer) const { std::free(buffer); }
+};
+using PieceBuffer = std::unique_ptr<char[], FreeBuffer>;
 
 /// Reads an object piece by piece and hands out no byte whose checksum does not agree. Belongs to one thread.
 class VerifiedReader {
@@ -27,7 +33,7 @@ private:
     std::uint64_t m_at;
     std::uint64_t m_end;
     std::unique_ptr<ObjectReader> m_reader;
-    std::unique_ptr<char[]> m_buffer;
+    PieceBuffer m_buffer;
 };
 
 /// Reads a whole object, holes too, and throws `Failure` if it does not agree with its record.
