@@ -11,13 +11,15 @@
 #include <unistd.h>
 
 UniqueFd ControlSocket::listen(const std::string& path) {
-    sockaddr_un address = socketAddress(path);
-    ::unlink(path.c_str()); // one that nobody serves any more: whoever starts holds the lock
+    const std::string unready = path + ".new"; // one that is not listened to is that of a service which died
+    const sockaddr_un address = socketAddress(unready);
+    ::unlink(unready.c_str());
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0));
     const mode_t mask = ::umask(0177);
     const bool works = fd.isOpen() &&
                        ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                       ::listen(fd.get(), SOMAXCONN) == 0;
+                       ::listen(fd.get(), SOMAXCONN) == 0 &&
+                       ::rename(unready.c_str(), path.c_str()) == 0; // whoever starts holds the lock
     const int err = errno;
     ::umask(mask);
     if (!works)

@@ -33,6 +33,12 @@ Failure unreachable(const std::string& socket, int err) {
     return systemFailure("Failed to reach the recall service at ", socket, err);
 }
 
+/// The kernel may still hold accesses for it, and let through those to files that it was to ignore.
+Failure died(const std::string& socket) {
+    return Failure(QZHSM_FAILURE, "The recall service at " + socket + " has died",
+                   "Try again when it runs, or when the socket has been removed.");
+}
+
 /// Closed if nobody serves the socket any more.
 UniqueFd connectTo(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
@@ -75,6 +81,7 @@ bool RecallServices::Service::isStill(const struct stat& st) const {
 
 bool RecallServices::areNone() {
     m_closed.clear();
+    m_dead.clear();
     for (const std::string& socket : socketsIn(m_runtimeDirectory)) {
         struct stat st {};
         if (::lstat(socket.c_str(), &st) < 0 ||
@@ -85,18 +92,22 @@ bool RecallServices::areNone() {
             continue;
         }
         // One that is starting may give up, and close what it has not answered.
-        for (UniqueFd fd = connectTo(socket); fd.isOpen(); fd = connectTo(socket))
-            if (!request(fd.get(), "exempt", {}).empty()) {
-                m_services.push_back({socket, st.st_ino, st.st_ctim, std::move(fd)});
-                break;
-            }
+        UniqueFd fd = connectTo(socket);
+        while (fd.isOpen() && request(fd.get(), "exempt", {}).empty())
+            fd = connectTo(socket);
+        if (fd.isOpen())
+            m_services.push_back({socket, st.st_ino, st.st_ctim, std::move(fd)});
+        else if (::access(socket.c_str(), F_OK) == 0) // one that comes to its end takes it away
+            m_dead = socket;
     }
-    return m_services.empty() && m_closed.empty();
+    return m_services.empty() && m_closed.empty() && m_dead.empty();
 }
 
 void RecallServices::heed(const std::vector<int>& files) {
     if (!m_closed.empty())
         throw unreachable(m_closed, EACCES);
+    if (!m_dead.empty())
+        throw died(m_dead);
     const auto hasHeard = [&](const Service& service) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);
@@ -120,8 +131,7 @@ void RecallServices::heed(const std::vector<int>& files) {
         const Service& gone = m_services[i];
         struct stat st {};
         if (::lstat(gone.socket.c_str(), &st) == 0 && gone.isStill(st))
-            throw Failure(QZHSM_FAILURE, "The recall service at " + gone.socket + " has died",
-                          "Try again when it runs, or when the socket has been removed.");
+            throw died(gone.socket);
         m_services.erase(m_services.begin() + static_cast<std::ptrdiff_t>(i));
         areNone();
     }

@@ -88,7 +88,11 @@ void Supervisor::run() {
             continue;
         wait();
     }
-    refuseNew(); // unless the worker has closed the group
+    // A tool that finds the sockets gone has nobody to tell, and the group may live on without us.
+    withGroup([](PreContentGroup& group) { group.heedAll(); }); // unless the worker has closed it
+    for (const std::string& socket : m_serving.sockets)
+        ::unlink(socket.c_str());
+    refuseNew();
     sendSignal(m_shared.standby, SIGKILL);
 }
 

@@ -109,8 +109,5 @@ void work(Serving& serving) {
         RecallService::log("ending");
         service.stop();
     }
-    // A tool that finds the socket gone has nobody to tell: the next service looks at all files anew.
-    for (const std::string& socket : serving.sockets)
-        ::unlink(socket.c_str());
     serving.shared->hasEnded = true; // then the group is closed
 }

@@ -150,12 +150,16 @@ stop
 # Under a service manager, when all processes die: who waits goes on waiting, although a tool runs, and what is no
 # longer named is let go.
 archived "$fs/parked"
+cp "$work/data" "$fs/ignored"
 umount "$work/other" 2>/dev/null
 mkfs.ext4 -qF "$work/image2" && mount -o loop "$work/image2" "$work/other"
 "$manager" "$work/ready" "$work/again" "$service" "$fs" "$work/other" >"$work/out" 2>"$work/log" & served=$!
 eventually 'the group is parked' eval '[ -e "$work/ready" ] && standby'
 slow "$fs/later"
+cat "$fs/ignored" >/dev/null # the kernel does not ask about it, whoever runs
 kill_all qzhsmd qzhsmd-standby
+expect 1 'The recall service at .* has died' archive --store "$store" "$fs/ignored"
+reads ignored
 timeout 20 cmp "$fs/parked" "$work/data" & reader=$!
 touch "$work/again"
 wait $reader || fail "a reader from before: $(<"$work/log")"
