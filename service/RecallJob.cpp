@@ -33,8 +33,13 @@ RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observ
 
 bool RecallJob::isDone() {
     m_kind.requireRecalling(m_file);
-    m_flushable = m_kind.hold(m_file);
-    m_look = m_kind.look(m_file);
+    UniqueFd held = m_kind.hold(m_file);
+    return isDone(std::move(held), m_kind.look(m_file));
+}
+
+bool RecallJob::isDone(UniqueFd held, FileLook look) {
+    m_flushable = std::move(held);
+    m_look = std::move(look);
     const std::string& name = m_file.name();
     switch (m_look.state) {
     case FileState::Stub:
@@ -150,8 +155,7 @@ void RecallJob::writeRest() {
         m_observer.bytes(length);
     }
     file.close();
-    // The flush that follows has less to wait for.
-    ::sync_file_range(m_flushable.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+    startWriting(0, 0); // a size of 0 stands for all there is
     if (known && m_total != *known)
         throwSourceChanged();
     if (!known && m_total <= m_look.recordedSize)
@@ -202,9 +206,11 @@ void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
     write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
     file.close();
     setTime(); // to put back that of the data each time would cost readers more
-    // The flush that follows has less to wait for.
-    ::sync_file_range(m_flushable.get(), offset, static_cast<off_t>(bytes.size()), SYNC_FILE_RANGE_WRITE);
     m_observer.bytes(static_cast<long long>(bytes.size()));
+}
+
+void RecallJob::startWriting(long long offset, size_t size) const {
+    ::sync_file_range(m_flushable.get(), offset, static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE);
 }
 
 void RecallJob::end() {

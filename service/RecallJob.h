@@ -28,6 +28,8 @@ public:
     /// Looks at the file. True if there is nothing more to do than what was done here: a recall had ended but
     /// for its last step. Throws if it is no stub, or not to be recalled.
     bool isDone();
+    /// The same, if the file is held already, and was looked at since.
+    bool isDone(UniqueFd held, FileLook look);
     const FileLook& look() const { return m_look; }
 
     void begin(std::unique_ptr<DataSource> source);
@@ -41,6 +43,8 @@ public:
     bool isKept() const { return m_kept; }
     void beginPieces();
     void writePiece(std::span<const char> bytes, long long offset);
+    /// Has the disk begin with what was written there. The flush that follows has less to wait for.
+    void startWriting(long long offset, size_t size) const;
 
     /// Makes the file the stub again that it was, flushed, after a step that failed with `failure`; tells
     /// both. If somebody may be looking at a part of the data, or an earlier recall has left some, that

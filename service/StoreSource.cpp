@@ -22,14 +22,24 @@ std::string StoreSource::capabilities() const {
     return m_record.capability;
 }
 
+std::span<const char> StoreSource::read(std::uint64_t piece) {
+    if (std::exchange(m_piece, piece) != piece)
+        pause();
+    const std::span<const char> bytes = next();
+    if (bytes.empty())
+        throw Failure(QZHSM_FAILURE, name() + " has no piece " + std::to_string(piece));
+    return bytes;
+}
+
 std::span<const char> StoreSource::next() {
     if (m_stop())
         throw Failure(QZHSM_FAILURE, "Recall interrupted");
     if (!m_reader)
-        goTo(0);
+        m_reader.emplace(m_store, m_record, m_piece);
     const std::optional<Piece> piece = m_reader->next();
     if (!piece)
         return {};
+    ++m_piece;
     m_moved += piece->bytes.size();
     if (!piece->bytes.empty())
         return piece->bytes;

@@ -22,13 +22,16 @@ public:
     std::uint64_t pieces() const { return m_record.checksums.pieces.size(); }
     /// The bytes that were read since the last call. Holes are none.
     std::uint64_t takeMoved() { return std::exchange(m_moved, 0); }
-    /// The next bytes are those of this piece.
-    void goTo(std::uint64_t piece) { m_reader.emplace(m_store, m_record, piece); }
+    /// The bytes of a piece, valid until more are read. To go on with the next one costs least.
+    std::span<const char> read(std::uint64_t piece);
+    /// Gives back what is needed for reading, until more is read.
+    void pause() { m_reader.reset(); }
 
 private:
     Store& m_store;
     ObjectRecord m_record;
     std::optional<VerifiedReader> m_reader;
+    std::uint64_t m_piece = 0; ///< that comes next
     std::vector<char> m_zeros; ///< what a hole is read as
     StopRequest m_stop;
     std::uint64_t m_moved = 0;

@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <new>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -46,15 +48,16 @@ UniqueFd keepLeasesAway(const OpenFile& file) {
 /// One recall, which can be left and gone on with, by any thread.
 class RecallRunner::Recall final : public SuspendedRecall {
 public:
-    Recall(RecallService& service, RecallService::Stub stub, OpenFile file, UniqueFd leaseless)
+    Recall(RecallService& service, RecallService::Stub stub, std::shared_ptr<DriverlessBackEnd> backEnd,
+           OpenFile file, UniqueFd leaseless)
         : m_service(service), m_stub(std::move(stub)), m_leaseless(std::move(leaseless)),
-          m_job(*m_own.kind, std::move(file), false, m_observer) {}
+          m_backEnd(std::move(backEnd)), m_job(*m_backEnd->kind, std::move(file), false, m_observer) {}
 
     const RecallService::Stub& stub() const { return m_stub; }
 
     /// Whether there is nothing to bring.
-    bool isDone() {
-        const bool isDone = m_job.isDone();
+    bool isDone(UniqueFd held, FileLook look) {
+        const bool isDone = m_job.isDone(std::move(held), std::move(look));
         if (isDone)
             m_leaseless = UniqueFd();
         return isDone;
@@ -63,21 +66,23 @@ public:
     void begin(NamedStores& stores) {
         const StubMetadata metadata = readMetadata(m_job.file(), m_job.look());
         Store& store = stores.find(metadata);
-        auto source = std::make_unique<StoreSource>(
-            store, findRecord(store, metadata, m_job.file(), m_job.look()),
-            [this] { return m_service.isStopping() && !m_service.isSeen(*m_stub); });
+        auto source =
+            std::make_unique<StoreSource>(store, findRecord(store, metadata, m_job.file(), m_job.look()),
+                                          [this] { return m_service.isInterrupted(*m_stub); });
         m_source = source.get();
-        // The store looks for what comes first while the text that is kept goes to the disk.
         m_service.begin(*m_stub, m_source->pieces(), kPieceSize);
-        m_next = m_service.wanted(*m_stub, 0).value_or(0);
-        m_source->goTo(m_next);
         m_begun = true;
         m_job.begin(std::move(source));
-        flush(m_job);
+        std::future<void> flushed = std::async([this] { flush(m_job); });
+        if (m_job.isKept()) { // what comes first is read meanwhile
+            const std::optional<std::uint64_t> first = m_service.wanted(*m_stub, 0);
+            m_next = first.value_or(0);
+            if (first)
+                m_read = m_source->read(m_next);
+        }
+        flushed.get();
         if (m_job.isKept())
             m_job.beginPieces();
-        else if (m_next != 0)
-            m_source->goTo(0);
     }
 
     /// False if it came to its end, true if others are more urgent.
@@ -93,9 +98,9 @@ public:
         flush(m_job);
         // This moves the change time, which programs such as tar take for a change of what they read.
         m_job.end();
+        m_leaseless = UniqueFd(); // what is open for writing cannot be executed
         m_service.settle(*m_stub);
         flush(m_job);
-        m_leaseless = UniqueFd(); // what is open for writing cannot be executed
         return false;
     }
 
@@ -108,13 +113,19 @@ public:
 private:
     bool bringPieces() {
         while (const std::optional<std::uint64_t> piece = m_service.wanted(*m_stub, m_next)) {
-            if (m_service.isLessUrgent(*m_stub))
+            if (m_service.isLessUrgent(*m_stub)) { // and there may be many of them
+                m_read = {};
+                m_source->pause();
                 return true;
-            if (*piece != m_next)
-                m_source->goTo(*piece);
-            const std::span<const char> bytes = m_source->next();
-            m_job.writePiece(bytes, static_cast<long long>(*piece) * static_cast<long long>(kPieceSize));
+            }
+            std::span<const char> bytes = std::exchange(m_read, {});
+            if (bytes.empty() || *piece != m_next)
+                bytes = m_source->read(*piece);
+            const long long offset = static_cast<long long>(*piece) * static_cast<long long>(kPieceSize);
+            m_job.writePiece(bytes, offset);
             m_service.fill(*m_stub, *piece);
+            std::this_thread::yield(); // to whoever was answered: not each kernel interrupts what comes now
+            m_job.startWriting(offset, bytes.size());
             count(bytes.size());
             m_next = *piece + 1;
         }
@@ -130,15 +141,16 @@ private:
         if (!m_job.isKept()) // else those who wait for the piece come first
             count(static_cast<std::uint64_t>(bytes));
     }};
-    DriverlessBackEnd m_own; ///< which goes with the recall from thread to thread
+    std::shared_ptr<DriverlessBackEnd> m_backEnd;
     RecallJob m_job;
     StoreSource* m_source = nullptr; ///< the job's
-    std::uint64_t m_next = 0;        ///< piece, as the source is
+    std::uint64_t m_next = 0;        ///< the piece to be written, if no other one is waited for
+    std::span<const char> m_read{};  ///< that piece, if it was read already
     bool m_begun = false;
 };
 
 RecallRunner::RecallRunner(RecallService& service, NamedStores& stores)
-    : m_service(service), m_stores(stores) {}
+    : m_service(service), m_own(std::make_shared<DriverlessBackEnd>()), m_stores(stores) {}
 
 void RecallRunner::run() {
     const RecallService::OwnThread own(m_service);
@@ -176,21 +188,23 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
 
 /// Throws only what came before the recall.
 void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) {
-    UniqueFd leaseless;
-    {
-        const UniqueFd lock = m_kind.hold(file);
-        leaseless = keepLeasesAway(file);
-        if (settle(stub, file, m_kind.look(file, true))) {
-            leaseless = UniqueFd();
-            return m_service.done(stub, false);
-        }
+    UniqueFd lock = kind().hold(file);
+    UniqueFd leaseless = keepLeasesAway(file);
+    FileLook look = kind().look(file, true);
+    if (settle(stub, file, look)) {
+        leaseless = UniqueFd();
+        lock = UniqueFd();
+        return m_service.done(stub, false);
     }
-    if (m_service.isRefused(stub))
+    const RecallService::Start start = m_service.mayBegin(stub);
+    if (start == RecallService::Start::Later)
+        throw Failure(QZHSM_BUSY, "Somebody is truncating " + file.name());
+    if (start == RecallService::Start::Never)
         return;
     auto recall = std::make_unique<Recall>(
-        m_service, stub, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
+        m_service, stub, m_own, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));
-    if (recall->isDone()) // and locked, until nobody asks for it any more
+    if (recall->isDone(std::move(lock), std::move(look))) // and locked, until nobody asks for it any more
         return m_service.done(stub, false);
     RecallService::log("recalling " + file.name() + " for " + stub->cause());
     bool isBegun = false;
@@ -204,12 +218,8 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
 
 /// What users did wins. True if the file is none to recall.
 bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look) {
-    const bool holdsAll = look.state == FileState::MarkedWhole;
-    if (look.marked && !holdsAll && m_service.isGivenUp(*stub)) {
-        // The size first: what a crash leaves between the two is seen to be a truncated stub.
-        if (::truncate(file.path().c_str(), 0) < 0)
-            throw systemFailure("Failed to truncate ", file.name(), errno);
-        makePlain(m_kind, file, look);
+    if (look.marked && look.st.st_size == 0 && m_service.hasLetTruncate(*stub)) {
+        makePlain(kind(), file, look);
         return true;
     }
     switch (look.state) {
@@ -218,12 +228,12 @@ bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file,
     case FileState::Copy:
         return true;
     case FileState::MarkedWhole: // somebody has written a file of his own over it
-        makePlain(m_kind, file, look);
+        makePlain(kind(), file, look);
         return true;
     case FileState::Lost: // tools keep the text when they empty a file: users have done this
         if (look.st.st_size > 0)
             break;
-        makePlain(m_kind, file, look);
+        makePlain(kind(), file, look);
         return true;
     default:
         break;
@@ -245,8 +255,10 @@ void RecallRunner::guarded(Recall& recall, Act act) {
 void RecallRunner::goOn(std::unique_ptr<Recall> recall) {
     const RecallService::Stub stub = recall->stub();
     guarded(*recall, [&] {
-        if (recall->goOn())
+        if (recall->goOn()) {
+            m_own = std::make_shared<DriverlessBackEnd>(); // no other thread's at the same time
             return m_service.suspend({stub, std::move(recall)});
+        }
         m_service.done(stub, true);
         RecallService::log("recalled " + stub->name());
     });

@@ -30,12 +30,12 @@ private:
     void serve(const RecallService::Stub& stub);
     void serve(const RecallService::Stub& stub, const OpenFile& file);
     bool settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look);
+    StubKind& kind() { return *m_own->kind; }
     void goOn(std::unique_ptr<Recall> recall);
     template <class Act>
     void guarded(Recall& recall, Act act);
 
     RecallService& m_service;
-    DriverlessBackEnd m_own;
-    StubKind& m_kind = *m_own.kind;
+    std::shared_ptr<DriverlessBackEnd> m_own; ///< the recall's too, which takes it along if it is left
     NamedStores& m_stores;
 };

@@ -10,7 +10,9 @@
 #include <climits>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/uio.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -22,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 /// sleeps.
 constexpr auto kPolling = std::chrono::microseconds(100);
 constexpr useconds_t kPause = 1000; ///< until there may be room again, in microseconds
+constexpr auto kEnding = std::chrono::minutes(1);
 
 std::string pathOf(int fd) {
     char path[PATH_MAX];
@@ -43,10 +46,21 @@ int carries(int fd, const char* name) {
     return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -1;
 }
 
-bool hasStubText(int fd) {
+/// Whether the file begins as a stub does. True too if that cannot be told without waiting, for the disk or
+/// for whoever holds the file, as any user can as long as he likes.
+bool mayHaveStubText(int fd) {
     char head[kStubTextPrefix];
-    const ssize_t got = ::pread(fd, head, sizeof head, 0);
-    return got > 0 && beginsWithStubText({head, static_cast<size_t>(got)});
+    const iovec to{head, sizeof head};
+    const ssize_t got = ::preadv2(fd, &to, 1, 0, RWF_NOWAIT);
+    return got < 0 || beginsWithStubText({head, static_cast<size_t>(got)});
+}
+
+/// Whether somebody archives or recalls the file by hand, or has locked it for a reason of his own.
+bool isLocked(int fd) {
+    if (::flock(fd, LOCK_EX | LOCK_NB) < 0)
+        return true;
+    ::flock(fd, LOCK_UN);
+    return false;
 }
 
 /// Whether what waits leaves too few descriptors for the recalls. To leave further events unread is no way
@@ -96,12 +110,16 @@ void RecallService::stop() {
         const std::lock_guard lock(m_mutex);
         if (m_stopping.exchange(true))
             return;
+        m_stopBy = Clock::now() + kEnding;
         for (const auto& [when, stub] : std::exchange(m_later, {}))
             refuse(*stub);
         for (const Stub& stub : m_queue)
             refuse(*stub);
         m_queue.clear();
+        refuseLeft(); // their stores may take their time
+        m_group.heedAll();
     }
+    ::eventfd_write(m_wake.get(), 1); // to look at the time from now on
     m_queued.notify_all();
     m_stopped.notify_all();
 }
@@ -136,7 +154,17 @@ void RecallService::watch(const std::stop_token& token) {
     while (!token.stop_requested()) {
         if (Clock::now() - last >= kPolling) {
             pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
-            if (::poll(fds, std::size(fds), -1) <= 0 || fds[1].revents != 0)
+            constexpr int kSecond = 1000;
+            const int ready = ::poll(fds, std::size(fds), m_stopping ? kSecond : -1);
+            if (fds[1].revents != 0) {
+                eventfd_t count = 0;
+                ::eventfd_read(m_wake.get(), &count);
+            }
+            if (m_stopping) {
+                const std::lock_guard lock(m_mutex);
+                refuseLeft();
+            }
+            if (ready <= 0)
                 continue;
         }
         held.clear();
@@ -154,6 +182,13 @@ void RecallService::watch(const std::stop_token& token) {
             handle(access);
         last = Clock::now();
     }
+}
+
+/// Who waits for what is not brought any more.
+void RecallService::refuseLeft() {
+    for (const auto& [key, stub] : m_stubs)
+        if (isLeft(*stub))
+            counted(*stub, [&] { stub->denyAll(EIO); });
 }
 
 void RecallService::takeOver(const std::vector<int>& held) {
@@ -183,9 +218,11 @@ void RecallService::handle(const HeldAccess& access) {
 /// that is being made may be the copy of a stub, whose mark comes last: whoever opens it next is asked for,
 /// and whoever makes it is not held up.
 void RecallService::ignorePlain(int fd, const struct stat& st) {
+    if (m_stopping) // nobody can tell of files any more
+        return;
     const bool isRegular = S_ISREG(st.st_mode);
     const bool isBegun = isRegular && st.st_blocks == 0;
-    if (!isRegular || (carries(fd, kStubTextAttribute) == 0 && (isBegun || !hasStubText(fd))))
+    if (!isRegular || (carries(fd, kStubTextAttribute) == 0 && (isBegun || !mayHaveStubText(fd))))
         m_group.ignore(fd, isBegun ? PreContentGroup::Ignored::Accesses : PreContentGroup::Ignored::All);
 }
 
@@ -222,19 +259,24 @@ Need RecallService::needOf(const HeldAccess& access) {
     const CallerWants wants = wantsOf(access.tid);
     if (wants == CallerWants::Unclear)
         return Need::Unclear;
-    if (wants == CallerWants::Truncate && access.isOpen)
-        return Need::Truncate;
+    struct stat st {};
+    if (::fstat(access.fd, &st) < 0)
+        return Need::Ended;
+    if (wants == CallerWants::Truncate &&
+        access.isOpen) // of an empty one nobody could see that he has done so
+        return st.st_size > 0 && !isLocked(access.fd) ? Need::Truncate : Need::Ended;
     const bool anyRules = !m_rules.refusePrograms.empty() || !m_rules.rangePrograms.empty();
     const CallerProgram program = anyRules ? programOf(access.tid) : CallerProgram{};
-    if (!m_rules.refusePrograms.empty() && m_rules.isRefused(program, controlGroupOf(access.tid))) {
+    // An empty file has mostly been truncated just now, and will be filled by whoever did so.
+    if (st.st_size > 0 && !m_rules.refusePrograms.empty() &&
+        m_rules.isRefused(program, controlGroupOf(access.tid))) {
         ++m_counts.refused;
         logLater("refused " + causeOf(access) + ": " + pathOf(access.fd));
         return Need::Refused;
     }
     if (wants != (access.isOpen ? CallerWants::OpenRead : CallerWants::Read))
         return Need::Ended;
-    struct stat st {};
-    if (::fstat(access.fd, &st) < 0 || !m_rules.isByRange(program, static_cast<std::uint64_t>(st.st_size)))
+    if (!m_rules.isByRange(program, static_cast<std::uint64_t>(st.st_size)))
         return Need::Data;
     return access.isOpen ? Need::Nothing : Need::Range;
 }

@@ -40,8 +40,9 @@ public:
     /// Accesses that a process which died has not answered.
     void takeOver(const std::vector<int>& held);
     void start();
-    /// Has all accesses that nobody works on fail with EIO, and lets recalls that nobody has seen a part of
-    /// be put back. `next` answers nothing from now on.
+    /// Has all accesses fail with EIO to stubs that nobody has seen a part of, and lets their recalls be put
+    /// back. The others have a minute to end. `next` answers nothing new from now on. Tools need not tell of
+    /// files any more: none is ignored.
     void stop();
 
     void setRules(ServeRules rules);
@@ -93,13 +94,17 @@ public:
     /// Somebody else holds this file, which has so many blocks: it comes again by `next`, while others get
     /// their turn. False if it is to fail.
     bool postpone(const Stub& stub, long long blocks);
-    bool isGivenUp(ServedStub& stub);
-    /// True if those who asked for it must not cause recalls. Then the work on it has ended.
-    bool isRefused(const Stub& stub);
+    /// Whether somebody was let through to truncate the file.
+    bool hasLetTruncate(const ServedStub& stub) const;
+    enum class Start { Now, Later, Never };
+    /// Whether to begin a recall: later, if somebody may be about to truncate the file; never, if nobody has
+    /// asked who may cause recalls. Then the work on it has ended.
+    Start mayBegin(const Stub& stub);
     bool isSeen(const ServedStub& stub) const;
+    /// Whether a recall is to be left, as the service comes to its end.
+    bool isInterrupted(const ServedStub& stub) const;
     /// True if nobody has seen a part of the data. Then nobody will, and it may be taken out again.
     bool takeBack(ServedStub& stub);
-    bool isStopping() const { return m_stopping; }
     /// Ends the work on a stub: it is none any more, or all who wait for it get EIO.
     void done(const Stub& stub, bool wasRecalled);
     void fail(const Stub& stub, const Failure& failure);
@@ -117,6 +122,8 @@ private:
     void reconsider(ServedStub& stub);
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);
+    void refuseLeft();
+    bool isLeft(const ServedStub& stub) const;
     bool hasNew();
     bool isAwaited(ServedStub& stub);
     void logLater(std::string line);
@@ -137,6 +144,7 @@ private:
     ServeStatus m_counts{};
     std::chrono::steady_clock::time_point m_free; ///< when the bandwidth allows more
     std::atomic<bool> m_stopping = false;
+    std::chrono::steady_clock::time_point m_stopBy; ///< when whoever still waits gets EIO
     std::condition_variable_any m_lineThere;
     UniqueFd m_wake;
     std::jthread m_logger;

@@ -76,7 +76,7 @@ void RecallService::begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t 
 std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64_t after) {
     const std::lock_guard lock(m_mutex);
     reconsider(stub);
-    if (m_stopping && !stub.isSeen())
+    if (isLeft(stub))
         throw Failure(QZHSM_FAILURE, "Recall of " + stub.name() + " interrupted");
     return stub.wanted(after);
 }
@@ -117,31 +117,45 @@ bool RecallService::isAwaited(ServedStub& stub) {
     return awaited;
 }
 
-bool RecallService::isGivenUp(ServedStub& stub) {
+bool RecallService::hasLetTruncate(const ServedStub& stub) const {
+    const std::lock_guard lock(m_mutex);
+    return stub.letTruncate();
+}
+
+RecallService::Start RecallService::mayBegin(const Stub& stub) {
     std::unique_lock lock(m_mutex);
-    stub.doubtTruncates();
-    reconsider(stub);
+    reconsider(*stub);
     // One whose call is not known yet has not come to wait in the kernel, on a busy machine.
-    for (int i = 0; stub.isUnclear() && i < kPatience; ++i) {
+    for (int i = 0; stub->isUnclear() && i < kPatience; ++i) {
         lock.unlock();
         std::this_thread::sleep_for(kPause);
         lock.lock();
-        reconsider(stub);
+        reconsider(*stub);
     }
-    return stub.isGivenUp();
-}
-
-bool RecallService::isRefused(const Stub& stub) {
-    const std::lock_guard lock(m_mutex);
-    reconsider(*stub);
-    if (stub->isRefused())
+    if (stub->isBeingTruncated(isAlive, Clock::now()))
+        return Start::Later;
+    if (stub->isLeft()) {
         m_stubs.erase(stub->key());
-    return stub->isRefused();
+        return Start::Never;
+    }
+    stub->close();
+    return Start::Now;
 }
 
 bool RecallService::isSeen(const ServedStub& stub) const {
     const std::lock_guard lock(m_mutex);
     return stub.isSeen();
+}
+
+bool RecallService::isInterrupted(const ServedStub& stub) const {
+    if (!m_stopping)
+        return false;
+    const std::lock_guard lock(m_mutex);
+    return isLeft(stub);
+}
+
+bool RecallService::isLeft(const ServedStub& stub) const {
+    return m_stopping && (!stub.isSeen() || Clock::now() >= m_stopBy);
 }
 
 bool RecallService::takeBack(ServedStub& stub) {

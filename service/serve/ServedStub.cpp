@@ -8,10 +8,30 @@ void ServedStub::add(const HeldAccess& access, Need need) {
     if (!m_fd.isOpen())
         m_fd = UniqueFd(::fcntl(access.fd, F_DUPFD_CLOEXEC, 0));
     const Waiting waiting{access, need};
-    if (isMet(waiting))
-        allow(waiting);
-    else
+    if (!take(waiting))
         m_waiting.push_back(waiting);
+}
+
+/// Lets it go on, if it may.
+bool ServedStub::take(const Waiting& waiting) {
+    if (waiting.need == Need::Truncate && !m_begun) {
+        m_letTruncate = true;
+        m_truncating.push_back({waiting.access.tid, Clock::now()});
+        m_group.allow(waiting.access.fd);
+        return true;
+    }
+    if (!isMet(waiting))
+        return false;
+    allow(waiting);
+    return true;
+}
+
+bool ServedStub::isBeingTruncated(const IsAlive& isAlive, Clock::time_point now) {
+    constexpr auto kLongest = std::chrono::seconds(1); // the kernel may not let him
+    std::erase_if(m_truncating, [&](const Truncating& truncating) {
+        return now - truncating.since >= kLongest || !isAlive(truncating.tid);
+    });
+    return !m_truncating.empty();
 }
 
 std::optional<ServedStub::Clock::time_point> ServedStub::heldUp(long long blocks, Clock::time_point now) {
@@ -23,7 +43,7 @@ std::optional<ServedStub::Clock::time_point> ServedStub::heldUp(long long blocks
         return {};
     if (waited >= 1s) // whoever holds it may wait here himself, for a process that died had heard of him
         denyUnknown(EIO);
-    return now + std::clamp<Clock::duration>(waited / 4, 20ms, 1s);
+    return now + std::clamp<Clock::duration>(waited / 4, 1ms, 1s);
 }
 
 void ServedStub::begin(std::uint64_t pieces, std::uint64_t pieceSize) {
@@ -65,14 +85,11 @@ void ServedStub::reconsider(const std::function<Need(const HeldAccess&)>& needOf
         if (waiting.need != Need::Unclear)
             return false;
         waiting.need = needOf(waiting.access);
-        const bool refused = waiting.need == Need::Refused;
-        const bool met = isMet(waiting);
-        if (refused)
-            m_group.deny(waiting.access.fd, EIO);
-        else if (met)
-            allow(waiting);
-        m_refused |= refused;
-        return refused || met;
+        if (waiting.need != Need::Refused)
+            return take(waiting);
+        m_group.deny(waiting.access.fd, EIO);
+        m_refused = true;
+        return true;
     });
 }
 
@@ -139,7 +156,7 @@ void ServedStub::denyAll(int err) {
     m_waiting.clear();
 }
 
-bool ServedStub::isAwaited(const std::function<bool(pid_t)>& isAlive) {
+bool ServedStub::isAwaited(const IsAlive& isAlive) {
     const auto alive = std::ranges::find_if(m_waiting, [&](const Waiting& waiting) {
         return waiting.access.tid == 0 || isAlive(waiting.access.tid);
     });
@@ -160,16 +177,4 @@ void ServedStub::denyUnknown(int err) {
 bool ServedStub::isUnclear() const {
     return std::ranges::any_of(m_waiting,
                                [](const Waiting& waiting) { return waiting.need == Need::Unclear; });
-}
-
-void ServedStub::doubtTruncates() {
-    for (Waiting& waiting : m_waiting)
-        if (waiting.need == Need::Truncate)
-            waiting.need = Need::Unclear;
-}
-
-bool ServedStub::isGivenUp() const {
-    return !m_begun && !m_waiting.empty() && std::ranges::all_of(m_waiting, [](const Waiting& waiting) {
-        return waiting.need == Need::Truncate;
-    });
 }

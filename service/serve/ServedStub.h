@@ -17,7 +17,7 @@ enum class Need {
     Range,    ///< the pieces that it reads
     Data,     ///< all data, and the times: programs look at both
     Ended,    ///< the same on the disk: what they write must not be recalled over after a power cut
-    Truncate, ///< nothing: what is in the file is given up
+    Truncate, ///< nothing, unless the recall has begun: what is in the file is given up
     Unclear,  ///< the same as `Ended`, until more is known
 };
 
@@ -49,6 +49,15 @@ public:
     /// Takes the access over, or lets it go on at once.
     void add(const HeldAccess& access, Need need);
 
+    using IsAlive = std::function<bool(pid_t)>;
+    /// Whether somebody was let through to truncate the file, and may not have done so yet. Whether he may
+    /// is for the kernel to say, so the service does it for nobody.
+    bool isBeingTruncated(const IsAlive& isAlive, Clock::time_point now);
+    /// Whether anybody was.
+    bool letTruncate() const { return m_letTruncate; }
+    /// From now on whoever wants to truncate it waits for the end of its recall.
+    void close() { m_begun = true; }
+
     /// Asks for each access whose need is not clear what it is.
     void reconsider(const std::function<Need(const HeldAccess&)>& needOf);
 
@@ -77,26 +86,27 @@ public:
 
     size_t waiting() const { return m_waiting.size(); }
     /// Whether somebody waits still. Who was killed meanwhile counts no more.
-    bool isAwaited(const std::function<bool(pid_t)>& isAlive);
+    bool isAwaited(const IsAlive& isAlive);
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
-    /// Whether all accesses so far were refused.
-    bool isRefused() const { return m_refused && m_waiting.empty() && !m_seen; }
+    /// Whether nobody has asked for the data: all accesses so far were refused, or to truncate it.
+    bool isLeft() const { return (m_refused || m_letTruncate) && m_waiting.empty() && !m_seen; }
     /// Unless somebody may, none of it counts as there any more.
     bool takeBack();
     /// Whether somebody waits of whom it is not known yet what he does.
     bool isUnclear() const;
-    /// It is not known any more whether those who truncate the file do: who was killed has truncated nothing.
-    void doubtTruncates();
-    /// Whether somebody waits, all who do want to truncate the file, and nobody has begun to recall it.
-    bool isGivenUp() const;
 
 private:
     struct Waiting {
         HeldAccess access;
         Need need;
     };
+    struct Truncating {
+        pid_t tid;
+        Clock::time_point since;
+    };
 
+    bool take(const Waiting& waiting);
     void answerMet();
     bool isMet(const Waiting& waiting) const;
     bool isThere(const HeldAccess& access) const;
@@ -110,6 +120,7 @@ private:
     std::uint64_t m_bytes = 0;
     UniqueFd m_fd;
     std::vector<Waiting> m_waiting;
+    std::vector<Truncating> m_truncating;
     std::vector<bool> m_filled;
     std::uint64_t m_pieceSize = 1;
     Clock::time_point m_heldSince{};
@@ -118,4 +129,5 @@ private:
     bool m_settled = false;
     bool m_seen = false;
     bool m_refused = false;
+    bool m_letTruncate = false;
 };

@@ -57,31 +57,33 @@ TEST_F(ServedStubTest, AnswersEachWhenWhatItNeedsIsThere) {
     EXPECT_FALSE(waits(ended));
 }
 
-TEST_F(ServedStubTest, IsGivenUpByThoseWhoTruncateAlone) {
-    EXPECT_FALSE(stub.isGivenUp()) << "nobody waits";
-    stub.add(access(), Need::Truncate);
-    EXPECT_TRUE(stub.isGivenUp());
-    stub.doubtTruncates();
-    EXPECT_FALSE(stub.isGivenUp()) << "who was killed has truncated nothing";
-    stub.reconsider([](const HeldAccess&) { return Need::Truncate; });
-    const HeldAccess unclear = access();
-    EXPECT_FALSE(stub.isUnclear());
-    stub.add(unclear, Need::Unclear);
+TEST_F(ServedStubTest, LetsThroughWhoeverTruncatesItBeforeItsRecall) {
+    using namespace std::chrono_literals;
+    const auto living = [](pid_t tid) { return tid == 1; };
+    const auto now = ServedStub::Clock::now();
+    EXPECT_FALSE(stub.isLeft()) << "nobody has come";
+    HeldAccess killed = access();
+    killed.tid = 2;
+    stub.add(killed, Need::Truncate);
+    EXPECT_FALSE(waits(killed));
+    EXPECT_FALSE(stub.isBeingTruncated(living, now)) << "who was killed truncates nothing";
+    stub.add(access(), Need::Unclear);
     EXPECT_TRUE(stub.isUnclear());
-    EXPECT_FALSE(stub.isGivenUp());
+    stub.reconsider([](const HeldAccess&) { return Need::Truncate; });
+    EXPECT_TRUE(stub.isBeingTruncated(living, now));
+    EXPECT_FALSE(stub.isBeingTruncated(living, now + 2s)) << "the kernel may not let him";
+    const HeldAccess unclear = access();
+    stub.add(unclear, Need::Unclear);
+    EXPECT_FALSE(stub.isLeft());
     stub.reconsider([](const HeldAccess&) { return Need::Refused; });
     EXPECT_FALSE(waits(unclear));
-    EXPECT_FALSE(stub.isRefused()) << "somebody else waits";
-    EXPECT_TRUE(stub.isGivenUp());
-    stub.begin(1, kPiece);
-    EXPECT_FALSE(stub.isGivenUp()) << "it is being recalled";
-    stub.denyAll(5);
-    EXPECT_EQ(stub.waiting(), 0U);
-    EXPECT_TRUE(stub.isRefused());
-    stub.add(access(), Need::Unclear);
-    stub.reconsider([](const HeldAccess&) { return Need::Nothing; });
-    EXPECT_EQ(stub.waiting(), 0U);
-    EXPECT_FALSE(stub.isRefused()) << "somebody went on";
+    EXPECT_TRUE(stub.isLeft()) << "nobody has asked for the data";
+    stub.close();
+    const HeldAccess late = access();
+    stub.add(late, Need::Truncate);
+    EXPECT_TRUE(waits(late)) << "it is being recalled";
+    stub.allowAll();
+    EXPECT_FALSE(stub.isLeft()) << "somebody went on";
 }
 
 TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
@@ -104,8 +106,8 @@ TEST_F(ServedStubTest, WaitsForWhoeverHoldsTheFileButNotForEver) {
     for (const HeldAccess& data : {unknown, known})
         stub.add(data, Need::Data);
     const ServedStub::Clock::time_point start{1h};
-    EXPECT_EQ(stub.heldUp(8, start), start + 20ms);
-    EXPECT_EQ(stub.heldUp(16, start + 900ms), start + 920ms) << "it grows, as by a recall";
+    EXPECT_EQ(stub.heldUp(8, start), start + 1ms);
+    EXPECT_EQ(stub.heldUp(16, start + 900ms), start + 901ms) << "it grows, as by a recall";
     EXPECT_EQ(stub.heldUp(16, start + 1700ms), start + 1900ms);
     EXPECT_TRUE(waits(unknown));
     EXPECT_EQ(stub.heldUp(16, start + 10s), start + 11s);

@@ -23,7 +23,7 @@ kill $leaser
 stop
 
 # Nor does whoever locks or leases a stub, whose readers wait for that in the queue.
-archived "$fs"/{locked,shared,free}
+archived "$fs"/{locked,shared,free,kept}
 configure "rangePrograms = bash service_users" 'rangeFrom = 1M' 'workers = 1'
 start
 (exec 8<"$fs/locked" && flock -s 8 && exec sleep 60) &
@@ -41,6 +41,10 @@ expect 0 'stubs in the queue +2' status
 kill $locker $leaser
 wait "${readers[@]}"
 for file in locked shared; do same "$work/$file" "$work/data"; done
+
+# Nor is anything truncated for somebody who may not.
+"$users" truncate "$fs/kept" || { [ $? -eq 77 ] && echo 'skipped: no landlock here'; } || fail "a file that must not be truncated was"
+timeout -s KILL 5 cmp "$fs/kept" "$work/data" || fail "a stub that somebody tried to truncate"
 stop
 
 # Programs are known by their own name as by that of the thread which reads. Who must not cause recalls may truncate.
@@ -64,7 +68,44 @@ cat "$fs/large" >/dev/null &
 reader=$!
 logged "recalling $fs/large"
 kill -KILL $reader && wait $reader 2>/dev/null
-timeout -s KILL 6 cat "$fs/small" | cmp -s - "$work/data" || fail "a recall for a killed reader holds others up"
+timeout -s KILL 6 cmp "$fs/small" "$work/data" & reader=$!
+logged "recalling $fs/small"
+sleep 0.3
+[ "$(find "/proc/$served/fd" -lname "$store/*/*" | wc -l)" = 1 ] || fail "a recall that is left holds what it needs to read"
+wait $reader || fail "a recall for a killed reader holds others up"
+stop
+
+# So does one that was waiting itself, and loses nothing by it.
+archived "$fs"/{first,left,last}
+start
+cat "$fs/first" >/dev/null &
+logged "recalling $fs/first"
+cat "$fs/left" >/dev/null & reader=$!
+sleep 0.2
+cmp "$fs/last" "$work/data" & last=$!
+sleep 0.2
+kill -KILL $reader
+wait $last || fail "the last of three"
+logged "recalled $fs/left"
+same "$fs/left" "$work/data"
+stop
+
+# A store that does not answer holds up the end of the service, and nobody else.
+cat >"$work/get" <<'END'
+#!/bin/sh
+until [ -e "$0.go" ]; do sleep 0.05; done
+cat "$1"
+END
+chmod +x "$work/get" && mkdir "$work/slow"
+configure '[Store/slow]' "put = sh -c 'mkdir -p \"\${1%/*}\" && cat >\"\$1\"' - $work/slow/{object}" "get = $work/get $work/slow/{object}" "remove = rm $work/slow/{object}"
+cp "$work/data" "$fs/hung" && expect 0 '' archive --store slow "$fs/hung"
+start
+timeout 10 cat "$fs/hung" >/dev/null 2>"$work/said" & reader=$!
+logged "recalling $fs/hung"
+kill -TERM "$served"
+wait $reader
+grep -q 'Input/output error' "$work/said" || fail "a reader at the end of the service: $(<"$work/said")"
+touch "$work/get.go"
 stop
 
 # The bandwidth counts data, not holes, also where the text of the stub cannot be kept meanwhile.

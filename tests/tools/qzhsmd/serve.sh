@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# FS_TYPE=... serve.sh QZHSM QZHSMD STRESS: programs that read stubs on a served file system get their data, or an I/O error.
+# FS_TYPE=... serve.sh QZHSM QZHSMD STRESS USERS: programs that read stubs on a served file system get their data, or an I/O error.
 # shellcheck source=tests/tools/qzhsmd/common.sh
 . "$(dirname "$0")/common.sh"
-stress=$3
+stress=$3 users=$4
 
 "$service" /proc >"$work/out" 2>&1
 [ $? -eq 1 ] || fail "serving /proc: $(<"$work/out")"
@@ -52,6 +52,18 @@ feed
 kill -KILL "$(pgrep -P "$served")"
 ended 0 '^$'
 same "$f" "$work/data"
+
+# Whoever holds a file that the service has to look at holds nobody else up.
+: >"$fs/held" && echo other >"$fs/other"
+"$users" hold "$fs/held" >"$work/held" & holder=$!
+for ((i = 0; i < 100; i++)); do grep -q held "$work/held" && break; sleep 0.05; done
+grep -q held "$work/held" || fail "no file is held"
+cat "$fs/held" >/dev/null & reader=$!
+sleep 0.3
+[ "$(timeout -s KILL 5 cat "$fs/other")" = other ] || fail "whoever holds a file holds others up"
+kill $holder
+wait $reader
+rm "$fs"/{held,other}
 
 # What users do wins.
 echo mine >"$fs/new"
