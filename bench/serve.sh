@@ -123,49 +123,65 @@ tell() {
 nothing() { :; }
 printf '%-58s %13s %13s %8s\n' '' 'served' 'bare' 'ratio'
 
-# --- The first bytes of a range, beside 4 MiB of the object; the object is not in the page cache ---
+# --- The first bytes of a range, beside 4 MiB of the object; it is not in the page cache ---
+
+# cold OBJECT...: they leave the page cache, as what was archived long ago has.
+cold() { for object in "$@"; do "$bench" forget "$object" >/dev/null; done; }
 
 part_first() {
-    local size object at
+    local size object at least read
     configure 'recall = range' 'rangeFrom = 0'
+    origin least $((4 << 20))
+    archived "$served/least" && least=$(<"$dir/objects") # that has 4 MiB to read
     for ((size = 1; size <= big; size *= 8)); do
         origin "first$size" $((size << 20))
         again() { archived "$served/first$size" && object=$(<"$dir/objects"); }
         ours() {
-            "$bench" forget "$object" >/dev/null
+            cold "$object"
             "$bench" first "$served/first$size" "$dir/origin/first$size" "$at"
             settled "$served/first$size"
         }
-        theirs() { "$bench" forget "$object" >/dev/null && "$bench" piece "$object"; }
+        theirs() {
+            read=$object
+            [ "$size" -ge 4 ] || read=$least
+            cold "$read" && "$bench" piece "$read"
+        }
         for at in 0 -4096; do
-            in_turns "first/from:$at/MiB:$size" "first 4 KiB of $size MiB, from $at; 4 MiB of the object" 1.5 again ours theirs
+            in_turns "first/from:$at/MiB:$size" "first 4 KiB of $size MiB, from $at; 4 MiB of an object" 1.5 again ours theirs
         done
         rm "$served/first$size" "$dir/origin/first$size"
     done
+    rm "$served/least"
 }
 
 # --- Whole before open returns ---
 
 part_open() {
-    local size
+    local size at
     configure
     for size in 1 64; do
         origin "open$size" $((size << 20))
         again() { rm -f "$bare/open$size" && archived "$served/open$size" && object=$(<"$dir/objects"); }
-        ours() { "$bench" read "$served/open$size" "$dir/origin/open$size"; }
-        theirs() { "$bench" copy "$object" "$bare/open$size"; }
-        flushed() { timed sh -c 'cp "$0" "$1" && sync "$1" && cat "$1"' "$object" "$bare/open$size"; }
+        ours() { "$at" "$object" && "$bench" read "$served/open$size" "$dir/origin/open$size"; }
+        theirs() { "$at" "$object" && "$bench" copy "$object" "$bare/open$size"; }
+        flushed() { "$at" "$object" && timed sh -c 'cp "$0" "$1" && sync "$1" && cat "$1"' "$object" "$bare/open$size"; }
+        at=cold
         in_turns "open/MiB:$size" "open, read, close $size MiB; copy of the object, and read" 1.2 again ours theirs
         in_turns "open/flushed/MiB:$size" "  the same; cp, sync, cat" '' again ours flushed
+        at=nothing
+        in_turns "open/cached/MiB:$size" "  the same as the first, the object cached" '' again ours theirs
     done
     tree() {
         rm -rf "$served/tree" && mkdir -p "$served/tree"
         for ((i = 0; i < 16; i++)); do cp "$dir/origin/open1" "$served/tree/$i"; done
         archived "$served/tree"
     }
-    ours() { timed sh -c 'cat "$0"/*' "$served/tree"; }
-    theirs() { timed xargs cat <"$dir/objects"; }
+    ours() { "$at" $(<"$dir/objects") && timed sh -c 'cat "$0"/*' "$served/tree"; }
+    theirs() { "$at" $(<"$dir/objects") && timed xargs cat <"$dir/objects"; }
+    at=cold
     in_turns open/tree "cat of 16 stubs of 1 MiB; cat of their objects" 1.2 tree ours theirs
+    at=nothing
+    in_turns open/cached/tree "  the same, the objects cached" '' tree ours theirs
 }
 
 part_second() {

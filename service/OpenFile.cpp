@@ -86,6 +86,12 @@ OpenFile OpenFile::named(const std::string& path) {
     return file;
 }
 
+OpenFile OpenFile::ofReadable(UniqueFd fd, std::string shown) {
+    OpenFile file(std::move(fd), std::move(shown));
+    file.m_readable = true;
+    return file;
+}
+
 OpenFile OpenFile::following(const std::string& path) {
     return {openAt(AT_FDCWD, path.c_str(), 0, path), path};
 }

@@ -3,6 +3,7 @@
 #include "platform/files/UniqueFd.h"
 #include "service/Failure.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -31,6 +32,8 @@ public:
 
     /// A file that is open for no access already.
     static OpenFile of(UniqueFd fd, std::string shown) { return {std::move(fd), std::move(shown)}; }
+    /// A regular file that is open for reading already.
+    static OpenFile ofReadable(UniqueFd fd, std::string shown);
 
     /// Of the file alone: fit for fstat(2) and the *at calls, and for no other access unless it is readable.
     int fd() const { return m_fd.get(); }
@@ -52,9 +55,9 @@ public:
 
     /// What the file is now.
     struct stat stat() const;
-    /// The same, or, if the file is readable, what it was when it was opened.
+    /// The same, or, if `readableIn` has opened it for reading, what it was then.
     struct stat statOfLook() const {
-        return m_readable ? m_opened : stat();
+        return m_opened ? *m_opened : stat();
     }
     /// The file, opened with open(2)'s `flags`. Reading leaves the access time alone if the system allows.
     UniqueFd open(int flags) const;
@@ -82,5 +85,5 @@ private:
     bool m_named = false;
     bool m_readable = false;
     bool m_lacksKeptText = false;
-    struct stat m_opened {}; ///< if it is readable
+    std::optional<struct stat> m_opened;
 };

@@ -121,15 +121,26 @@ private:
             std::span<const char> bytes = std::exchange(m_read, {});
             if (bytes.empty() || *piece != m_next)
                 bytes = m_source->read(*piece);
-            const long long offset = static_cast<long long>(*piece) * static_cast<long long>(kPieceSize);
-            m_job.writePiece(bytes, offset);
+            const std::uint64_t offset = *piece * kPieceSize;
+            if (const std::optional<ServedStub::Part> part = m_service.wantedPart(*m_stub, *piece);
+                part && part->begin < offset + bytes.size()) { // before the rest, to write which takes longer
+                const size_t from = part->begin - offset;
+                write(bytes.subspan(from, std::min(part->end - part->begin, bytes.size() - from)),
+                      part->begin);
+                m_service.fillPart(*m_stub, *part);
+                std::this_thread::yield(); // to whoever was answered: not each kernel interrupts what follows
+            }
+            write(bytes, offset);
             m_service.fill(*m_stub, *piece);
-            std::this_thread::yield(); // to whoever was answered: not each kernel interrupts what comes now
-            m_job.startWriting(offset, bytes.size());
+            m_job.startWriting(static_cast<long long>(offset), bytes.size());
             count(bytes.size());
             m_next = *piece + 1;
         }
         return false;
+    }
+
+    void write(std::span<const char> bytes, std::uint64_t offset) {
+        m_job.writePiece(bytes, static_cast<long long>(offset));
     }
 
     void count(std::uint64_t bytes) { m_service.count(*m_stub, bytes, m_source->takeMoved()); }
@@ -171,7 +182,7 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
     try {
         if (!fd.isOpen())
             throw systemFailure("Failed to open ", name, errno);
-        const OpenFile file = OpenFile::of(std::move(fd), name);
+        const OpenFile file = OpenFile::ofReadable(std::move(fd), name);
         try {
             serve(stub, file);
         } catch (const Failure& failure) {
@@ -202,7 +213,8 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
     if (start == RecallService::Start::Never)
         return;
     auto recall = std::make_unique<Recall>(
-        m_service, stub, m_own, OpenFile::of(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
+        m_service, stub, m_own,
+        OpenFile::ofReadable(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));
     if (recall->isDone(std::move(lock), std::move(look))) // and locked, until nobody asks for it any more
         return m_service.done(stub, false);

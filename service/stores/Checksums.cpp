@@ -18,6 +18,13 @@ void forZeros(std::uint64_t count, Take take) {
         take(zeros, std::min<std::uint64_t>(count, kZeros));
 }
 
+ChecksumState makeState() {
+    ChecksumState state(XXH3_createState());
+    if (!state)
+        throw std::bad_alloc();
+    return state;
+}
+
 std::uint64_t zeroPieceChecksum() {
     static const std::uint64_t checksum = [] {
         ChecksumStream stream;
@@ -29,10 +36,6 @@ std::uint64_t zeroPieceChecksum() {
 
 } // namespace
 
-std::uint64_t pieceChecksum(const char* bytes, size_t size) {
-    return XXH3_64bits(bytes, size);
-}
-
 std::uint64_t zerosChecksum(size_t size) {
     if (size == kPieceSize)
         return zeroPieceChecksum();
@@ -41,20 +44,30 @@ std::uint64_t zerosChecksum(size_t size) {
     return stream.finish().pieces.at(0);
 }
 
-void ChecksumStream::Free::operator()(XXH3_state_s* state) const {
+void FreeChecksumState::operator()(XXH3_state_s* state) const {
     XXH3_freeState(state);
 }
 
-ChecksumStream::ChecksumStream() : m_piece(XXH3_createState()), m_whole(XXH3_createState()) {
-    if (!m_piece || !m_whole)
-        throw std::bad_alloc();
-    XXH3_64bits_reset(m_piece.get());
+PieceChecksum::PieceChecksum() : m_state(makeState()) {
+    XXH3_64bits_reset(m_state.get());
+}
+
+void PieceChecksum::add(const char* bytes, size_t size) {
+    XXH3_64bits_update(m_state.get(), bytes, size);
+}
+
+std::uint64_t PieceChecksum::finish() {
+    const std::uint64_t sum = XXH3_64bits_digest(m_state.get());
+    XXH3_64bits_reset(m_state.get());
+    return sum;
+}
+
+ChecksumStream::ChecksumStream() : m_whole(makeState()) {
     XXH3_128bits_reset(m_whole.get());
 }
 
 void ChecksumStream::endPiece() {
-    m_sums.pieces.push_back(XXH3_64bits_digest(m_piece.get()));
-    XXH3_64bits_reset(m_piece.get());
+    m_sums.pieces.push_back(m_piece.finish());
     m_inPiece = 0;
 }
 
@@ -62,7 +75,7 @@ void ChecksumStream::add(const char* bytes, size_t size) {
     XXH3_128bits_update(m_whole.get(), bytes, size);
     while (size > 0) {
         const size_t now = std::min<std::uint64_t>(size, kPieceSize - m_inPiece);
-        XXH3_64bits_update(m_piece.get(), bytes, now);
+        m_piece.add(bytes, now);
         m_inPiece += now;
         if (m_inPiece == kPieceSize)
             endPiece();

@@ -8,6 +8,11 @@
 
 struct XXH3_state_s;
 
+struct FreeChecksumState {
+    void operator()(XXH3_state_s* state) const;
+};
+using ChecksumState = std::unique_ptr<XXH3_state_s, FreeChecksumState>;
+
 /// The unit that is compared on its own, so that a part of an object can be trusted without the rest.
 constexpr std::uint64_t kPieceSize = 4UL * 1024 * 1024;
 
@@ -19,10 +24,21 @@ struct Checksums {
     bool operator==(const Checksums&) const = default;
 };
 
-/// The checksum of one piece.
-std::uint64_t pieceChecksum(const char* bytes, size_t size);
-/// That of a piece of so many zeros.
+/// The checksum of a piece of so many zeros.
 std::uint64_t zerosChecksum(size_t size);
+
+/// Computes the checksum of one piece that goes by.
+class PieceChecksum {
+public:
+    PieceChecksum();
+
+    void add(const char* bytes, size_t size);
+    /// Ends the piece, and begins another.
+    std::uint64_t finish();
+
+private:
+    ChecksumState m_state;
+};
 
 /// Computes the checksums of a content that goes by.
 class ChecksumStream {
@@ -36,15 +52,10 @@ public:
     Checksums finish();
 
 private:
-    struct Free {
-        void operator()(XXH3_state_s* state) const;
-    };
-    using State = std::unique_ptr<XXH3_state_s, Free>;
-
     void endPiece();
 
-    State m_piece;
-    State m_whole;
+    PieceChecksum m_piece;
+    ChecksumState m_whole;
     std::uint64_t m_inPiece = 0; ///< bytes of the piece that is not complete
     Checksums m_sums;
 };

@@ -62,9 +62,8 @@ public:
     }
 
     void read(char* buffer, size_t size) override {
-        if (m_begun && m_at + size >= m_ahead)
+        if (m_at + size > m_ahead)
             readAhead(m_at + size + kPieceSize);
-        m_begun = true;
         const size_t got = readAt(m_file.get(), buffer, size, static_cast<off_t>(m_at), m_name);
         m_at += got;
         if (got < size)
@@ -90,7 +89,6 @@ private:
     std::uint64_t m_at;
     std::uint64_t m_end;
     std::uint64_t m_ahead = 0; ///< what is before is asked for
-    bool m_begun = false;
 };
 
 UniqueFd openStoreDirectory(const std::string& directory) {

@@ -62,8 +62,14 @@ std::optional<Piece> VerifiedReader::next() {
         if (!m_buffer) // which readers that wait for their turn do without
             m_buffer = makeBuffer(std::min(m_end - m_at, kPieceSize));
         piece.bytes = {m_buffer.get(), piece.part.length};
-        m_reader->read(m_buffer.get(), piece.bytes.size());
-        requireSum(m_store, m_record, m_at, pieceChecksum(piece.bytes.data(), piece.bytes.size()));
+        PieceChecksum sum; // of what is there, while the store looks for the rest
+        for (size_t at = 0; at < piece.bytes.size();) {
+            const size_t size = std::min<size_t>(piece.bytes.size() - at, kCopyBuffer);
+            m_reader->read(m_buffer.get() + at, size);
+            sum.add(m_buffer.get() + at, size);
+            at += size;
+        }
+        requireSum(m_store, m_record, m_at, sum.finish());
     }
     m_at = piece.part.end();
     return piece;
