@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <immintrin.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -23,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 /// An idle processor takes half of that to wake up, so the thread that answers looks for more before it
 /// sleeps.
 constexpr auto kPolling = std::chrono::microseconds(100);
+constexpr int kPauses = 20; ///< of the processor, half a microsecond
 constexpr useconds_t kPause = 1000; ///< until there may be room again, in microseconds
 constexpr auto kEnding = std::chrono::minutes(1);
 
@@ -169,8 +171,11 @@ void RecallService::watch(const std::stop_token& token) {
         }
         held.clear();
         const int err = m_group.read(held);
-        if (err == EAGAIN)
+        if (err == EAGAIN) { // whoever comes next needs the lock that is asked for here
+            for (int i = 0; i < kPauses; ++i)
+                _mm_pause();
             continue;
+        }
         if (err == EMFILE || err == ENFILE) {
             {
                 const std::lock_guard lock(m_mutex);
