@@ -226,6 +226,11 @@ bool isOdd(FileState state) {
     return state != FileState::Plain && state != FileState::Stub;
 }
 
+bool mayBeCopy(const struct stat& st) {
+    constexpr long long kMostBlocks = 4;
+    return allocatedBytes(st) < st.st_size && allocatedBytes(st) <= kMostBlocks * st.st_blksize;
+}
+
 FileLook lookAt(const OpenFile& file, bool inside) {
     FileLook look;
     look.st = file.statOfLook();

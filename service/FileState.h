@@ -51,6 +51,11 @@ struct FileLook {
     }
 };
 
+constexpr const char* kCopyAdvice = "If it names an object in a store, \"qzhsm adopt\" makes it a stub.";
+/// Whether a file that carries no mark may hold a stub's text and nothing else. Such a copy has a block or
+/// two, and a hole.
+bool mayBeCopy(const struct stat& st);
+
 /// Looks at a file: its mark, what is kept, and, if either is there or `inside` asks for it, its content. On
 /// file systems without attributes the content is always looked at. Throws if that cannot be done: what may
 /// not be looked at never counts as a plain file.

@@ -60,7 +60,8 @@ bool RecallJob::isDone(UniqueFd held, FileLook look) {
         throw Failure(QZHSM_NOT_A_STUB, name + " has no valid stub text: it is " + nameOf(m_look.state),
                       m_kind.advice(name, QZHSM_NOT_A_STUB));
     case FileState::Copy:
-        throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data");
+        throw Failure(QZHSM_NOT_A_STUB, name + " is a copy of a stub: it carries no mark and holds no data",
+                      kCopyAdvice);
     case FileState::HalfMarked:
     case FileState::Plain:
         break;

@@ -97,7 +97,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
         throw Failure(QZHSM_FAILURE, name + " was changed since it was stubbed: " + look.why,
                       "\"qzhsm recall --force\" gives the change up.");
     case FileState::Copy:
-        throw Failure(QZHSM_FAILURE, name + " is a copy of a stub, and holds no data");
+        throw Failure(QZHSM_FAILURE, name + " is a copy of a stub, and holds no data", kCopyAdvice);
     case FileState::Lost:
         if (look.holdsData)
             throw Failure(QZHSM_FAILURE,

@@ -1,12 +1,15 @@
 #include "service/StoreSource.h"
 
 #include "platform/logging/ProcessLog.h"
+#include "platform/stub/StubMark.h"
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/Times.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
 
@@ -73,6 +76,15 @@ ObjectRecord findObject(Store& store, const StubMetadata& metadata, const OpenFi
     return std::move(*record);
 }
 
+/// A recall service may take it for an ordinary file.
+void mark(StubKind& kind, const OpenFile& file) {
+    const UniqueFd held = kind.hold(file);
+    if (kind.announces())
+        kind.announce(file.fd());
+    if (::setxattr(file.path().c_str(), kStubMark, &kStubMarkValue, sizeof kStubMarkValue, 0) < 0)
+        throw systemFailure("Failed to mark ", file.name(), errno);
+}
+
 /// A mover that broke off may have left a part of the new record.
 void replaceOrLeave(Store& store, const ObjectRecord& record, const ObjectRecord& former) {
     try {
@@ -104,12 +116,14 @@ ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFi
             "stub. If it was moved, copied or restored from a backup, \"qzhsm adopt\" confirms it.");
 }
 
-void adopt(Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner) {
+void adopt(StubKind& kind, Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner) {
     const StubMetadata metadata = readMetadata(file, look);
     ObjectRecord record = findObject(store, metadata, file, look);
     const FileOwner owner = FileOwner::of(file.fd(), file.name());
     const auto takeTime = [&] { // a later one would pass for that of a change
-        if (look.state != FileState::Stub)
+        if (look.state == FileState::Copy)
+            mark(kind, file);
+        else if (look.state != FileState::Stub)
             return;
         putTimesBack(file, look.st.st_atim, timeOf(record.mtime));
         flushOne(file.open(O_RDONLY).get(), file.name());

@@ -54,6 +54,13 @@ Glance StubKind::glance(int, const char*) {
     return {};
 }
 
+FileLook StubKind::lookForCopy(const OpenFile& file) {
+    FileLook look = this->look(file);
+    if (look.state == FileState::Plain && look.attributes && keepsTextInFile() && mayBeCopy(look.st))
+        look = this->look(file, true);
+    return look;
+}
+
 FileLook StubKind::look(const OpenFile& file, bool) {
     FileLook look;
     look.st = file.stat();

@@ -69,6 +69,8 @@ public:
     virtual Glance glance(int directory, const char* name);
     /// What the file is. With `inside` the content of a file without a mark is looked at too.
     virtual FileLook look(const OpenFile& file, bool inside = false);
+    /// The same, with the content of what may be the copy of a stub that lacks its mark.
+    FileLook lookForCopy(const OpenFile& file);
     /// A descriptor to flush the file through: of the file, or of its directory if the file is not to be
     /// opened. While it is open no recall or stubbing of the file by others begins.
     virtual UniqueFd hold(const OpenFile& file);

@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 /// An idle processor takes half of that to wake up, so the thread that answers looks for more before it
 /// sleeps.
 constexpr auto kPolling = std::chrono::microseconds(100);
-constexpr int kPauses = 20; ///< of the processor, half a microsecond
+constexpr int kPauses = 20;         ///< of the processor, half a microsecond
 constexpr useconds_t kPause = 1000; ///< until there may be room again, in microseconds
 constexpr auto kEnding = std::chrono::minutes(1);
 

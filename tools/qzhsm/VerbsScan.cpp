@@ -14,13 +14,6 @@
 
 namespace {
 
-/// Whether a file that carries no mark may hold a stub's text and nothing else. Such a copy has a block or
-/// two, and a hole.
-bool mayBeCopy(const struct stat& st) {
-    constexpr long long kMostBlocks = 4;
-    return allocatedBytes(st) < st.st_size && allocatedBytes(st) <= kMostBlocks * st.st_blksize;
-}
-
 struct Counts {
     long long files = 0;
     long long stubs = 0;
@@ -168,9 +161,9 @@ public:
 
 private:
     void visit(const OpenFile& file) {
-        FileLook look = this->look(file);
+        FileLook look = m_kind.lookForCopy(file);
         if (isOdd(look.state) && file.isReadable()) // perhaps on its way since it was found
-            look = this->look(OpenFile::of(file.open(O_PATH), file.name()));
+            look = m_kind.lookForCopy(OpenFile::of(file.open(O_PATH), file.name()));
         if (look.countsAsStub()) {
             ++m_untold.stubs;
             m_findings.stub(file.name(), look);
@@ -180,14 +173,6 @@ private:
             m_findings.misfit(file.name(), look);
         }
         count(look.st);
-    }
-
-    FileLook look(const OpenFile& file) {
-        FileLook look = m_kind.look(file);
-        if (look.state == FileState::Plain && look.attributes && m_kind.keepsTextInFile() &&
-            mayBeCopy(look.st))
-            look = m_kind.look(file, true);
-        return look;
     }
 
     void count(const struct stat& st) {

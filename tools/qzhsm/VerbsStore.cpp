@@ -205,18 +205,21 @@ void addAdopt(CommandLine& line) {
             options->opened.begin(report);
             Walk walk(*options->opened.shown, [&](const OpenFile& file) {
                 file.as([&] {
-                    const FileLook look = kind.look(file);
+                    const FileLook look = kind.lookForCopy(file);
                     if (look.state == FileState::Plain)
                         return options->opened.shown->skipped(file.name(), "it is no stub");
                     const bool isChanged = look.state == FileState::ChangedStub;
-                    if (look.state != FileState::Stub && !(isChanged && options->force))
+                    if (look.state != FileState::Stub && look.state != FileState::Copy &&
+                        !(isChanged && options->force))
                         throw Failure(QZHSM_FAILURE,
                                       "Not adopting " + file.name() + ": it is " + nameOf(look.state));
-                    adopt(options->opened.find(readMetadata(file, look)), file, look, options->force);
+                    adopt(kind, options->opened.find(readMetadata(file, look)), file, look, options->force);
                     options->opened.shown->done(file.name(), "adopted");
                 });
             });
-            walk.glance(kind, [&](const Entry& entry, const struct stat&) {
+            walk.glance(kind, [&](const Entry& entry, const struct stat& st) {
+                if (mayBeCopy(st))
+                    return false;
                 options->opened.shown->skipped(entry.path(), "it is no stub");
                 return true;
             });

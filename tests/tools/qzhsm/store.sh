@@ -59,6 +59,10 @@ refused "$work/copy" 'was not taken from this file' recall "$work/copy"
 chown 1 "$work/copy"
 refused "$work/copy" 'belonged to user 0' adopt "$work/copy"
 expect 0 '^$' adopt --force "$work/copy"
+# One that lost its mark, as in a backup without attributes, is a stub again.
+mkdir "$work/tree" && cp -p --sparse=always "$f" "$work/tree/bare" && cp "$work/data" "$work/tree/plain"
+expect 0 '1 adopted, 1 left alone' adopt "$work/tree" && expect 0 '"state":"stub"' info --json "$work/tree/bare"
+expect 0 '^$' recall "$work/tree/bare" && same "$work/tree/bare" "$work/data" && rm -r "$work/tree"
 # One that lost its holes on the way is confirmed by force too.
 cp -p --preserve=all --sparse=never "$f" "$work/filled" && expect 1 'it is changed stub' adopt "$work/filled"
 expect 0 '^$' adopt --force "$work/filled" && expect 0 'warning' recall --force "$work/filled"
