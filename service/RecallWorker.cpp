@@ -13,11 +13,14 @@ void RecallWorker::take(OpenFile file) {
     const bool isNamed = file.isNamed();
     auto job = std::make_unique<RecallJob>(m_kind, std::move(file), m_force, m_observer);
     try {
-        job->file().as([&] { beginOrFinish(job); });
+        m_held.add(job->file().stat());
+        job->file().as([&] { begin(job); });
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
             m_observer.skipped(name, kNoStub);
+        else if (failure.code() == QZHSM_BUSY && m_held.isHeldAlready())
+            m_observer.skipped(name, SeenFiles::kHeldReason);
         else
             m_observer.failed(name, failure);
     } catch (const std::bad_alloc&) {
@@ -25,19 +28,8 @@ void RecallWorker::take(OpenFile file) {
     }
     if (m_batch.isFull())
         finish();
-}
-
-/// A file that was named twice may be locked by this worker's own batch.
-void RecallWorker::beginOrFinish(std::unique_ptr<RecallJob>& job) {
-    try {
-        begin(job);
-    } catch (const Failure& failure) {
-        if (failure.code() != QZHSM_BUSY || m_batch.isEmpty())
-            throw;
-        m_seen.forget(job->file().stat());
-        finish();
-        begin(job);
-    }
+    if (m_batch.isEmpty())
+        m_held.clear();
 }
 
 void RecallWorker::begin(std::unique_ptr<RecallJob>& job) {

@@ -24,7 +24,6 @@ public:
 
 private:
     void begin(std::unique_ptr<RecallJob>& job);
-    void beginOrFinish(std::unique_ptr<RecallJob>& job);
 
     struct PutBack {
         void operator()(RecallJob& job, const Failure& failure) const { job.putBack(failure); }
@@ -33,6 +32,7 @@ private:
     StubKind& m_kind;
     bool m_force;
     SeenFiles& m_seen;
+    SeenFiles::Batch m_held{m_seen};
     FindSource m_findSource;
     Observer& m_observer;
     JobBatch<RecallJob, PutBack> m_batch{PutBack{}};

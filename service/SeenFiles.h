@@ -4,12 +4,43 @@
 #include <set>
 #include <sys/stat.h>
 #include <utility>
+#include <vector>
 
-/// The files with several names that the workers of one run have met.
+/// The files with several names that the workers of one run have met, and all that they hold just now.
 class SeenFiles {
 public:
     /// Why one that is not new is left alone.
     static constexpr const char* kReason = "it was met under another name";
+    static constexpr const char* kHeldReason = "it was met before";
+
+    /// The files that a worker has begun with, and those of its batch.
+    class Batch {
+    public:
+        explicit Batch(SeenFiles& seen) : m_seen(seen) {}
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+        ~Batch() { clear(); }
+
+        void add(const struct stat& st) {
+            const std::lock_guard lock(m_seen.m_mutex);
+            m_files.push_back(m_seen.m_held.emplace(st.st_dev, st.st_ino));
+        }
+        /// Whether the last one is held by a worker already, since it was named twice.
+        bool isHeldAlready() const {
+            const std::lock_guard lock(m_seen.m_mutex);
+            return !m_files.empty() && m_seen.m_held.count(*m_files.back()) > 1;
+        }
+        void clear() {
+            const std::lock_guard lock(m_seen.m_mutex);
+            for (const auto& file : m_files)
+                m_seen.m_held.erase(file);
+            m_files.clear();
+        }
+
+    private:
+        SeenFiles& m_seen;
+        std::vector<std::multiset<std::pair<dev_t, ino_t>>::iterator> m_files;
+    };
 
     /// True for the first time, and for a file with one name.
     bool isNew(const struct stat& st) {
@@ -19,13 +50,8 @@ public:
         return m_seen.emplace(st.st_dev, st.st_ino).second;
     }
 
-    /// It was not worked on after all, and somebody may come back to it.
-    void forget(const struct stat& st) {
-        const std::lock_guard lock(m_mutex);
-        m_seen.erase({st.st_dev, st.st_ino});
-    }
-
 private:
     std::mutex m_mutex;
     std::set<std::pair<dev_t, ino_t>> m_seen;
+    std::multiset<std::pair<dev_t, ino_t>> m_held;
 };

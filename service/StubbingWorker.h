@@ -20,20 +20,26 @@ template <class Job>
 class StubbingWorker : public FileWorker {
 public:
     StubbingWorker(StubKind& kind, SeenFiles& seen, Observer& observer)
-        : m_kind(kind), m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}) {}
+        : m_kind(kind), m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}), m_held(seen) {}
 
     void take(OpenFile file) final {
         const std::string name = file.name();
         try {
             auto job = std::make_unique<Job>(m_kind, std::move(file));
+            m_held.add(job->look().st);
             job->file().as([&] { begin(job); });
         } catch (const Failure& failure) {
-            m_observer.failed(name, failure);
+            if (failure.code() == QZHSM_BUSY && m_held.isHeldAlready())
+                m_observer.skipped(name, SeenFiles::kHeldReason);
+            else
+                m_observer.failed(name, failure);
         } catch (const std::bad_alloc&) {
             m_observer.failed(name, systemFailure("Failed to stub ", name, ENOMEM));
         }
         if (isFull())
             this->finish();
+        if (m_batch.isEmpty())
+            m_held.clear();
     }
 
 protected:
@@ -61,4 +67,5 @@ protected:
     SeenFiles& m_seen;
     Observer& m_observer;
     JobBatch<Job, GiveUp> m_batch;
+    SeenFiles::Batch m_held;
 };
