@@ -25,9 +25,14 @@ std::string StoreSource::capabilities() const {
     return m_record.capability;
 }
 
+void StoreSource::pause() {
+    m_reader.reset();
+    std::vector<char>().swap(m_zeros);
+}
+
 std::span<const char> StoreSource::read(std::uint64_t piece) {
     if (std::exchange(m_piece, piece) != piece)
-        pause();
+        m_reader.reset();
     const std::span<const char> bytes = next();
     if (bytes.empty())
         throw Failure(QZHSM_FAILURE, name() + " has no piece " + std::to_string(piece));

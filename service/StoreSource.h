@@ -26,7 +26,7 @@ public:
     /// The bytes of a piece, valid until more are read. To go on with the next one costs least.
     std::span<const char> read(std::uint64_t piece);
     /// Gives back what is needed for reading, until more is read.
-    void pause() { m_reader.reset(); }
+    void pause();
 
 private:
     Store& m_store;

@@ -202,7 +202,7 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
     UniqueFd lock = kind().hold(file);
     UniqueFd leaseless = keepLeasesAway(file);
     FileLook look = kind().look(file, true);
-    if (settle(stub, file, look)) {
+    if (settle(file, look)) {
         leaseless = UniqueFd();
         lock = UniqueFd();
         return m_service.done(stub, false);
@@ -229,11 +229,7 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
 }
 
 /// What users did wins. True if the file is none to recall.
-bool RecallRunner::settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look) {
-    if (look.marked && look.st.st_size == 0 && m_service.hasLetTruncate(*stub)) {
-        makePlain(kind(), file, look);
-        return true;
-    }
+bool RecallRunner::settle(const OpenFile& file, const FileLook& look) {
     switch (look.state) {
     case FileState::Plain:
     case FileState::Leftover:

@@ -29,7 +29,7 @@ private:
 
     void serve(const RecallService::Stub& stub);
     void serve(const RecallService::Stub& stub, const OpenFile& file);
-    bool settle(const RecallService::Stub& stub, const OpenFile& file, const FileLook& look);
+    bool settle(const OpenFile& file, const FileLook& look);
     StubKind& kind() { return *m_own->kind; }
     void goOn(std::unique_ptr<Recall> recall);
     template <class Act>

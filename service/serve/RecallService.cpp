@@ -59,7 +59,7 @@ bool mayHaveStubText(int fd) {
 
 /// Whether somebody archives or recalls the file by hand, or has locked it for a reason of his own.
 bool isLocked(int fd) {
-    if (::flock(fd, LOCK_EX | LOCK_NB) < 0)
+    if (::flock(fd, LOCK_SH | LOCK_NB) < 0)
         return true;
     ::flock(fd, LOCK_UN);
     return false;
@@ -153,18 +153,21 @@ void RecallService::watch(const std::stop_token& token) {
     const OwnThread own(*this);
     std::vector<HeldAccess> held;
     auto last = Clock::now();
+    Clock::time_point look{};
     while (!token.stop_requested()) {
-        if (Clock::now() - last >= kPolling) {
+        const auto now = Clock::now();
+        if (m_stopping && now >= look) {
+            const std::lock_guard lock(m_mutex);
+            refuseLeft();
+            look = now + std::chrono::seconds(1);
+        }
+        if (now - last >= kPolling) {
             pollfd fds[] = {{m_group.descriptor(), POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
             constexpr int kSecond = 1000;
             const int ready = ::poll(fds, std::size(fds), m_stopping ? kSecond : -1);
             if (fds[1].revents != 0) {
                 eventfd_t count = 0;
                 ::eventfd_read(m_wake.get(), &count);
-            }
-            if (m_stopping) {
-                const std::lock_guard lock(m_mutex);
-                refuseLeft();
             }
             if (ready <= 0)
                 continue;
@@ -232,7 +235,7 @@ void RecallService::ignorePlain(int fd, const struct stat& st) {
 }
 
 void RecallService::handleStub(const HeldAccess& access, const struct stat& st) {
-    const Need need = needOf(access);
+    const Need need = needOf(access, false);
     if (need == Need::Nothing)
         return m_group.allow(access.fd);
     if (need == Need::Refused)
@@ -260,16 +263,20 @@ void RecallService::counted(ServedStub& stub, const std::function<void()>& act) 
     m_counts.waiting += stub.waiting();
 }
 
-Need RecallService::needOf(const HeldAccess& access) {
+Need RecallService::needOf(const HeldAccess& access, bool isHeld) {
     const CallerWants wants = wantsOf(access.tid);
     if (wants == CallerWants::Unclear)
         return Need::Unclear;
     struct stat st {};
     if (::fstat(access.fd, &st) < 0)
         return Need::Ended;
-    if (wants == CallerWants::Truncate &&
-        access.isOpen) // of an empty one nobody could see that he has done so
-        return st.st_size > 0 && !isLocked(access.fd) ? Need::Truncate : Need::Ended;
+    // Of an empty one nobody could see that he has done so, and with a text that is kept it would pass for
+    // one that a recall or stubbing has left.
+    if (wants == CallerWants::Truncate && access.isOpen)
+        return st.st_size > 0 && carries(access.fd, kStubTextAttribute) == 0 &&
+                       (isHeld || !isLocked(access.fd))
+                   ? Need::Truncate
+                   : Need::Ended;
     const bool anyRules = !m_rules.refusePrograms.empty() || !m_rules.rangePrograms.empty();
     const CallerProgram program = anyRules ? programOf(access.tid) : CallerProgram{};
     // An empty file has mostly been truncated just now, and will be filled by whoever did so.
@@ -286,8 +293,10 @@ Need RecallService::needOf(const HeldAccess& access) {
     return access.isOpen ? Need::Nothing : Need::Range;
 }
 
+/// By whoever holds the file.
 void RecallService::reconsider(ServedStub& stub) {
-    counted(stub, [&] { stub.reconsider([this](const HeldAccess& access) { return needOf(access); }); });
+    counted(stub,
+            [&] { stub.reconsider([this](const HeldAccess& access) { return needOf(access, true); }); });
 }
 
 ServeStatus RecallService::status() const {

@@ -96,8 +96,6 @@ public:
     /// Somebody else holds this file, which has so many blocks: it comes again by `next`, while others get
     /// their turn. False if it is to fail.
     bool postpone(const Stub& stub, long long blocks);
-    /// Whether somebody was let through to truncate the file.
-    bool hasLetTruncate(const ServedStub& stub) const;
     enum class Start { Now, Later, Never };
     /// Whether to begin a recall: later, if somebody may be about to truncate the file; never, if nobody has
     /// asked who may cause recalls. Then the work on it has ended.
@@ -120,7 +118,7 @@ private:
     bool isPassed(pid_t tid);
     void ignorePlain(int fd, const struct stat& st);
     void handleStub(const HeldAccess& access, const struct stat& st);
-    Need needOf(const HeldAccess& access);
+    Need needOf(const HeldAccess& access, bool isHeld);
     void reconsider(ServedStub& stub);
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);

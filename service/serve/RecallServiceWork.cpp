@@ -127,11 +127,6 @@ bool RecallService::isAwaited(ServedStub& stub) {
     return awaited;
 }
 
-bool RecallService::hasLetTruncate(const ServedStub& stub) const {
-    const std::lock_guard lock(m_mutex);
-    return stub.letTruncate();
-}
-
 RecallService::Start RecallService::mayBegin(const Stub& stub) {
     std::unique_lock lock(m_mutex);
     reconsider(*stub);

@@ -1,5 +1,6 @@
 #include "service/serve/RecallServices.h"
 
+#include "platform/watch/FileSystems.h"
 #include "service/Failure.h"
 #include "service/serve/SocketMessage.h"
 
@@ -59,7 +60,7 @@ std::vector<std::string> socketsIn(const std::string& runtimeDirectory) {
     std::error_code none;
     for (const auto& entry : std::filesystem::directory_iterator(runtimeDirectory, none))
         if (entry.path().extension() == ".sock")
-            sockets.push_back(entry.path());
+            sockets.push_back(runtimeDirectory + '/' + entry.path().filename().native());
     return sockets;
 }
 
@@ -98,7 +99,7 @@ bool RecallServices::areNone() {
         if (fd.isOpen())
             m_services.push_back({socket, st.st_ino, st.st_ctim, std::move(fd)});
         else if (::access(socket.c_str(), F_OK) == 0) // one that comes to its end takes it away
-            m_dead = socket;
+            m_dead.push_back(socket);
     }
     return m_services.empty() && m_closed.empty() && m_dead.empty();
 }
@@ -106,8 +107,11 @@ bool RecallServices::areNone() {
 void RecallServices::heed(const std::vector<int>& files) {
     if (!m_closed.empty())
         throw unreachable(m_closed, EACCES);
-    if (!m_dead.empty())
-        throw died(m_dead);
+    for (const int fd : m_dead.empty() ? std::vector<int>() : files) {
+        const dev_t fileSystem = fileSystemOf("/proc/self/fd/" + std::to_string(fd));
+        if (std::ranges::find(m_dead, socketPath(m_runtimeDirectory, fileSystem)) != m_dead.end())
+            throw died(socketPath(m_runtimeDirectory, fileSystem));
+    }
     const auto hasHeard = [&](const Service& service) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);

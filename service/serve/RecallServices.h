@@ -23,7 +23,7 @@ public:
     /// Looks for services that have come since.
     bool areNone();
     /// These files, open in this process, are about to become stubs. Tells those that `areNone` has found,
-    /// and throws if one of them does not listen to this user, or has died.
+    /// and throws if one of them does not listen to this user, or the one of their file system has died.
     void heed(const std::vector<int>& files);
 
     /// What each service answers to "status" or "metrics". For callers that only ask.
@@ -41,6 +41,6 @@ private:
 
     std::string m_runtimeDirectory;
     std::vector<Service> m_services;
-    std::string m_closed; ///< the socket of one that does not listen to this user
-    std::string m_dead;   ///< the socket of one that has died
+    std::string m_closed;            ///< the socket of one that does not listen to this user
+    std::vector<std::string> m_dead; ///< the sockets of those that have died
 };

@@ -28,10 +28,11 @@ bool ServedStub::take(const Waiting& waiting) {
 
 bool ServedStub::isBeingTruncated(const IsAlive& isAlive, Clock::time_point now) {
     constexpr auto kLongest = std::chrono::seconds(1); // the kernel may not let him
+    const bool wasTruncated = !m_truncating.empty();
     std::erase_if(m_truncating, [&](const Truncating& truncating) {
         return now - truncating.since >= kLongest || !isAlive(truncating.tid);
     });
-    return !m_truncating.empty();
+    return wasTruncated;
 }
 
 std::optional<ServedStub::Clock::time_point> ServedStub::heldUp(long long blocks, Clock::time_point now) {

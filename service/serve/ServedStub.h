@@ -55,11 +55,9 @@ public:
     void add(const HeldAccess& access, Need need);
 
     using IsAlive = std::function<bool(pid_t)>;
-    /// Whether somebody was let through to truncate the file, and may not have done so yet. Whether he may
-    /// is for the kernel to say, so the service does it for nobody.
+    /// Whether somebody was let through to truncate the file, and may not have done so when this was asked
+    /// last. Whether he may is for the kernel to say, so the service does it for nobody.
     bool isBeingTruncated(const IsAlive& isAlive, Clock::time_point now);
-    /// Whether anybody was.
-    bool letTruncate() const { return m_letTruncate; }
     /// From now on whoever wants to truncate it waits for the end of its recall.
     void close() { m_begun = true; }
 

@@ -29,3 +29,6 @@ struct Serving {
     Shared* shared = nullptr;
     bool isAgain = false; ///< another worker has served before
 };
+
+/// A tool that finds them gone tells nobody of the files that it makes stubs: none may be ignored any more.
+void removeSockets(const Serving& serving);

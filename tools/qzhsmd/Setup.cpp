@@ -132,10 +132,8 @@ void requireToBeAlone(const Served& served) {
             throw servedAlready(directory, ", by process " + std::to_string(other));
 }
 
-/// A parked group has the marks of what was served before, and does not ask about files that tools may have
-/// made stubs since.
+/// What a parked group has marked and is served no more.
 void forget(PreContentGroup& group, const Served& served, const std::string& runtimeDirectory) {
-    group.heedAll();
     for (const dev_t fileSystem : markedFileSystems(group.descriptor())) {
         if (served.contains(fileSystem))
             continue;
@@ -185,6 +183,10 @@ void begin(Serving& serving) {
     const Served served = fileSystemsOf(serving.directories);
     for (const auto& [fileSystem, directory] : served)
         serving.descriptors.locks.push_back(lockFileSystem(socketPath(runtime, fileSystem), directory));
+    // A parked group has the marks of what was served before, and does not ask about files that tools may
+    // have made stubs since. Until it does, the sockets that are left keep them from that.
+    PreContentGroup group = openGroup();
+    group.heedAll();
     const SocketsOfAFailure sockets(serving.sockets);
     for (const auto& [fileSystem, directory] : served) {
         serving.sockets.push_back(socketPath(runtime, fileSystem));
@@ -194,7 +196,6 @@ void begin(Serving& serving) {
     if (!parks)
         say("readers will not wait if all processes die: "
             "the program, its configuration or its sockets lie on a file system that is served");
-    PreContentGroup group = openGroup();
     for (const auto& [fileSystem, directory] : served)
         mark(group, directory);
     requireToBeAlone(served);

@@ -59,6 +59,11 @@ void refuseStub(PreContentGroup& group, int fd) {
 
 } // namespace
 
+void removeSockets(const Serving& serving) {
+    for (const std::string& socket : serving.sockets)
+        ::unlink(socket.c_str());
+}
+
 Supervisor::Supervisor(Serving& serving) : m_serving(serving), m_shared(*serving.shared) {
     sigset_t signals;
     ::sigemptyset(&signals);
@@ -88,10 +93,9 @@ void Supervisor::run() {
             continue;
         wait();
     }
-    // A tool that finds the sockets gone has nobody to tell, and the group may live on without us.
-    withGroup([](PreContentGroup& group) { group.heedAll(); }); // unless the worker has closed it
-    for (const std::string& socket : m_serving.sockets)
-        ::unlink(socket.c_str());
+    // A worker that died has not done this. The group may live on without us.
+    withGroup([](PreContentGroup& group) { group.heedAll(); });
+    removeSockets(m_serving);
     refuseNew();
     sendSignal(m_shared.standby, SIGKILL);
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <list>
+#include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -94,20 +95,25 @@ void work(Serving& serving) {
     PreContentGroup group{UniqueFd(serving.descriptors.group)};
     RecallService service(group, serving.rules);
     service.takeOver(serving.descriptors.held);
-    Control control(service, serving); // knows whom not to hold up, so before the first access is looked at
+    std::optional<Control> control(
+        std::in_place, service,
+        serving); // knows whom not to hold up, so before the first access is looked at
     service.start();
     // From here on accesses are answered, those of this process too: it may open files. What a worker that
     // died had read anew has died with it.
     if (serving.isAgain)
-        control.readRules();
+        control->readRules();
     {
         NamedStores stores;
         std::list<Runner> runners;
         for (int i = 0; i < serving.rules.workers; ++i)
             runners.emplace_back(service, stores);
-        control.run();
+        control->run();
         RecallService::log("ending");
         service.stop();
+        // No tool has to tell of files any more, and those that wait for an answer see that.
+        removeSockets(serving);
+        control.reset();
     }
     serving.shared->hasEnded = true; // then the group is closed
 }

@@ -66,11 +66,13 @@ TEST_F(ServedStubTest, LetsThroughWhoeverTruncatesItBeforeItsRecall) {
     killed.tid = 2;
     stub.add(killed, Need::Truncate);
     EXPECT_FALSE(waits(killed));
-    EXPECT_FALSE(stub.isBeingTruncated(living, now)) << "who was killed truncates nothing";
+    EXPECT_TRUE(stub.isBeingTruncated(living, now)) << "he may have, before he was killed";
+    EXPECT_FALSE(stub.isBeingTruncated(living, now));
     stub.add(access(), Need::Unclear);
     EXPECT_TRUE(stub.isUnclear());
     stub.reconsider([](const HeldAccess&) { return Need::Truncate; });
     EXPECT_TRUE(stub.isBeingTruncated(living, now));
+    EXPECT_TRUE(stub.isBeingTruncated(living, now + 2s)) << "since it was looked at last";
     EXPECT_FALSE(stub.isBeingTruncated(living, now + 2s)) << "the kernel may not let him";
     const HeldAccess unclear = access();
     stub.add(unclear, Need::Unclear);
