@@ -196,8 +196,6 @@ void RecallJob::setSize(long long size) {
 }
 
 void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
-    timespec began{};
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &began);
     requireUntouched(); // writers wait, but not those who had the file open before anybody was told to
     m_written = m_pageWritten = m_isMoved = true;
     const size_t text = offset == 0 ? std::min(endOfPage(), bytes.size()) : 0;
@@ -208,11 +206,7 @@ void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
         file.write({bytes.data(), text}, 0);
     write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
     file.close();
-    const timespec before = m_time;
     setTime(); // to put back that of the data each time would cost readers more
-    m_isChanged = !isSameTime(m_time, before) && m_time.tv_sec < began.tv_sec;
-    if (m_isChanged) // somebody who sees a part of the piece already has set it meanwhile
-        throw changed();
     m_observer.bytes(static_cast<long long>(bytes.size()));
 }
 
@@ -263,16 +257,12 @@ bool RecallJob::isSame() const {
     return now.st_size == m_size && isSameTime(now.st_mtim, m_time);
 }
 
-Failure RecallJob::changed() const {
-    return {QZHSM_BUSY, m_file.name() + " was changed while it was recalled"};
-}
-
 /// Between two steps others may come near: another recall may have ended, or a user have written.
 void RecallJob::requireUntouched() {
     if (m_kind.keepsTextInFile()) {
         m_isChanged = !isSame();
         if (m_isChanged)
-            throw changed();
+            throw Failure(QZHSM_BUSY, m_file.name() + " was changed while it was recalled");
     } else if (!m_kind.isStub(m_kind.pathOf(m_file), m_look.st)) {
         throw Failure(QZHSM_NOT_A_STUB, m_file.name() + " has ceased to be a stub");
     }

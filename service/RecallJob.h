@@ -65,7 +65,6 @@ private:
     /// Where the blocks that hold the stub's text end.
     size_t endOfPage() const;
     bool isSame() const;
-    Failure changed() const;
     void requireUntouched();
     void pin();
     void setTime();

@@ -121,26 +121,15 @@ private:
             std::span<const char> bytes = std::exchange(m_read, {});
             if (bytes.empty() || *piece != m_next)
                 bytes = m_source->read(*piece);
-            const std::uint64_t offset = *piece * kPieceSize;
-            if (const std::optional<ServedStub::Part> part = m_service.wantedPart(*m_stub, *piece);
-                part && part->begin < offset + bytes.size()) { // before the rest, to write which takes longer
-                const size_t from = part->begin - offset;
-                write(bytes.subspan(from, std::min(part->end - part->begin, bytes.size() - from)),
-                      part->begin);
-                m_service.fillPart(*m_stub, *part);
-                std::this_thread::yield(); // to whoever was answered: not each kernel interrupts what follows
-            }
-            write(bytes, offset);
+            const long long offset = static_cast<long long>(*piece) * static_cast<long long>(kPieceSize);
+            m_job.writePiece(bytes, offset);
             m_service.fill(*m_stub, *piece);
-            m_job.startWriting(static_cast<long long>(offset), bytes.size());
+            std::this_thread::yield(); // to whoever was answered: not each kernel interrupts what follows
+            m_job.startWriting(offset, bytes.size());
             count(bytes.size());
             m_next = *piece + 1;
         }
         return false;
-    }
-
-    void write(std::span<const char> bytes, std::uint64_t offset) {
-        m_job.writePiece(bytes, static_cast<long long>(offset));
     }
 
     void count(std::uint64_t bytes) { m_service.count(*m_stub, bytes, m_source->takeMoved()); }
@@ -199,12 +188,11 @@ void RecallRunner::serve(const RecallService::Stub& stub) {
 
 /// Throws only what came before the recall.
 void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) {
-    UniqueFd lock = kind().hold(file);
+    UniqueFd lock = kind().hold(file); // until readers go on: to be archived again would change what they see
     UniqueFd leaseless = keepLeasesAway(file);
     FileLook look = kind().look(file, true);
     if (settle(file, look)) {
         leaseless = UniqueFd();
-        lock = UniqueFd();
         return m_service.done(stub, false);
     }
     const RecallService::Start start = m_service.mayBegin(stub);

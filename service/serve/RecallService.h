@@ -84,9 +84,7 @@ public:
     void begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t pieceSize);
     /// The piece to bring; none if all are there. Throws if this recall is to be given up.
     std::optional<std::uint64_t> wanted(ServedStub& stub, std::uint64_t after);
-    std::optional<ServedStub::Part> wantedPart(const ServedStub& stub, std::uint64_t piece) const;
     void fill(ServedStub& stub, std::uint64_t piece);
-    void fillPart(ServedStub& stub, ServedStub::Part part);
     /// So many further bytes of the file are there, for which so many were moved. Waits until the bandwidth
     /// allows more.
     void count(ServedStub& stub, std::uint64_t bytes, std::uint64_t moved);

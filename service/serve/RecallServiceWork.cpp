@@ -81,19 +81,9 @@ std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64
     return stub.wanted(after);
 }
 
-std::optional<ServedStub::Part> RecallService::wantedPart(const ServedStub& stub, std::uint64_t piece) const {
-    const std::lock_guard lock(m_mutex);
-    return stub.wantedPart(piece);
-}
-
 void RecallService::fill(ServedStub& stub, std::uint64_t piece) {
     const std::lock_guard lock(m_mutex);
     counted(stub, [&] { stub.fill(piece); });
-}
-
-void RecallService::fillPart(ServedStub& stub, ServedStub::Part part) {
-    const std::lock_guard lock(m_mutex);
-    counted(stub, [&] { stub.fillPart(part); });
 }
 
 void RecallService::count(ServedStub& stub, std::uint64_t bytes, std::uint64_t moved) {

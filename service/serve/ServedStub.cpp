@@ -49,7 +49,6 @@ std::optional<ServedStub::Clock::time_point> ServedStub::heldUp(long long blocks
 
 void ServedStub::begin(std::uint64_t pieces, std::uint64_t pieceSize) {
     m_filled.assign(pieces, false);
-    m_part = {};
     m_begun = true;
     m_pieceSize = pieceSize;
 }
@@ -59,8 +58,6 @@ bool ServedStub::isThere(const HeldAccess& access) const {
         return false;
     const std::uint64_t first = access.offset / m_pieceSize;
     const std::uint64_t end = access.offset + std::max<std::uint64_t>(access.count, 1);
-    if (access.offset >= m_part.begin && end <= m_part.end)
-        return true;
     for (std::uint64_t piece = first; piece < m_filled.size() && piece * m_pieceSize < end; ++piece)
         if (!m_filled[piece])
             return false;
@@ -121,25 +118,8 @@ std::optional<std::uint64_t> ServedStub::wanted(std::uint64_t after) const {
     return static_cast<std::uint64_t>(found - m_filled.begin());
 }
 
-std::optional<ServedStub::Part> ServedStub::wantedPart(std::uint64_t piece) const {
-    constexpr std::uint64_t kLeast = std::uint64_t{128} << 10; // he reads on, and the kernel ahead
-    const std::uint64_t pieceEnd = (piece + 1) * m_pieceSize;
-    for (const Waiting& waiting : m_waiting) {
-        const HeldAccess& access = waiting.access;
-        const std::uint64_t end = access.offset + access.count;
-        if (waiting.need == Need::Range && access.offset >= piece * m_pieceSize && end <= pieceEnd)
-            return Part{access.offset, std::min(std::max(end, access.offset + kLeast), pieceEnd)};
-    }
-    return {};
-}
-
 void ServedStub::fill(std::uint64_t piece) {
     m_filled[piece] = true;
-    answerMet();
-}
-
-void ServedStub::fillPart(Part part) {
-    m_part = part;
     answerMet();
 }
 

@@ -33,11 +33,6 @@ struct FileKey {
 class ServedStub {
 public:
     using Clock = std::chrono::steady_clock;
-    /// In bytes of the file.
-    struct Part {
-        std::uint64_t begin = 0;
-        std::uint64_t end = 0;
-    };
 
     /// `cause` tells who asked first.
     ServedStub(PreContentGroup& group, FileKey key, std::string name, std::string cause)
@@ -73,11 +68,8 @@ public:
     /// A piece that is missing: one that somebody waits for, else the first from `after` on, else the first.
     /// Nothing if all are there.
     std::optional<std::uint64_t> wanted(std::uint64_t after) const;
-    /// What somebody waits for, if it lies within the piece.
-    std::optional<Part> wantedPart(std::uint64_t piece) const;
-    /// A piece is there, or a part of one. Answers those who waited for nothing more.
+    /// A piece is there. Answers those who waited for nothing more.
     void fill(std::uint64_t piece);
-    void fillPart(Part part);
     /// So many further bytes are there.
     void count(std::uint64_t bytes) { m_bytes += bytes; }
 
@@ -128,7 +120,6 @@ private:
     std::vector<Waiting> m_waiting;
     std::vector<Truncating> m_truncating;
     std::vector<bool> m_filled;
-    Part m_part; ///< that is there of a piece that is not
     std::uint64_t m_pieceSize = 1;
     Clock::time_point m_heldSince{};
     long long m_heldBlocks = -1;

@@ -98,12 +98,10 @@ void refuseForgotten(PreContentGroup& group) {
         group.denyNumber(static_cast<int>(number), EIO);
 }
 
-PreContentGroup openGroup() {
-    const int parked = parkedGroup();
+PreContentGroup openGroup(int parked) {
     if (parked >= 0) {
         PreContentGroup group{UniqueFd(::fcntl(parked, F_DUPFD, STDERR_FILENO + 1))};
         ::close(parked);
-        refuseForgotten(group);
         return group;
     }
     PreContentGroup group;
@@ -181,11 +179,14 @@ void begin(Serving& serving) {
     // Nobody answers yet: once the first mark is there, no file must be opened. And once it is there tools
     // must find the sockets.
     const Served served = fileSystemsOf(serving.directories);
+    const int parked = parkedGroup();
+    PreContentGroup group = openGroup(parked); // who must not have one is to hear that first
     for (const auto& [fileSystem, directory] : served)
         serving.descriptors.locks.push_back(lockFileSystem(socketPath(runtime, fileSystem), directory));
     // A parked group has the marks of what was served before, and does not ask about files that tools may
     // have made stubs since. Until it does, the sockets that are left keep them from that.
-    PreContentGroup group = openGroup();
+    if (parked >= 0)
+        refuseForgotten(group);
     group.heedAll();
     const SocketsOfAFailure sockets(serving.sockets);
     for (const auto& [fileSystem, directory] : served) {

@@ -88,26 +88,6 @@ TEST_F(ServedStubTest, LetsThroughWhoeverTruncatesItBeforeItsRecall) {
     EXPECT_FALSE(stub.isLeft()) << "somebody went on";
 }
 
-TEST_F(ServedStubTest, AnswersWhoeverWaitsForAPartBeforeTheWholePiece) {
-    constexpr std::uint64_t kLarge = 1 << 20;
-    const HeldAccess part = access(kLarge + 4096, 4096);
-    const HeldAccess more = access(2 * kLarge - 4096, 8192);
-    const HeldAccess none = access(0, 0);
-    for (const HeldAccess& range : {part, more, none})
-        stub.add(range, Need::Range);
-    stub.begin(4, kLarge);
-    EXPECT_FALSE(stub.wantedPart(2));
-    const ServedStub::Part wanted = stub.wantedPart(1).value();
-    EXPECT_EQ(wanted.begin, kLarge + 4096);
-    stub.fillPart(wanted);
-    EXPECT_FALSE(waits(part));
-    EXPECT_TRUE(waits(more));
-    EXPECT_TRUE(waits(none)) << "a part that is not there";
-    EXPECT_FALSE(stub.wantedPart(1)) << "what is asked for beyond the piece";
-    EXPECT_FALSE(stub.takeBack()) << "somebody has seen it";
-    stub.denyAll(5);
-}
-
 TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
     stub.begin(2, kPiece);
     stub.fill(0);

@@ -134,6 +134,8 @@ as_user() { setpriv --reuid=65534 --clear-groups "$plain" "$@"; }
 qzhsm=as_user expect 0 '"state":"plain"' info --json "$fs/his"
 qzhsm=as_user expect 1 'Failed to reach the recall service at .*: Permission denied' stub "$fs/his" --meta m
 same "$fs/his" "$work/data"
+setpriv --reuid=65534 --clear-groups "$service" "$fs" >"$work/out" 2>&1
+[ $? -eq 1 ] && grep -q 'CAP_SYS_ADMIN' "$work/out" || fail "who may not serve: $(<"$work/out")"
 
 # A time that is set meanwhile makes no part the whole.
 head -c 1000 "$work/seen" | cmp -s - <(dd if="$fs/touched" bs=1000 count=1 status=none) || fail "the first piece"
