@@ -19,7 +19,7 @@ void RecallWorker::take(OpenFile file) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
             m_observer.skipped(name, kNoStub);
-        else if (failure.code() == QZHSM_BUSY && m_held.isHeldAlready())
+        else if (failure.code() == QZHSM_BUSY && m_held.isShared())
             m_observer.skipped(name, SeenFiles::kHeldReason);
         else
             m_observer.failed(name, failure);

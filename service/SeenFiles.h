@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <set>
 #include <sys/stat.h>
@@ -8,6 +9,13 @@
 
 /// The files with several names that the workers of one run have met, and all that they hold just now.
 class SeenFiles {
+    using File = std::pair<dev_t, ino_t>;
+    struct Holders {
+        int now = 0;
+        int ever = 0; ///< since there was none
+    };
+    using Held = std::map<File, Holders>;
+
 public:
     /// Why one that is not new is left alone.
     static constexpr const char* kReason = "it was met under another name";
@@ -23,23 +31,26 @@ public:
 
         void add(const struct stat& st) {
             const std::lock_guard lock(m_seen.m_mutex);
-            m_files.push_back(m_seen.m_held.emplace(st.st_dev, st.st_ino));
+            m_files.push_back(m_seen.m_held.try_emplace({st.st_dev, st.st_ino}).first);
+            ++m_files.back()->second.now;
+            ++m_files.back()->second.ever;
         }
-        /// Whether the last one is held by a worker already, since it was named twice.
-        bool isHeldAlready() const {
+        /// Whether a worker has held the last one as well since this one does, for it was named twice.
+        bool isShared() const {
             const std::lock_guard lock(m_seen.m_mutex);
-            return !m_files.empty() && m_seen.m_held.count(*m_files.back()) > 1;
+            return !m_files.empty() && m_files.back()->second.ever > 1;
         }
         void clear() {
             const std::lock_guard lock(m_seen.m_mutex);
             for (const auto& file : m_files)
-                m_seen.m_held.erase(file);
+                if (--file->second.now == 0)
+                    m_seen.m_held.erase(file);
             m_files.clear();
         }
 
     private:
         SeenFiles& m_seen;
-        std::vector<std::multiset<std::pair<dev_t, ino_t>>::iterator> m_files;
+        std::vector<Held::iterator> m_files;
     };
 
     /// True for the first time, and for a file with one name.
@@ -52,6 +63,6 @@ public:
 
 private:
     std::mutex m_mutex;
-    std::set<std::pair<dev_t, ino_t>> m_seen;
-    std::multiset<std::pair<dev_t, ino_t>> m_held;
+    std::set<File> m_seen;
+    Held m_held;
 };

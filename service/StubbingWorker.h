@@ -29,7 +29,7 @@ public:
             m_held.add(job->look().st);
             job->file().as([&] { begin(job); });
         } catch (const Failure& failure) {
-            if (failure.code() == QZHSM_BUSY && m_held.isHeldAlready())
+            if (failure.code() == QZHSM_BUSY && m_held.isShared())
                 m_observer.skipped(name, SeenFiles::kHeldReason);
             else
                 m_observer.failed(name, failure);
