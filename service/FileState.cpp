@@ -226,6 +226,11 @@ bool isOdd(FileState state) {
     return state != FileState::Plain && state != FileState::Stub;
 }
 
+void requireUntouched(const OpenFile& file, const FileLook& look) {
+    if (!isUntouched(file.stat(), look.st))
+        throw Failure(QZHSM_BUSY, file.name() + " was changed while it was looked at");
+}
+
 bool mayBeCopy(const struct stat& st) {
     constexpr long long kMostBlocks = 4;
     return allocatedBytes(st) < st.st_size && allocatedBytes(st) <= kMostBlocks * st.st_blksize;

@@ -51,6 +51,9 @@ struct FileLook {
     }
 };
 
+/// Throws if the file was changed since that look.
+void requireUntouched(const OpenFile& file, const FileLook& look);
+
 constexpr const char* kCopyAdvice = "If it names an object in a store, \"qzhsm adopt\" makes it a stub.";
 /// Whether a file that carries no mark may hold a stub's text and nothing else. Such a copy has a block or
 /// two, and a hole.

@@ -13,14 +13,16 @@ void RecallWorker::take(OpenFile file) {
     const bool isNamed = file.isNamed();
     auto job = std::make_unique<RecallJob>(m_kind, std::move(file), m_force, m_observer);
     try {
-        m_held.add(job->file().stat());
+        std::optional<SeenFiles::Claim> claim = m_seen.claim(job->file().stat());
+        if (!claim)
+            return m_observer.skipped(name, SeenFiles::kReason);
         job->file().as([&] { begin(job); });
+        if (!job) // but in the batch
+            m_claims.push_back(std::move(*claim));
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
         if (!isNamed && failure.code() == QZHSM_NOT_A_STUB && job->look().state == FileState::Plain)
             m_observer.skipped(name, kNoStub);
-        else if (failure.code() == QZHSM_BUSY && m_held.isShared())
-            m_observer.skipped(name, SeenFiles::kHeldReason);
         else
             m_observer.failed(name, failure);
     } catch (const std::bad_alloc&) {
@@ -29,7 +31,7 @@ void RecallWorker::take(OpenFile file) {
     if (m_batch.isFull())
         finish();
     if (m_batch.isEmpty())
-        m_held.clear();
+        m_claims.clear();
 }
 
 void RecallWorker::begin(std::unique_ptr<RecallJob>& job) {

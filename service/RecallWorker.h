@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 /// Recalls stubs, several together: each step is taken for all of them, and flushed once.
 class RecallWorker final : public FileWorker {
@@ -32,8 +33,8 @@ private:
     StubKind& m_kind;
     bool m_force;
     SeenFiles& m_seen;
-    SeenFiles::Batch m_held{m_seen};
     FindSource m_findSource;
     Observer& m_observer;
     JobBatch<RecallJob, PutBack> m_batch{PutBack{}};
+    std::vector<SeenFiles::Claim> m_claims; ///< of those in the batch
 };

@@ -109,8 +109,7 @@ void repair(StubKind& kind, const OpenFile& file, bool dryRun, Observer& observe
                       "The records of the store, files named *.json, have the path that each object had.");
     }
     if (!dryRun) {
-        if (!isUntouched(file.stat(), look.st)) // a comparison may have taken long
-            throw Failure(QZHSM_BUSY, name + " was changed while it was looked at");
+        requireUntouched(file, look); // a comparison may have taken long
         wayOut(kind, file, look, fd.get());
     }
     observer.done(name,

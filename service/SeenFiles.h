@@ -1,57 +1,45 @@
 #pragma once
 
-#include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sys/stat.h>
 #include <utility>
-#include <vector>
 
-/// The files with several names that the workers of one run have met, and all that they hold just now.
+/// The files that the workers of one run have just now, and those with several names that they have met.
 class SeenFiles {
-    using File = std::pair<dev_t, ino_t>;
-    struct Holders {
-        int now = 0;
-        int ever = 0; ///< since there was none
-    };
-    using Held = std::map<File, Holders>;
+    using Files = std::set<std::pair<dev_t, ino_t>>;
 
 public:
-    /// Why one that is not new is left alone.
-    static constexpr const char* kReason = "it was met under another name";
-    static constexpr const char* kHeldReason = "it was met before";
+    /// Why one that another worker has, or that is not new, is left alone.
+    static constexpr const char* kReason = "it was met before";
 
-    /// The files that a worker has begun with, and those of its batch.
-    class Batch {
+    /// A file that is one worker's, for as long as the object lives.
+    class Claim {
     public:
-        explicit Batch(SeenFiles& seen) : m_seen(seen) {}
-        Batch(const Batch&) = delete;
-        Batch& operator=(const Batch&) = delete;
-        ~Batch() { clear(); }
-
-        void add(const struct stat& st) {
-            const std::lock_guard lock(m_seen.m_mutex);
-            m_files.push_back(m_seen.m_held.try_emplace({st.st_dev, st.st_ino}).first);
-            ++m_files.back()->second.now;
-            ++m_files.back()->second.ever;
-        }
-        /// Whether a worker has held the last one as well since this one does, for it was named twice.
-        bool isShared() const {
-            const std::lock_guard lock(m_seen.m_mutex);
-            return !m_files.empty() && m_files.back()->second.ever > 1;
-        }
-        void clear() {
-            const std::lock_guard lock(m_seen.m_mutex);
-            for (const auto& file : m_files)
-                if (--file->second.now == 0)
-                    m_seen.m_held.erase(file);
-            m_files.clear();
+        Claim(SeenFiles& seen, Files::iterator file) : m_seen(&seen), m_file(file) {}
+        Claim(Claim&& other) noexcept : m_seen(std::exchange(other.m_seen, nullptr)), m_file(other.m_file) {}
+        Claim(const Claim&) = delete;
+        Claim& operator=(const Claim&) = delete;
+        Claim& operator=(Claim&&) = delete;
+        ~Claim() {
+            if (!m_seen)
+                return;
+            const std::lock_guard lock(m_seen->m_mutex);
+            m_seen->m_claimed.erase(m_file);
         }
 
     private:
-        SeenFiles& m_seen;
-        std::vector<Held::iterator> m_files;
+        SeenFiles* m_seen;
+        Files::iterator m_file;
     };
+
+    /// Nothing if a worker has it: it was named twice, or lies below a directory that was named too.
+    std::optional<Claim> claim(const struct stat& st) {
+        const std::lock_guard lock(m_mutex);
+        const auto [file, isFree] = m_claimed.emplace(st.st_dev, st.st_ino);
+        return isFree ? std::optional<Claim>(std::in_place, *this, file) : std::nullopt;
+    }
 
     /// True for the first time, and for a file with one name.
     bool isNew(const struct stat& st) {
@@ -63,6 +51,6 @@ public:
 
 private:
     std::mutex m_mutex;
-    std::set<File> m_seen;
-    Held m_held;
+    Files m_claimed;
+    Files m_seen;
 };

@@ -82,8 +82,9 @@ ObjectRecord findObject(Store& store, const StubMetadata& metadata, const OpenFi
 }
 
 /// A recall service may take it for an ordinary file.
-void mark(StubKind& kind, const OpenFile& file) {
+void mark(StubKind& kind, const OpenFile& file, const FileLook& look) {
     const UniqueFd held = kind.hold(file);
+    requireUntouched(file, look);
     if (kind.announces())
         kind.announce(file.fd());
     if (::setxattr(file.path().c_str(), kStubMark, &kStubMarkValue, sizeof kStubMarkValue, 0) < 0)
@@ -127,7 +128,7 @@ void adopt(StubKind& kind, Store& store, const OpenFile& file, const FileLook& l
     const FileOwner owner = FileOwner::of(file.fd(), file.name());
     const auto takeTime = [&] { // a later one would pass for that of a change
         if (look.state == FileState::Copy)
-            mark(kind, file);
+            mark(kind, file, look);
         else if (look.state != FileState::Stub)
             return;
         putTimesBack(file, look.st.st_atim, timeOf(record.mtime));

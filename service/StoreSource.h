@@ -46,9 +46,8 @@ ObjectRecord findRecord(Store& store, const StubMetadata& metadata, const OpenFi
 
 /// Confirms that a stub which was moved, copied or restored from a backup may have the data of the object
 /// that it names, and gives it the time of that data and, if it has lost that, a stub's mark, all on the
-/// disk. It must belong to a user whose file
-/// the object was taken from, unless `ofAnyOwner`. Others than root may confirm their own stubs, if they have
-/// one name each. Throws for all else.
+/// disk. It must belong to a user whose file the object was taken from, unless `ofAnyOwner`. Others than root
+/// may confirm their own stubs, if they have one name each. Throws for all else.
 void adopt(StubKind& kind, Store& store, const OpenFile& file, const FileLook& look, bool ofAnyOwner);
 
 /// What a stub's metadata says; throws if it names no object in a store.

@@ -8,11 +8,11 @@
 
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <set>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 /// Turns files into stubs, several together: each step is taken for all of them, and flushed once. `Job` is a
 /// `StubJob`.
@@ -20,26 +20,27 @@ template <class Job>
 class StubbingWorker : public FileWorker {
 public:
     StubbingWorker(StubKind& kind, SeenFiles& seen, Observer& observer)
-        : m_kind(kind), m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}), m_held(seen) {}
+        : m_kind(kind), m_seen(seen), m_observer(observer), m_batch(GiveUp{observer}) {}
 
     void take(OpenFile file) final {
         const std::string name = file.name();
         try {
+            std::optional<SeenFiles::Claim> claim = m_seen.claim(file.stat());
+            if (!claim)
+                return m_observer.skipped(name, SeenFiles::kReason);
             auto job = std::make_unique<Job>(m_kind, std::move(file));
-            m_held.add(job->look().st);
             job->file().as([&] { begin(job); });
+            if (!job) // but in the batch
+                m_claims.push_back(std::move(*claim));
         } catch (const Failure& failure) {
-            if (failure.code() == QZHSM_BUSY && m_held.isShared())
-                m_observer.skipped(name, SeenFiles::kHeldReason);
-            else
-                m_observer.failed(name, failure);
+            m_observer.failed(name, failure);
         } catch (const std::bad_alloc&) {
             m_observer.failed(name, systemFailure("Failed to stub ", name, ENOMEM));
         }
         if (isFull())
             this->finish();
         if (m_batch.isEmpty())
-            m_held.clear();
+            m_claims.clear();
     }
 
 protected:
@@ -67,5 +68,5 @@ protected:
     SeenFiles& m_seen;
     Observer& m_observer;
     JobBatch<Job, GiveUp> m_batch;
-    SeenFiles::Batch m_held;
+    std::vector<SeenFiles::Claim> m_claims; ///< of those in the batch
 };

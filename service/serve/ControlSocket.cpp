@@ -22,8 +22,10 @@ UniqueFd ControlSocket::listen(const std::string& path) {
                        ::rename(unready.c_str(), path.c_str()) == 0; // whoever starts holds the lock
     const int err = errno;
     ::umask(mask);
-    if (!works)
+    if (!works) {
+        ::unlink(unready.c_str());
         throw systemFailure("Failed to make the socket ", path, err);
+    }
     return fd;
 }
 

@@ -195,7 +195,7 @@ void RecallService::watch(const std::stop_token& token) {
 /// Who waits for what is not brought any more.
 void RecallService::refuseLeft() {
     for (const auto& [key, stub] : m_stubs)
-        if (isLeft(*stub))
+        if (isToBeLeft(*stub))
             counted(*stub, [&] { stub->denyAll(EIO); });
 }
 

@@ -121,7 +121,7 @@ private:
     void counted(ServedStub& stub, const std::function<void()>& act);
     void refuse(ServedStub& stub);
     void refuseLeft();
-    bool isLeft(const ServedStub& stub) const;
+    bool isToBeLeft(const ServedStub& stub) const;
     bool hasNew();
     bool isAwaited(ServedStub& stub);
     void logLater(std::string line);

@@ -76,7 +76,7 @@ void RecallService::begin(ServedStub& stub, std::uint64_t pieces, std::uint64_t 
 std::optional<std::uint64_t> RecallService::wanted(ServedStub& stub, std::uint64_t after) {
     const std::lock_guard lock(m_mutex);
     reconsider(stub);
-    if (isLeft(stub))
+    if (isToBeLeft(stub))
         throw Failure(QZHSM_FAILURE, "Recall of " + stub.name() + " interrupted");
     return stub.wanted(after);
 }
@@ -129,7 +129,7 @@ RecallService::Start RecallService::mayBegin(const Stub& stub) {
     }
     if (stub->isBeingTruncated(isAlive, Clock::now()))
         return Start::Later;
-    if (stub->isLeft()) {
+    if (stub->isUnasked()) {
         m_stubs.erase(stub->key());
         return Start::Never;
     }
@@ -146,10 +146,10 @@ bool RecallService::isInterrupted(const ServedStub& stub) const {
     if (!m_stopping)
         return false;
     const std::lock_guard lock(m_mutex);
-    return isLeft(stub);
+    return isToBeLeft(stub);
 }
 
-bool RecallService::isLeft(const ServedStub& stub) const {
+bool RecallService::isToBeLeft(const ServedStub& stub) const {
     return m_stopping && (!stub.isSeen() || Clock::now() >= m_stopBy);
 }
 

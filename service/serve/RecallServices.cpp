@@ -107,11 +107,6 @@ bool RecallServices::areNone() {
 void RecallServices::heed(const std::vector<int>& files) {
     if (!m_closed.empty())
         throw unreachable(m_closed, EACCES);
-    for (const int fd : m_dead.empty() ? std::vector<int>() : files) {
-        const dev_t fileSystem = fileSystemOf("/proc/self/fd/" + std::to_string(fd));
-        if (std::ranges::find(m_dead, socketPath(m_runtimeDirectory, fileSystem)) != m_dead.end())
-            throw died(socketPath(m_runtimeDirectory, fileSystem));
-    }
     const auto hasHeard = [&](const Service& service) {
         for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
             const size_t count = std::min(files.size() - from, kFilesInMessage);
@@ -138,6 +133,19 @@ void RecallServices::heed(const std::vector<int>& files) {
             throw died(gone.socket);
         m_services.erase(m_services.begin() + static_cast<std::ptrdiff_t>(i));
         areNone();
+    }
+    requireNoneDied(files);
+}
+
+/// On the file systems of these files. Of others nothing becomes a stub.
+void RecallServices::requireNoneDied(const std::vector<int>& files) const {
+    if (m_dead.empty())
+        return;
+    for (const int fd : files) {
+        const std::string socket =
+            socketPath(m_runtimeDirectory, fileSystemOf("/proc/self/fd/" + std::to_string(fd)));
+        if (std::ranges::find(m_dead, socket) != m_dead.end())
+            throw died(socket);
     }
 }
 

@@ -39,6 +39,8 @@ private:
         bool isStill(const struct stat& st) const;
     };
 
+    void requireNoneDied(const std::vector<int>& files) const;
+
     std::string m_runtimeDirectory;
     std::vector<Service> m_services;
     std::string m_closed;            ///< the socket of one that does not listen to this user

@@ -88,7 +88,7 @@ public:
     /// Whether somebody may be looking at a part of the data.
     bool isSeen() const { return m_seen; }
     /// Whether nobody has asked for the data: all accesses so far were refused, or to truncate it.
-    bool isLeft() const { return (m_refused || m_letTruncate) && m_waiting.empty() && !m_seen; }
+    bool isUnasked() const { return (m_refused || m_letTruncate) && m_waiting.empty() && !m_seen; }
     /// Unless somebody may, none of it counts as there any more.
     bool takeBack();
     /// Whether somebody waits of whom it is not known yet what he does.

@@ -61,7 +61,7 @@ TEST_F(ServedStubTest, LetsThroughWhoeverTruncatesItBeforeItsRecall) {
     using namespace std::chrono_literals;
     const auto living = [](pid_t tid) { return tid == 1; };
     const auto now = ServedStub::Clock::now();
-    EXPECT_FALSE(stub.isLeft()) << "nobody has come";
+    EXPECT_FALSE(stub.isUnasked()) << "nobody has come";
     HeldAccess killed = access();
     killed.tid = 2;
     stub.add(killed, Need::Truncate);
@@ -76,16 +76,16 @@ TEST_F(ServedStubTest, LetsThroughWhoeverTruncatesItBeforeItsRecall) {
     EXPECT_FALSE(stub.isBeingTruncated(living, now + 2s)) << "the kernel may not let him";
     const HeldAccess unclear = access();
     stub.add(unclear, Need::Unclear);
-    EXPECT_FALSE(stub.isLeft());
+    EXPECT_FALSE(stub.isUnasked());
     stub.reconsider([](const HeldAccess&) { return Need::Refused; });
     EXPECT_FALSE(waits(unclear));
-    EXPECT_TRUE(stub.isLeft()) << "nobody has asked for the data";
+    EXPECT_TRUE(stub.isUnasked()) << "nobody has asked for the data";
     stub.close();
     const HeldAccess late = access();
     stub.add(late, Need::Truncate);
     EXPECT_TRUE(waits(late)) << "it is being recalled";
     stub.allowAll();
-    EXPECT_FALSE(stub.isLeft()) << "somebody went on";
+    EXPECT_FALSE(stub.isUnasked()) << "somebody went on";
 }
 
 TEST_F(ServedStubTest, ShowsNothingThatIsTakenOutAgain) {
