@@ -126,7 +126,10 @@ printf '%-58s %13s %13s %8s\n' '' 'served' 'bare' 'ratio'
 # --- The first bytes of a range, beside 4 MiB of the object; it is not in the page cache ---
 
 # cold OBJECT...: they leave the page cache, as what was archived long ago has.
-cold() { for object in "$@"; do "$bench" forget "$object" >/dev/null; done; }
+cold() {
+    local each
+    for each in "$@"; do "$bench" forget "$each" >/dev/null; done
+}
 
 part_first() {
     local size object at least read
@@ -157,7 +160,7 @@ part_first() {
 # --- Whole before open returns ---
 
 part_open() {
-    local size at
+    local size at list
     configure
     for size in 1 64; do
         origin "open$size" $((size << 20))
@@ -176,8 +179,9 @@ part_open() {
         for ((i = 0; i < 16; i++)); do cp "$dir/origin/open1" "$served/tree/$i"; done
         archived "$served/tree"
     }
-    ours() { "$at" $(<"$dir/objects") && timed sh -c 'cat "$0"/*' "$served/tree"; }
-    theirs() { "$at" $(<"$dir/objects") && timed xargs cat <"$dir/objects"; }
+    objects() { mapfile -t list <"$dir/objects" && "$at" "${list[@]}"; }
+    ours() { objects && timed sh -c 'cat "$0"/*' "$served/tree"; }
+    theirs() { objects && timed xargs cat <"$dir/objects"; }
     at=cold
     in_turns open/tree "cat of 16 stubs of 1 MiB; cat of their objects" 1.2 tree ours theirs
     at=nothing

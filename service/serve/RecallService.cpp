@@ -194,9 +194,11 @@ void RecallService::watch(const std::stop_token& token) {
 
 /// Who waits for what is not brought any more.
 void RecallService::refuseLeft() {
-    for (const auto& [key, stub] : m_stubs)
-        if (isToBeLeft(*stub))
-            counted(*stub, [&] { stub->denyAll(EIO); });
+    for (const auto& each : m_stubs) {
+        ServedStub& stub = *each.second;
+        if (isToBeLeft(stub))
+            counted(stub, [&] { stub.denyAll(EIO); });
+    }
 }
 
 void RecallService::takeOver(const std::vector<int>& held) {

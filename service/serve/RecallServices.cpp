@@ -36,8 +36,8 @@ Failure unreachable(const std::string& socket, int err) {
 
 /// The kernel may still hold accesses for it, and let through those to files that it was to ignore.
 Failure died(const std::string& socket) {
-    return Failure(QZHSM_FAILURE, "The recall service at " + socket + " has died",
-                   "Try again when it runs, or when the socket has been removed.");
+    return {QZHSM_FAILURE, "The recall service at " + socket + " has died",
+            "Try again when it runs, or when the socket has been removed."};
 }
 
 /// Closed if nobody serves the socket any more.
