@@ -114,7 +114,8 @@ public:
 
     int setAMCTime(const char* path, long atime, long mtime, long ctime) override;
     /// An lstat that gives up after 120 seconds, with code -1 and ETIMEDOUT's text. The first call of a
-    /// thread that asks for more than the kernel has cached of a local file starts a helper thread.
+    /// thread that asks for more than the kernel has cached of a local file starts a helper thread, with the
+    /// identity that the thread has then.
     int statFile(const char* path, struct stat* st) override;
 
 private:

@@ -4,7 +4,10 @@
 
 /// An lstat that gives up. What the kernel has in its memory about a local file is answered at once. Any
 /// other call runs on a helper thread of the calling thread, started by the first one and reused from then
-/// on. A helper that hangs in a dead file system is replaced, and ends once its call returns.
+/// on. A helper that hangs in a dead file system is replaced, and ends once its call returns. An
+/// identity or working directory that only the calling thread has, and has changed since, is not the
+/// helper's. Whether a file system is local is asked with AT_STATX_DONT_SYNC, which some network ones do not
+/// heed.
 class TimedStat {
 public:
     explicit TimedStat(int timeoutSeconds) : m_timeoutSeconds(timeoutSeconds) {}

@@ -21,6 +21,8 @@ struct Verb {
     End end;                        ///< what a success means
     std::vector<std::string> after; ///< leads to the whole file
     bool damaged = false;           ///< meanwhile the object in the store is
+
+    bool fromStore() const { return after.back() == "recall @f"; }
 };
 
 const std::string kArchive = "archive --store @s @f";
@@ -29,6 +31,7 @@ const std::vector<std::string> kOut{"repair @f", "recall @f"};
 const std::vector<std::string> kOutFrom{"repair @f", "recall @f --from @d"};
 
 const std::string kRestore = "restore-stub @f @o";
+const std::string kAdopt = "adopt @f";
 
 const Verb kVerbs[] = {
     {"archive", {}, kArchive, End::Stub, kOut},
@@ -44,6 +47,7 @@ const Verb kVerbs[] = {
      End::Stub,
      {"repair @f", kRestore, "recall @f --from @d"}},
     {"recallFrom", {kStub}, "recall @f --from @d", End::Whole, kOutFrom},
+    {"adopt", {kArchive, "copy"}, kAdopt, End::Stub, {"repair @f", kAdopt, "recall @f"}},
 };
 
 /// Ext4, Tmpfs, Ramfs, which has neither attributes nor file handles, or Plain: ext4, attributes denied.
@@ -60,10 +64,10 @@ std::vector<Case> cases(const std::vector<std::string>& fileSystems) {
     std::vector<Case> all;
     for (const Verb& verb : kVerbs)
         for (const std::string& on : fileSystems)
-            // Damage is the same everywhere. On ramfs nothing is archived, and without attributes a file that
-            // was half recalled is recalled, not repaired.
-            if ((!verb.damaged || on == "Tmpfs") && (on != "Ramfs" || verb.after != kOut) &&
-                (on != "Plain" || verb.before.size() < 2))
+            // Damage is the same everywhere, and so is what adopts. On ramfs nothing is archived, and without
+            // attributes a file that was half recalled is recalled, not repaired.
+            if ((!verb.damaged || on == "Tmpfs") && (verb.called != kAdopt || on == "Ext4") &&
+                (on != "Ramfs" || !verb.fromStore()) && (on != "Plain" || verb.before.size() < 2))
                 all.push_back({verb, on});
     return all;
 }
@@ -93,7 +97,6 @@ protected:
 
     const Verb& verb() const { return GetParam().verb; }
     std::string saved() const { return m_fs->path("saved"); }
-    bool fromStore() const { return verb().after == kOut; }
 
     Ended run(const std::string& line, Strike strike = {}) const {
         std::vector<std::string> words{QZHSM_PROGRAM};
@@ -127,12 +130,15 @@ protected:
                 ASSERT_TRUE(run(line.substr(5), {.kind = Kind::Kill, .number = 9}).struck);
             else if (line == "remove")
                 ASSERT_EQ(::unlink(m_file.c_str()), 0);
+            else if (line == "copy")
+                ASSERT_EQ(std::system(("cd " + m_fs->dir() + " && cp -a file copy && mv copy file").c_str()),
+                          0);
             else if (const Ended ended = run(line); ended.status != 0)
                 FAIL() << line << ": " << ended.said;
         if (verb().damaged)
             damage();
     }
-    timespec modified() const { return {1000000000, fromStore() ? 500000000 : 0}; }
+    timespec modified() const { return {1000000000, verb().fromStore() ? 500000000 : 0}; }
 
     /// What the store holds: objects, their records, and what was cut off.
     std::vector<std::filesystem::path> stored() const {
