@@ -2,6 +2,7 @@
 
 #include "service/NotedObject.h"
 #include "service/stores/StubMetadata.h"
+#include "service/stores/VerifiedReader.h"
 
 #include <filesystem>
 
@@ -31,11 +32,22 @@ void ArchiveJob::put(Store& store, const OnBytes& onBytes) {
         prepare(StubMetadata(store, record).toText());
         setObject(record.object);
         m_putInto = known ? nullptr : &store;
+        m_checksums = record.checksums;
     } catch (...) {
         if (!known)
             store.remove(record.object);
         throw;
     }
+}
+
+void ArchiveJob::readBack(Store& store, const OnBytes& onBytes) const {
+    if (!m_putInto) // what was there already was compared then
+        return;
+    const auto record = store.look(*object());
+    if (!record || record->checksums != m_checksums)
+        throw Failure(QZHSM_FAILURE, "Store " + store.name() + " does not give the record of " +
+                                         file().name() + " back that it was given");
+    verifyObject(store, *record, onBytes);
 }
 
 void ArchiveJob::giveUp() {

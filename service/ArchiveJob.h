@@ -12,6 +12,8 @@ public:
     /// stub. Throws code 3 if somebody else has the file open, or changed it while it was read; nothing is
     /// left in the store then.
     void put(Store& store, const OnBytes& onBytes);
+    /// After the store's flush: reads back what `put` has put there, and throws if that is not what was sent.
+    void readBack(Store& store, const OnBytes& onBytes) const;
     /// The end for a file that keeps its data: it carries the object's name from now on.
     using StubJob::note;
     /// An object that nothing names then leaves the store.
@@ -20,4 +22,5 @@ public:
 private:
     std::string fullPath() const;
     Store* m_putInto = nullptr; ///< what this job has put there is to be removed from
+    Checksums m_checksums;      ///< of what was put
 };

@@ -41,12 +41,16 @@ void ArchiveWorker::begin(std::unique_ptr<ArchiveJob>& job) {
         return m_observer.done(name, "would be archived");
     m_observer.started(name, job->look().st.st_size);
     job->put(m_store, [this, &name, tell = tellBytes(m_observer)](std::uint64_t done) mutable {
-        if (m_rules.isToStop && m_rules.isToStop())
-            throw Failure(QZHSM_FAILURE, "Archiving of " + name + " interrupted");
+        requireGoOn(name);
         tell(done);
     });
     const long long bytes = job->look().st.st_size;
     m_batch.add(std::move(job), bytes);
+}
+
+void ArchiveWorker::requireGoOn(const std::string& name) const {
+    if (m_rules.isToStop && m_rules.isToStop())
+        throw Failure(QZHSM_FAILURE, "Archiving of " + name + " interrupted");
 }
 
 void ArchiveWorker::finish() {
@@ -57,6 +61,10 @@ void ArchiveWorker::finish() {
     } catch (const Failure& failure) {
         return m_batch.giveUpAll(failure);
     }
+    if (m_rules.readBack)
+        m_batch.step([this](const ArchiveJob& job) {
+            job.readBack(m_store, [&](std::uint64_t) { requireGoOn(job.file().name()); });
+        });
     if (m_rules.keepData) {
         m_batch.step([](ArchiveJob& job) { job.note(); });
         m_batch.flush();

@@ -50,6 +50,7 @@ void addArchive(CommandLine& line) {
         std::uint64_t largerThan = 0;
         std::vector<std::string> excluded;
         bool keep = false;
+        bool verify = false;
         bool dryRun = false;
         int workers = 1;
         std::unique_ptr<Archiving> work;
@@ -65,6 +66,7 @@ void addArchive(CommandLine& line) {
                 if (options->olderThan)
                     rules.modifiedBefore = std::time(nullptr) - *options->olderThan;
                 rules.keepData = options->keep;
+                rules.readBack = options->verify;
                 rules.dryRun = options->dryRun;
                 options->work = std::make_unique<Archiving>(line, kind, report, options->store, rules,
                                                             options->excluded, options->workers);
@@ -98,6 +100,8 @@ void addArchive(CommandLine& line) {
         ->option_text("GLOB")
         ->allow_extra_args(false); // else it would take the paths as well
     verb->add_flag("--keep", options->keep, "Put the data into the store, and turn nothing into stubs");
+    verb->add_flag("--verify", options->verify,
+                   "Read the data back from the store and compare it, before it leaves the file");
     verb->add_flag("--dry-run", options->dryRun,
                    "Only tell what would be archived: how many files, and with --json or -z which");
     verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")

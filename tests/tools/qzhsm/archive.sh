@@ -191,6 +191,17 @@ during 'fgetxattr(' fgetxattr:delay_enter=1000000:when=1 archive --store "$store
 [ "$(grep -c interrupted "$work/said")" = 1 ] && grep -q 'Interrupted: the files' "$work/said" || fail "interrupted: $(<"$work/said")"
 expect 0 '^files +2$' scan "$fs" && expect 0 '^stubs +0$' scan "$fs"
 
+# What a mover has damaged is seen if it is read back, and does not stay.
+rm -rf "${fs:?}"/* && fresh && mkdir "$work/moved"
+printf '%s\n' 'case $1 in *-0) cat ;; *) tr a b ;; esac >"$1"' >"$work/put"
+printf '%s\n' '[Store/moved]' "put = sh $work/put $work/moved/{object}" \
+    "get = cat $work/moved/{object}" "remove = rm $work/moved/{object}" >>"$QZHSM_CONFIG"
+refused "$f" 'checksum' archive --store moved --verify "$f"
+[ -z "$(ls "$work/moved")" ] || fail "a damaged object stays: $(ls "$work/moved")"
+sed -i 's/tr a b/cat/' "$work/put"
+expect 0 '^$' archive --store moved --verify "$f"
+expect 0 '^$' recall "$f" && same "$f" "$work/data"
+
 # A store is no data of its own, and no path is no directory.
 rm -rf "${fs:?}"/* && fresh
 expect 0 '^$' store create "$fs/store"
