@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -13,11 +14,15 @@
 
 namespace {
 
+/// The file of that name, which no directory has.
 int fileOf(const std::string& name, bool marked = true) {
-    const int fd = ::open((testing::TempDir() + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    static std::map<std::string, UniqueFd> files;
+    UniqueFd& file = files[name];
+    if (!file.isOpen())
+        file = UniqueFd(::open(testing::TempDir().c_str(), O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     if (marked)
-        ::fsetxattr(fd, kStubMark, "1", 1, 0);
-    return fd;
+        ::fsetxattr(file.get(), kStubMark, "1", 1, 0);
+    return ::fcntl(file.get(), F_DUPFD_CLOEXEC, 0);
 }
 
 TEST(RecallServiceTest, GoesOnFirstWithWhatIsAwaited) {
