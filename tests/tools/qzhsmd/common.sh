@@ -51,6 +51,14 @@ logged() {
     done
     fail "the log lacks '$1'"
 }
+# tells PATTERN: `qzhsm status` does, perhaps a moment later.
+tells() {
+    for ((i = 0; i < 60; i++)); do
+        grep -qE "$1" <<<"$("$qzhsm" status)" && return
+        sleep 0.05
+    done
+    fail "the status lacks '$1': $("$qzhsm" status)"
+}
 # is_plain FILE: it is no stub any more, and has its time. Readers may be a flush ahead of that.
 is_plain() {
     for ((i = 0; i < 60; i++)); do

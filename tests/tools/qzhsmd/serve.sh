@@ -34,12 +34,12 @@ expect 0 '' archive --store "$store" "$fs/cat"
 expect 0 '"state":"stub"' info --json "$fs/cat"
 expect 0 '' verify "$fs/cat"
 expect 0 '"stubs":[1-9]' scan --json "$fs"
-expect 0 'stubs recalled +5' status
+tells 'stubs recalled +5$'
 cmp -s "$fs/cat" "$work/data" || fail "a stub made while it is served"
 expect 0 '' archive --store "$store" "$fs/cat"
 expect 0 '' recall "$fs/cat"
 same "$fs/cat" "$work/data"
-expect 0 'stubs recalled +6' status
+tells 'stubs recalled +6$'
 expect 0 'qzhsmd_recalled_total 6' status --metrics
 
 mkdir "$fs/many" && for ((i = 0; i < 300; i++)); do head -c 20000 "$work/data" >"$fs/many/$i"; done
