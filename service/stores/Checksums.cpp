@@ -36,6 +36,10 @@ std::uint64_t zeroPieceChecksum() {
 
 } // namespace
 
+std::uint64_t checksumOf(std::string_view bytes) {
+    return XXH3_64bits(bytes.data(), bytes.size());
+}
+
 std::uint64_t zerosChecksum(size_t size) {
     if (size == kPieceSize)
         return zeroPieceChecksum();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct XXH3_state_s;
@@ -23,6 +24,9 @@ struct Checksums {
 
     bool operator==(const Checksums&) const = default;
 };
+
+/// XXH3-64 of bytes that are all there.
+std::uint64_t checksumOf(std::string_view bytes);
 
 /// The checksum of a piece of so many zeros.
 std::uint64_t zerosChecksum(size_t size);

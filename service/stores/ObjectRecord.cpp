@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -17,6 +18,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kFormat = 1;
 constexpr const char* kCapability = "security.capability";
+constexpr std::string_view kCheck = ",\"check\":\"";
 
 [[noreturn]] void wrong(const std::string& what) {
     throw Failure(QZHSM_FAILURE, "The record is damaged: " + what);
@@ -83,6 +85,18 @@ Checksums checksumsOf(const Json& json, std::uint64_t size) {
     if (sums.whole.size() != 32 || !hexBytes(sums.whole))
         wrong("no good \"xxh128\"");
     return sums;
+}
+
+/// What follows this text at the end of a record.
+std::string checkOf(std::string_view text) {
+    return std::string(kCheck) + hexText(checksumOf(text)) + "\"}\n";
+}
+
+/// Without a check nothing follows the checksums of the content: another last member is a damaged check.
+void requireCheck(const Json& json, std::string_view from) {
+    const std::string_view text = from.substr(0, from.rfind(kCheck));
+    if (std::prev(json.end()).key() != "xxh128" && from.substr(text.size()) != checkOf(text))
+        wrong("its own checksum is wrong");
 }
 
 void addOwner(Json& json, const FileOwner& owner) {
@@ -165,7 +179,9 @@ std::string ObjectRecord::toText() const {
     for (const std::uint64_t piece : checksums.pieces)
         pieces.push_back(hexText(piece));
     json["xxh128"] = checksums.whole;
-    return json.dump() + '\n';
+    std::string text = json.dump();
+    text.pop_back(); // the brace
+    return text.append(checkOf(text));
 }
 
 ObjectRecord ObjectRecord::fromText(std::string_view from) {
@@ -174,6 +190,7 @@ ObjectRecord ObjectRecord::fromText(std::string_view from) {
         wrong("no JSON object");
     if (number<int>(json, "format") != kFormat)
         wrong("of a format that is not known");
+    requireCheck(json, from);
     ObjectRecord record;
     record.object = decoded(ObjectId::parse(text(json, "object")), "object");
     record.path = decoded(percentBytes(text(json, "path")), "path");

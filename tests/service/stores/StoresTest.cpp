@@ -170,11 +170,14 @@ TEST_F(Stores, TellDamage) {
         {"truncate -s -1 $O", "has 21000000 bytes, not 21000001"},
         {"printf x | dd of=$O bs=1 seek=4999999 conv=notrunc status=none", "piece at byte 4194304"},
         {"truncate -s 300 $O.json", "no JSON object"},
-        {"sed -i s/mode/mood/ $O.json", "no good \"mode\""},
-        {R"(sed -i 's/"object":"..../"object":"0000/' $O.json)", "another object's"},
-        {R"(sed -i 's/"xxh128":"..../"xxh128":"0000/' $O.json)", "checksum of the whole"},
-        {R"(sed -i 's/"size":/"size":1/' $O.json)", "checksums of other pieces"},
+        {R"(sed -i 's/"mtime":./"mtime":9/' $O.json)", "its own checksum is wrong"},
+        {"sed -i s/check/chuck/ $O.json", "its own checksum is wrong"},
+        {"sed -i -e $BY_HAND -e s/mode/mood/ $O.json", "no good \"mode\""},
+        {R"(sed -i -e $BY_HAND -e 's/"object":"..../"object":"0000/' $O.json)", "another object's"},
+        {R"(sed -i -e $BY_HAND -e 's/"xxh128":"..../"xxh128":"0000/' $O.json)", "checksum of the whole"},
+        {R"(sed -i -e $BY_HAND -e 's/"size":/"size":1/' $O.json)", "checksums of other pieces"},
     };
+    ::setenv("BY_HAND", R"(s/,"check.*"//)", 1);
     const UniqueFd file = source();
     for (const auto& row : rows) {
         const ObjectRecord record = put(store, file);
@@ -200,8 +203,9 @@ TEST_F(Stores, AreToldFromOtherDirectories) {
 TEST(ObjectRecord, RefusesNumbersThatItCannotHold) {
     ObjectRecord record;
     record.checksums.whole = std::string(32, 'a');
-    const std::string text = record.toText();
-    EXPECT_EQ(ObjectRecord::fromText(text).toText(), text);
+    const std::string checked = record.toText();
+    const std::string text = checked.substr(0, checked.find(",\"check")) + "}"; // as who mends it by hand leaves it
+    EXPECT_EQ(ObjectRecord::fromText(text).toText(), checked);
     for (const auto& [key, number] : {std::pair{"format", "4294967297"},
                                       {"handleType", "4294967297"},
                                       {"mtime", "9223372036854775808"},
