@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <exception>
 #include <ini.h>
+#include <mutex>
 #include <new>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -75,6 +77,15 @@ const char* replacement(std::string_view line) {
     return trimmed(line).starts_with('[') ? "[]" : "";
 }
 
+/// Tells what is wrong, unless it was told before: some settings are read with each call.
+void tellOnce(const std::string& problem, const std::string& of) {
+    static std::mutex mutex;
+    static std::set<std::pair<std::string, std::string>> told;
+    const std::lock_guard lock(mutex);
+    if (told.emplace(problem, of).second)
+        EvDebug(nullptr).Error("ConfigFile::read", "%s", problem.c_str());
+}
+
 } // namespace
 
 std::string ConfigFile::path() {
@@ -85,14 +96,13 @@ std::string ConfigFile::path() {
 ConfigFile ConfigFile::read() {
     const std::string path = ConfigFile::path();
     ConfigFile config;
-    EvDebug log(nullptr);
 
     std::vector<std::string> lines;
     const int err = readLines(path, lines);
     config.m_missing = err == ENOENT;
     if (err != 0 && err != ENOENT) {
         config.m_status = err;
-        log.Error("ConfigFile::read", "%s", errnoText({"Failed to read ", path}, err).c_str());
+        tellOnce(errnoText({"Failed to read ", path}, err), "");
     }
     for (;;) {
         Pass pass{lines};
@@ -106,8 +116,8 @@ ConfigFile ConfigFile::read() {
             config.m_entries = std::move(pass.entries);
             return config;
         }
-        log.Error("ConfigFile::read", "%s:%d: cannot be read, the line is skipped", path.c_str(), badLine);
         std::string& line = lines[static_cast<size_t>(badLine) - 1];
+        tellOnce(path + ':' + std::to_string(badLine) + ": cannot be read, the line is skipped", line);
         line = replacement(line);
     }
 }

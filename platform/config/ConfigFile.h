@@ -6,9 +6,9 @@
 
 /// The library's configuration, read afresh each time it is asked for. Sections and keys are case-sensitive;
 /// of a key given twice the last counts. A missing file is an empty configuration. A file that cannot be
-/// read, and each line that cannot, is one error line in the log. A line, its indentation not counted, can
-/// be 199 bytes long, and a section's name 49. The keys below a section's line that cannot be read belong to
-/// no section.
+/// read, and each line that cannot, is one error line in the log, which is not told again with each call. A
+/// line, its indentation not counted, can be 199 bytes long, and a section's name 49. The keys below a
+/// section's line that cannot be read belong to no section.
 class ConfigFile {
 public:
     using Section = std::map<std::string, std::string, std::less<>>;

@@ -11,7 +11,7 @@ namespace {
 constexpr int kMostWorkers = 64;
 
 [[noreturn]] void wrong(const char* key, const std::string& text) {
-    throw Failure(QZHSM_FAILURE, std::string("[Service] ") + key + " makes no sense: " + text);
+    throw Failure(QZHSM_FAILURE, ConfigFile::path() + ": [Service] " + key + " makes no sense: " + text);
 }
 
 /// "200M": K, M, G and T are powers of 1024.

@@ -38,8 +38,8 @@ struct FileOwner {
 /// nanoseconds since 1970; "mode", "uid" and "gid" as numbers; "handleType", "handle", "fsid" and "fsUuid"
 /// as in `FileIdentity`, bytes in hexadecimal; "adopted", objects of the last six, if there are such files;
 /// "capability", the bytes of "security.capability" in hexadecimal, if the file has them; "holes", pairs of
-/// offset and length, if it has some; "pieceSize", "xxh3" with one text for each piece, and "xxh128"; at the end
-/// "check", XXH3-64 of the text before it in hexadecimal. Who mends a record by hand takes "check" away.
+/// offset and length, if it has some; "pieceSize", "xxh3" with one text for each piece, and "xxh128"; at the
+/// end "check", XXH3-64 of the text before it in hexadecimal. Who mends a record by hand takes "check" away.
 struct ObjectRecord {
     /// More holes than these are stored as the zeros that they read as.
     static constexpr size_t kHolesMax = 65536;

@@ -136,6 +136,9 @@ void list(const std::string& storeName, Report& report) {
             show(report, listed.object, record ? &*record : nullptr);
         } catch (const Failure& failure) {
             report.failure(failure);
+            if (report.isJson())
+                report.json(
+                    {{"object", listed.object.text()}, {"failed", failure.what()}, {"code", failure.code()}});
         }
     });
 }

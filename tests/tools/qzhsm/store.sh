@@ -28,6 +28,8 @@ mkdir "$work/his" && chown 1 "$work/his" && expect 1 'it belongs to user 1,' sto
 # A file that was put before is not sent again while it is the same.
 cd "$fs" && expect 0 '^$' archive --keep --store "$store" ./file && cd /
 expect 0 "000  $fs/file\$" store list --store "$store"
+sed -i s/mode/mood/ "$store"/??/*.json && expect 1 '"failed":".*its own checksum' store list --json --store "$store"
+sed -i s/mood/mode/ "$store"/??/*.json
 same "$f" "$work/data"
 sleep 1.1 # objects of this second are no older than none
 for _ in first second; do

@@ -9,6 +9,10 @@ stress=$3 users=$4
 mkdir "$work/tmpfs" && mount -t tmpfs none "$work/tmpfs"
 "$service" "$work/tmpfs" >"$work/out" 2>&1
 [ $? -eq 1 ] && grep -q 'no pre-content events' "$work/out" || fail "serving tmpfs: $(<"$work/out")"
+configure 'workers = 0'
+"$service" "$fs" >"$work/out" 2>&1
+[ $? -eq 1 ] && grep -q "$QZHSM_CONFIG: \[Service\] workers makes no sense: 0" "$work/out" || fail "a wrong value: $(<"$work/out")"
+configure
 
 # Programs of each sort.
 archived "$fs"/{cat,grep,cp,tar,gone,cut,new,torn}
