@@ -1,5 +1,6 @@
 #include "service/RecallJob.h"
 
+#include "service/FileIo.h"
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/NotedObject.h"
@@ -133,8 +134,12 @@ void RecallJob::writeRest() {
     std::span<const char> piece = m_source->next();
     m_page.assign(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(std::min(page, piece.size())));
     requireUntouched();
+    requireOurs(m_page, 0);
     m_written = m_isMoved = m_kind.keepsTextInFile(); // to make a hole moves the time
-    punch(static_cast<long long>(page), m_kept);
+    if (m_look.state == FileState::HalfRecalled)      // with what is there each piece is compared first
+        m_skipsZeros = m_punchesZeros = true;
+    else
+        punch(static_cast<long long>(page), m_kept);
     pin();
     TransparentFile file(m_kind.backEnd(), m_kind.pathOf(m_file), O_WRONLY);
     ChecksumStream sum; // what comes from a store is compared there
@@ -149,8 +154,10 @@ void RecallJob::writeRest() {
             throwSourceChanged();
         if (!known && m_total + length > m_look.recordedSize)
             tellLonger();
+        const std::span<const char> rest = piece.subspan(skip);
+        requireOurs(rest, m_total + static_cast<long long>(skip));
         m_written = m_isMoved = true;
-        write(file, piece.data() + skip, piece.size() - skip, m_total + static_cast<long long>(skip));
+        write(file, rest.data(), rest.size(), m_total + static_cast<long long>(skip));
         m_total += length;
         pin();
         m_observer.bytes(length);
@@ -197,6 +204,7 @@ void RecallJob::setSize(long long size) {
 
 void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
     requireUntouched(); // writers wait, but not those who had the file open before anybody was told to
+    requireOurs(bytes, offset);
     m_written = m_pageWritten = m_isMoved = true;
     const size_t text = offset == 0 ? std::min(endOfPage(), bytes.size()) : 0;
     m_skipsZeros = true;
@@ -268,6 +276,21 @@ void RecallJob::requireUntouched() {
     }
 }
 
+/// Where this data is to be, a recall that was cut off has left some of it, zeros and the stub's text. What
+/// else is there somebody has written since: the time of our last write is not known, but the bytes are.
+void RecallJob::requireOurs(std::span<const char> data, long long offset) const {
+    if (m_look.state != FileState::HalfRecalled || m_force)
+        return;
+    std::vector<char> found(data.size());
+    found.resize(readAt(flushable(), found.data(), found.size(), offset, m_file.name()));
+    const std::string_view text =
+        std::string_view(m_look.text).substr(std::min(static_cast<size_t>(offset), m_look.text.size()));
+    for (size_t i = 0; i < found.size(); ++i)
+        if (found[i] != data[i] && found[i] != '\0' && (i >= text.size() || found[i] != text[i]))
+            throw Failure(QZHSM_FAILURE, m_file.name() + " is half recalled, and holds what is not its data",
+                          kAllTheSame);
+}
+
 /// Behind a write of ours: one of others' shows by its time then.
 void RecallJob::pin() {
     if (!m_kind.keepsTextInFile())
@@ -296,8 +319,9 @@ void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, lo
         from = to;
         while (from < count && m_skipsZeros && isZero(from))
             from = std::min(from + kBlock, count);
-        if (from > to && m_punchesZeros)
-            punchHole(offset + static_cast<long long>(to), static_cast<long long>(from - to));
+        if (from > to && m_punchesZeros &&
+            !punchHole(offset + static_cast<long long>(to), static_cast<long long>(from - to)))
+            file.write({bytes + to, from - to}, offset + static_cast<long long>(to));
     }
 }
 
@@ -318,10 +342,14 @@ void RecallJob::punch(long long from, bool mayShorten) {
         mayShorten && ::ftruncate(file.get(), from) == 0 && ::ftruncate(file.get(), m_look.st.st_size) == 0;
 }
 
-void RecallJob::punchHole(long long from, long long count) const {
+/// False if the file system cannot do that.
+bool RecallJob::punchHole(long long from, long long count) const {
     const UniqueFd file = m_file.open(O_WRONLY);
-    if (::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, from, count) < 0)
-        throw systemFailure("Failed to punch a hole into ", m_file.name(), errno);
+    if (::fallocate(file.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, from, count) == 0)
+        return true;
+    if (errno == EOPNOTSUPP)
+        return false;
+    throw systemFailure("Failed to punch a hole into ", m_file.name(), errno);
 }
 
 /// The time that goes with the data. A file on which another recall was cut off has one of that recall's

@@ -19,8 +19,9 @@
 ///  4. `end`: length, times, mode, capabilities; the mark goes, then the kept text.
 ///
 /// If the text cannot be kept, it stands in its page until step 3, which is alone what makes the file whole.
-/// What others do to the file in between, as long as its size or time shows it, ends the recall and stays. A
-/// step that throws has to be followed by `putBack`.
+/// What others do to the file in between, as long as its size or time shows it, ends the recall and stays;
+/// and so does what they do before the next one, if it shows in the bytes. A step that throws has to be
+/// followed by `putBack`.
 class RecallJob {
 public:
     RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer);
@@ -66,13 +67,14 @@ private:
     size_t endOfPage() const;
     bool isSame() const;
     void requireUntouched();
+    void requireOurs(std::span<const char> data, long long offset) const;
     void pin();
     void setTime();
     void putTextBack();
     void leave();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from, bool mayShorten);
-    void punchHole(long long from, long long count) const;
+    bool punchHole(long long from, long long count) const;
     timespec timeOfData() const;
     void putTimesBack();
 

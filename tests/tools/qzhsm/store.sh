@@ -147,6 +147,17 @@ expect 0 '^$' recall "$f"
 same "$f" "$work/data"
 [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "time of an adopted stub"
 
+# What somebody has written into a half recalled file is not recalled over: the stub's text, or a hole.
+for at in 100 1500000; do
+    expect 0 '^$' archive --store "$store" "$f"
+    strace -qq -o /dev/null -e inject=fsync:signal=KILL:when=2 "$plain" recall "$f" &>/dev/null
+    printf mine | dd of="$f" bs=1 seek=$at conv=notrunc status=none
+    expect 1 'is half recalled, and holds what is not its data' recall "$f"
+    [ "$(tail -c +$((at + 1)) "$f" | head -c 4)" = mine ] || fail "what a user wrote at $at is gone"
+    expect 0 '^$' recall --force "$f"
+    same "$f" "$work/data"
+done
+
 # Capabilities that cannot be read are no missing ones, and those that a kill took come back.
 setfattr -n security.capability -v 0x0100000200040000000000000000000000000000 "$f" && expect 0 '^$' archive --store "$store" "$f"
 strace -qq -o /dev/null -e inject=getxattr:error=EIO:when=3 "$plain" recall "$f" &>/dev/null && fail "unread capabilities"

@@ -116,6 +116,10 @@ cmp -s <(dd if="$fs/seen" bs=1000 count=1 status=none) <(head -c 1000 "$work/see
 for _ in 1 2; do fails "$fs/seen" tail -c 1; done
 expect 0 '"state":"half recalled"' info --json "$fs/seen"
 cp "$work/whole" "$object"
+stop && printf mine | dd of="$fs/seen" bs=1 seek=5000000 conv=notrunc status=none && start
+fails "$fs/seen" cat # what was written into it past the service is not recalled over
+logged 'seen is half recalled, and holds what is not its data'
+stop && dd if="$work/seen" of="$fs/seen" bs=4 skip=1250000 seek=1250000 count=1 conv=notrunc status=none && start
 echo over >"$fs/seen" && [ "$(<"$fs/seen")" = over ] || fail "what was half recalled, and truncated"
 cp "$work/seen" "$fs/seen" && touch -d @1000000000.5 "$fs/seen" && expect 0 '' archive --store "$store" "$fs/seen"
 cmp -s "$fs/seen" "$work/seen" || fail "what was archived again"
