@@ -1,6 +1,6 @@
 #include "bench/Harness.h"
 #include "lowlevel/QZHSMLowLevelCtx.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 
 #include <atomic>
 #include <fcntl.h>

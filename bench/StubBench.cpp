@@ -1,7 +1,7 @@
 #include "bench/Harness.h"
 #include "lowlevel/QZHSMLowLevelCtx.h"
 #include "platform/files/UniqueFd.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <fcntl.h>

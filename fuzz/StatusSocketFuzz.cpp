@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         control.serve(server);
         std::string answer;
         std::vector<UniqueFd> none;
-        if (receiveMessage(client.get(), answer, none) != 0 || !none.empty())
+        if (receiveMessage(client.get(), answer, none, kLongMessage) != 0 || !none.empty())
             std::abort();
         const bool isKnown =
             request == "status" || request == "metrics" || request == "exempt" || request == "heed";

@@ -2,7 +2,6 @@
 
 #include "service/FileIo.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <vector>
 

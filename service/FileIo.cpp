@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -46,6 +47,11 @@ bool hasSameData(const struct stat& a, const struct stat& b) {
 
 bool isUntouched(const struct stat& a, const struct stat& b) {
     return hasSameData(a, b) && isSameTime(a.st_ctim, b.st_ctim);
+}
+
+bool allZero(std::string_view bytes) {
+    return bytes.empty() ||
+           (bytes.front() == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 UniqueFd openForReading(const std::string& path) {

@@ -28,6 +28,9 @@ bool hasSameData(const struct stat& a, const struct stat& b);
 /// Whether nothing was done to the file between the two, but reading.
 bool isUntouched(const struct stat& a, const struct stat& b);
 
+/// Whether there is nothing but zeros.
+bool allZero(std::string_view bytes);
+
 /// Reading leaves the access time alone if the system lets it.
 UniqueFd openForReading(const std::string& path);
 

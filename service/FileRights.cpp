@@ -9,14 +9,13 @@
 #include <unistd.h>
 
 namespace {
-constexpr const char* kCapabilities = "security.capability";
 constexpr mode_t kPermissions = 07777;
 constexpr mode_t kTaken = S_ISUID | S_ISGID; // by a write, unless it is root's
 } // namespace
 
 std::string readCapabilities(const OpenFile& file) {
     char value[256];
-    const ssize_t got = ::getxattr(file.path().c_str(), kCapabilities, value, sizeof value);
+    const ssize_t got = ::getxattr(file.path().c_str(), kCapabilityAttribute, value, sizeof value);
     if (got < 0 && errno != ENODATA && errno != EOPNOTSUPP)
         throw systemFailure("Failed to read the capabilities of ", file.name(), errno);
     return got > 0 ? std::string(value, static_cast<size_t>(got)) : std::string();
@@ -40,7 +39,8 @@ void putRightsBack(const OpenFile& file, const std::string& capabilities, const 
                        "%s has lost its capabilities: others than root may write it", file.name().c_str());
         return;
     }
-    if (::setxattr(file.path().c_str(), kCapabilities, capabilities.data(), capabilities.size(), 0) < 0)
+    if (::setxattr(file.path().c_str(), kCapabilityAttribute, capabilities.data(), capabilities.size(), 0) <
+        0)
         throw systemFailure("Failed to put back the capabilities of ", file.name(), errno);
 }
 

@@ -7,7 +7,10 @@
 
 // What writing into a file takes from it, and what has to come back.
 
-/// The attribute "security.capability", or nothing. Throws if it cannot be read.
+/// The attribute that holds file capabilities.
+constexpr const char* kCapabilityAttribute = "security.capability";
+
+/// That attribute, or nothing. Throws if it cannot be read.
 std::string readCapabilities(const OpenFile& file);
 /// Gives a file the capabilities, and the set-user-ID and set-group-ID bits, that our own writes have taken
 /// from it. What its owner or root has changed meanwhile stays: to a file of another owner or group nothing

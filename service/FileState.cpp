@@ -1,6 +1,6 @@
 #include "service/FileState.h"
 
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/StubData.h"
@@ -11,9 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
-#include <sys/xattr.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -35,11 +33,6 @@ std::string bytesAt(int fd, const OpenFile& file, long long offset, size_t size)
     std::string bytes(size, '\0');
     bytes.resize(readAt(fd, bytes.data(), size, offset, file.name()));
     return bytes;
-}
-
-bool allZero(std::string_view bytes) {
-    return bytes.empty() ||
-           (bytes.front() == '\0' && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
 }
 
 /// Whether nothing but zeros lies from `offset` on.

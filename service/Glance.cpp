@@ -1,5 +1,7 @@
 #include "service/Glance.h"
 
+#include "platform/stub/StubAttributes.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -68,6 +70,6 @@ std::optional<struct stat> statReadable(int directory, const char* name) {
 }
 
 bool hasUserAttributes(int directory, const char* name) {
-    return ::lgetxattr(EntryPath(directory, name).c_str(), "user.NkProbe", nullptr, 0) >= 0 ||
+    return ::lgetxattr(EntryPath(directory, name).c_str(), kProbeAttribute, nullptr, 0) >= 0 ||
            errno == ENODATA;
 }

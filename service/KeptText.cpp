@@ -1,5 +1,6 @@
 #include "service/KeptText.h"
 
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/StubData.h"
 #include "service/Times.h"
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace {
-
-constexpr const char* kAttribute = "user.TSTUB";
 
 /// One of these and a time in nanoseconds end the metadata of a text that is kept. Programs that back the
 /// stub up and restore it from such a text get a good stub all the same.
@@ -55,10 +54,10 @@ std::optional<KeptText> readKeptText(const OpenFile& file) {
     if (file.lacksKeptText())
         return {};
     std::string value(1024, '\0');
-    ssize_t got = file.attribute(kAttribute, value.data(), value.size());
+    ssize_t got = file.attribute(kStubTextAttribute, value.data(), value.size());
     if (got < 0 && errno == ERANGE) {
         value.resize(kStubTextMax);
-        got = file.attribute(kAttribute, value.data(), value.size());
+        got = file.attribute(kStubTextAttribute, value.data(), value.size());
     }
     if (got < 0) {
         if (errno == ENODATA || errno == EOPNOTSUPP)
@@ -92,19 +91,19 @@ bool keepText(const OpenFile& file, const KeptText& kept) {
     const std::string value = stubTextOf(decoded->meta, decoded->fileSize);
     if (value.empty())
         return false;
-    if (::setxattr(file.path().c_str(), kAttribute, value.data(), value.size(), 0) == 0)
+    if (::setxattr(file.path().c_str(), kStubTextAttribute, value.data(), value.size(), 0) == 0)
         return true;
     const int err = errno;
     // ext4 has room for one block's worth of attributes; EDQUOT is as good a reason to work without. But an
     // older one would be taken for this one, and may be all that tells where the data is.
     const bool isNoRoom =
         err == EOPNOTSUPP || err == ENOSPC || err == E2BIG || err == ERANGE || err == EDQUOT;
-    if (isNoRoom && ::getxattr(file.path().c_str(), kAttribute, nullptr, 0) < 0)
+    if (isNoRoom && ::getxattr(file.path().c_str(), kStubTextAttribute, nullptr, 0) < 0)
         return false;
     throw systemFailure("Failed to set attribute user.TSTUB of ", file.name(), err);
 }
 
 void dropKeptText(const OpenFile& file) {
-    if (::removexattr(file.path().c_str(), kAttribute) < 0 && errno != ENODATA && errno != EOPNOTSUPP)
+    if (::removexattr(file.path().c_str(), kStubTextAttribute) < 0 && errno != ENODATA && errno != EOPNOTSUPP)
         throw systemFailure("Failed to remove attribute user.TSTUB of ", file.name(), errno);
 }

@@ -1,5 +1,6 @@
 #include "service/OpenFile.h"
 
+#include "platform/files/FdPath.h"
 #include "service/FileIo.h"
 
 #include <algorithm>
@@ -76,7 +77,7 @@ UniqueFd openTrusted(const std::string& path) {
 } // namespace
 
 OpenFile::OpenFile(UniqueFd fd, std::string name)
-    : m_fd(std::move(fd)), m_name(std::move(name)), m_path("/proc/self/fd/" + std::to_string(m_fd.get())) {}
+    : m_fd(std::move(fd)), m_name(std::move(name)), m_path(fdPath(m_fd.get())) {}
 
 OpenFile OpenFile::named(const std::string& path) {
     if (path.empty())

@@ -21,10 +21,6 @@ namespace {
 constexpr size_t kBlock = 4096;
 constexpr const char* kAllTheSame = "With --force it is recalled all the same.";
 
-bool allZero(const char* bytes, size_t count) {
-    return std::all_of(bytes, bytes + count, [](char c) { return c == '\0'; });
-}
-
 } // namespace
 
 RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer)
@@ -311,7 +307,7 @@ void RecallJob::setTime() {
 void RecallJob::write(TransparentFile& file, const char* bytes, size_t count, long long offset) const {
     for (size_t from = 0; from < count;) {
         size_t to = from;
-        const auto isZero = [&](size_t at) { return allZero(bytes + at, std::min(kBlock, count - at)); };
+        const auto isZero = [&](size_t at) { return allZero({bytes + at, std::min(kBlock, count - at)}); };
         while (to < count && !(m_skipsZeros && isZero(to)))
             to = std::min(to + kBlock, count);
         if (to > from)

@@ -7,7 +7,6 @@
 #include "service/kinds/StubKind.h"
 
 #include <memory>
-#include <optional>
 #include <span>
 
 /// The recall of one stub, step by step. Between two steps everything is to be flushed; whatever ends the

@@ -1,7 +1,7 @@
 #include "service/StoreSource.h"
 
 #include "platform/logging/ProcessLog.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "service/FileRights.h"
 #include "service/Flush.h"
 #include "service/Times.h"

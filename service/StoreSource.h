@@ -6,7 +6,6 @@
 #include "service/stores/StoreConfig.h"
 #include "service/stores/VerifiedReader.h"
 
-#include <memory>
 #include <utility>
 
 /// A stub's data in a store. Every piece is compared with its checksum before it is handed out.

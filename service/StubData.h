@@ -5,9 +5,6 @@
 #include <string>
 #include <vector>
 
-/// The attribute that holds the stub text of kinds which keep it outside the file's data.
-constexpr const char* kStubTextAttribute = "user.TSTUB";
-
 /// Whether the bytes begin with valid stub text.
 bool beginsWithStubText(std::span<const char> bytes);
 

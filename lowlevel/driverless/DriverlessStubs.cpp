@@ -5,7 +5,7 @@
 #include "platform/files/NkACL.h"
 #include "platform/files/UniqueFd.h"
 #include "platform/files/utf_files.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>

@@ -2,6 +2,7 @@
 
 #include "lowlevel/internal/LastError.h"
 #include "platform/files/NkACL.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@ bool readStubAttribute(const char* path, std::vector<char>& stubData) {
     std::fill(stubData.begin(), stubData.end(), '\0');
     const auto acl = NkACL::Helper::getInstance(NkACL::Type::StubText);
     return acl->supportsXattr(path) &&
-           acl->getAttribute(path, "user.TSTUB", stubData.data(), stubData.size()) > 0;
+           acl->getAttribute(path, kStubTextAttribute, stubData.data(), stubData.size()) > 0;
 }
 
 int decodeStubData(QZHSMLowLevel& backEnd, const char* path, const std::vector<char>& stubData,

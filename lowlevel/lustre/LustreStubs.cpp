@@ -8,6 +8,7 @@
 #include "platform/files/utf_files.h"
 #include "platform/logging/ProcessLog.h"
 #include "platform/process/NkProcess.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 
 #include <cerrno>
@@ -16,9 +17,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr const char* kStubText = "user.TSTUB";
-constexpr int kStubTextLimit = 65536;
 
 /// Runs a command of "lfs" on a path, which is neither quoted nor escaped: callers that pass several words or
 /// quote by themselves rely on it. The exit status, or negative with the error set if it could not be run.
@@ -50,8 +48,8 @@ int QZHSMLowLevelLustre::getHSMState(const char* path, std::string& state) {
 
 int QZHSMLowLevelLustre::isStub(const char* path) {
     presetNotAStub(*this, path); // the answer for a plain file
-    char text[kStubTextLimit + 1] = {};
-    if (::lgetxattr(LocalPath(path).c_str(), kStubText, text, kStubTextLimit) < 0) {
+    char text[kStubTextMax + 1] = {};
+    if (::lgetxattr(LocalPath(path).c_str(), kStubTextAttribute, text, kStubTextMax) < 0) {
         const int err = errno;
         CLogWriterInterface* log = err == ENODATA ? nullptr : processLog(-1);
         if (log)
@@ -95,7 +93,7 @@ int QZHSMLowLevelLustre::releaseFile(const char* path, bool removeAttrOnFailure)
     std::string err;
     if (runOn(*this, "lfs hsm_release ", path, out, err) >= 0)
         return 0;
-    if (removeAttrOnFailure && ::removexattr(LocalPath(path).c_str(), kStubText) < 0) {
+    if (removeAttrOnFailure && ::removexattr(LocalPath(path).c_str(), kStubTextAttribute) < 0) {
         const int reason = errno;
         if (CLogWriterInterface* log = processLog(-1))
             log->Write(-1, kTag, 214, 0, 0, "removexattr(%s) failed, error=%s", path,
@@ -138,7 +136,7 @@ int QZHSMLowLevelLustre::restoreStub(const char* path, const std::vector<char>& 
             return failErrno(*this, QZHSM_FAILURE, "Failed to open ", std::string(path) + " for writing",
                              err);
         }
-        if (::fsetxattr(file.get(), kStubText, stubData.data(), stubData.size(), XATTR_CREATE) < 0)
+        if (::fsetxattr(file.get(), kStubTextAttribute, stubData.data(), stubData.size(), XATTR_CREATE) < 0)
             return fail(*this, QZHSM_FAILURE,
                         std::string("Failed to set xattr") + path + " error=" + errnoReason(errno));
         if (::lseek(file.get(), size - 1, SEEK_SET) < 0 || ::write(file.get(), "", 1) < 0)

@@ -2,6 +2,7 @@
 
 #include "platform/errors/ErrorText.h"
 #include "platform/files/utf_files.h"
+#include "platform/stub/StubAttributes.h"
 
 #include <cerrno>
 #include <cstring>
@@ -28,9 +29,7 @@ int report(int result, const char* what, const char* name, const char* path) {
 class XattrHelper : public Helper {
 public:
     bool supportsXattr(const char* path) override {
-        // An attribute that nobody sets: its absence (ENODATA) is the answer of a file system that has
-        // attributes.
-        return ::getxattr(LocalPath(path).c_str(), "user.NkProbe", nullptr, 0) >= 0 ||
+        return ::getxattr(LocalPath(path).c_str(), kProbeAttribute, nullptr, 0) >= 0 ||
                (errno != EOPNOTSUPP && errno != ENOSYS && errno != ENOENT);
     }
 

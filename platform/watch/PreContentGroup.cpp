@@ -1,7 +1,7 @@
 #include "platform/watch/PreContentGroup.h"
+#include "platform/files/FdPath.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/fanotify.h>
@@ -25,10 +25,6 @@ constexpr std::uint64_t kEvents = FAN_OPEN_PERM | kPreAccess;
 /// the event: with O_NONBLOCK it waits for nobody who holds a lease on the file, which would hold up all
 /// others.
 constexpr int kHeldFlags = O_RDONLY | O_LARGEFILE | O_NOATIME | O_APPEND | O_NONBLOCK;
-
-std::string pathOf(int fd) {
-    return "/proc/self/fd/" + std::to_string(fd);
-}
 
 } // namespace
 
@@ -63,7 +59,7 @@ int PreContentGroup::ignore(int fd, Ignored what) {
 
 int PreContentGroup::heed(int fd) {
     const int result = ::fanotify_mark(m_group.get(), FAN_MARK_REMOVE | FAN_MARK_IGNORE_SURV, kEvents,
-                                       AT_FDCWD, pathOf(fd).c_str());
+                                       AT_FDCWD, fdPath(fd).c_str());
     return result == 0 || errno == ENOENT ? 0 : errno;
 }
 

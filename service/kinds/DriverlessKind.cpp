@@ -1,5 +1,5 @@
 #include "lowlevel/driverless/QZHSMLowLevelDriverless.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/FileIo.h"
 #include "service/Glance.h"
@@ -116,14 +116,13 @@ public:
     /// The beginning of the source tells, and costs it no change of times.
     bool isStubAsSource(const std::string&, const struct stat&) override { return false; }
 
-    bool putBack(const std::string& path, const std::vector<char>& stubData, long long size) override {
+    void putBack(const std::string& path, const std::vector<char>& stubData, long long size) override {
         TransparentFile file(backEnd(), path, O_WRONLY | O_TRUNC);
         // In this order: with the text and another size it would pass for a stub that somebody cut.
         if (size > static_cast<long long>(stubData.size()))
             file.write(std::vector<char>{'\0'}, size - 1);
         file.write(stubData, 0);
         file.close();
-        return true;
     }
 
 private:

@@ -1,5 +1,6 @@
 #include "lowlevel/glusterfs/QZHSMLowLevelGlusterFs.h"
 #include "platform/stub/CloudsyncAttributes.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/kinds/Kinds.h"
 

@@ -1,4 +1,5 @@
 #include "lowlevel/lustre/QZHSMLowLevelLustre.h"
+#include "platform/stub/StubAttributes.h"
 #include "service/kinds/Kinds.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 #include "service/kinds/StubKind.h"
 
+#include "platform/files/FdPath.h"
 #include "service/FileIo.h"
 
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <fcntl.h>
 #include <filesystem>
 #include <thread>
@@ -38,11 +38,9 @@ bool StubKind::keepsTextInFile() const {
 }
 
 std::string StubKind::pathOf(const OpenFile& file) const {
-    char real[PATH_MAX];
-    const ssize_t length = ::readlink(file.path().c_str(), real, sizeof real);
-    if (length < 0)
+    std::string path = pathBehind(file.fd());
+    if (path.empty())
         throw systemFailure("Failed to find ", file.name(), errno);
-    std::string path(real, static_cast<size_t>(length));
     struct stat st {};
     if (::lstat(path.c_str(), &st) < 0 || !isSameFile(st, file.stat()))
         throw Failure(QZHSM_NOT_FOUND, file.name() + " was moved or removed");
@@ -187,9 +185,7 @@ bool StubKind::shortensLast() const {
     return false;
 }
 
-bool StubKind::putBack(const std::string&, const std::vector<char>&, long long) {
-    return false;
-}
+void StubKind::putBack(const std::string&, const std::vector<char>&, long long) {}
 
 std::string StubKind::hsmState(const std::string&) {
     throw Failure(QZHSM_NOT_IMPLEMENTED, "hsm-state is for Lustre only: --fs LUSTRE_FS");

@@ -117,8 +117,8 @@ public:
     virtual bool isStubAsSource(const std::string& path, const struct stat& st);
     /// Whether the file can be shortened only when it is no stub any more.
     virtual bool shortensLast() const;
-    /// Makes a half-recalled file of `size` bytes the stub that it was. False if it never ceased to be one.
-    virtual bool putBack(const std::string& path, const std::vector<char>& stubData, long long size);
+    /// Makes a half-recalled file of `size` bytes the stub that it was; nothing if it never ceased to be one.
+    virtual void putBack(const std::string& path, const std::vector<char>& stubData, long long size);
 
     // --- What only Lustre's own HSM has; for any other kind code 38 ---
 

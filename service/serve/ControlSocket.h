@@ -2,7 +2,7 @@
 
 #include "platform/files/UniqueFd.h"
 #include "service/serve/RecallService.h"
-#include "service/serve/RecallServices.h"
+#include "service/serve/RecallServiceClient.h"
 
 #include <map>
 #include <string>

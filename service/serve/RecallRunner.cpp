@@ -3,7 +3,6 @@
 #include "service/Flush.h"
 #include "service/Repair.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
@@ -11,7 +10,6 @@
 #include <iterator>
 #include <new>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 

@@ -1,13 +1,13 @@
 #include "service/serve/RecallService.h"
 
+#include "platform/files/FdPath.h"
 #include "platform/logging/ProcessLog.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/stub/StubText.h"
 #include "service/StubData.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <immintrin.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -28,10 +28,9 @@ constexpr int kPauses = 20;         ///< of the processor, half a microsecond
 constexpr useconds_t kPause = 1000; ///< until there may be room again, in microseconds
 constexpr auto kEnding = std::chrono::minutes(1);
 
-std::string pathOf(int fd) {
-    char path[PATH_MAX];
-    const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return length > 0 ? std::string(path, static_cast<size_t>(length)) : "a file without a name";
+std::string nameOf(int fd) {
+    std::string path = pathBehind(fd);
+    return path.empty() ? "a file without a name" : std::move(path);
 }
 
 std::string causeOf(const HeldAccess& access) {
@@ -245,13 +244,13 @@ void RecallService::handleStub(const HeldAccess& access, const struct stat& st) 
     if (m_stopping)
         return m_group.deny(access.fd, EIO);
     if (isTableFull()) {
-        logLater("refused " + causeOf(access) + ", as too many others wait: " + pathOf(access.fd));
+        logLater("refused " + causeOf(access) + ", as too many others wait: " + nameOf(access.fd));
         return m_group.deny(access.fd, EIO);
     }
     const FileKey key{st.st_dev, st.st_ino};
     Stub& stub = m_stubs[key];
     if (!stub) {
-        stub = std::make_shared<ServedStub>(m_group, key, pathOf(access.fd), causeOf(access));
+        stub = std::make_shared<ServedStub>(m_group, key, nameOf(access.fd), causeOf(access));
         m_queue.push_back(stub);
         m_queued.notify_one();
     }
@@ -285,7 +284,7 @@ Need RecallService::needOf(const HeldAccess& access, bool isHeld) {
     if (st.st_size > 0 && !m_rules.refusePrograms.empty() &&
         m_rules.isRefused(program, controlGroupOf(access.tid))) {
         ++m_counts.refused;
-        logLater("refused " + causeOf(access) + ": " + pathOf(access.fd));
+        logLater("refused " + causeOf(access) + ": " + nameOf(access.fd));
         return Need::Refused;
     }
     if (wants != (access.isOpen ? CallerWants::OpenRead : CallerWants::Read))

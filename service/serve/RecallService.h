@@ -98,7 +98,6 @@ public:
     /// Whether to begin a recall: later, if somebody may be about to truncate the file; never, if nobody has
     /// asked who may cause recalls. Then the work on it has ended.
     Start mayBegin(const Stub& stub);
-    bool isSeen(const ServedStub& stub) const;
     /// Whether a recall is to be left, as the service comes to its end.
     bool isInterrupted(const ServedStub& stub) const;
     /// True if nobody has seen a part of the data. Then nobody will, and it may be taken out again.

@@ -137,11 +137,6 @@ RecallService::Start RecallService::mayBegin(const Stub& stub) {
     return Start::Now;
 }
 
-bool RecallService::isSeen(const ServedStub& stub) const {
-    const std::lock_guard lock(m_mutex);
-    return stub.isSeen();
-}
-
 bool RecallService::isInterrupted(const ServedStub& stub) const {
     if (!m_stopping)
         return false;

@@ -33,8 +33,8 @@ int sendMessage(int socket, const std::string& text, const std::vector<int>& fil
     return ::sendmsg(socket, &message, MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 
-int receiveMessage(int socket, std::string& text, std::vector<UniqueFd>& files) {
-    text.resize(1 << 20);
+int receiveMessage(int socket, std::string& text, std::vector<UniqueFd>& files, size_t room) {
+    text.resize(room);
     iovec bytes{text.data(), text.size()};
     msghdr message{};
     message.msg_iov = &bytes;

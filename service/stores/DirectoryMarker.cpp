@@ -1,12 +1,11 @@
 #include "service/stores/DirectoryMarker.h"
 
+#include "platform/files/FdPath.h"
 #include "service/Failure.h"
 #include "service/stores/StoreFiles.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -55,7 +54,7 @@ bool isStore(int directory) {
 }
 
 std::string storeAround(int fd) {
-    for (std::filesystem::path path = pathOf(fd); path.has_relative_path(); path = path.parent_path())
+    for (std::filesystem::path path = pathOfStore(fd); path.has_relative_path(); path = path.parent_path())
         if (const UniqueFd directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
             directory.isOpen() && isStore(directory.get()))
             return path;
@@ -132,10 +131,9 @@ const std::vector<std::string>& storeParts() {
     return parts;
 }
 
-std::string pathOf(int directory) {
-    std::error_code error;
-    const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), error);
-    if (error)
-        throw systemFailure("Failed to find out the path of ", "the store", error.value());
+std::string pathOfStore(int directory) {
+    std::string path = pathBehind(directory);
+    if (path.empty())
+        throw systemFailure("Failed to find out the path of ", "the store", errno);
     return path;
 }

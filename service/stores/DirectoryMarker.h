@@ -26,4 +26,4 @@ std::string storeAround(int fd);
 const std::vector<std::string>& storeParts();
 
 /// An open directory's absolute path, free of symbolic links.
-std::string pathOf(int directory);
+std::string pathOfStore(int directory);

@@ -108,8 +108,8 @@ DirectoryStore::DirectoryStore(const std::string& directory, std::string name)
     : DirectoryStore(openStoreDirectory(directory), std::move(name)) {}
 
 DirectoryStore::DirectoryStore(UniqueFd directory, std::string name)
-    : Store(name.empty() ? pathOf(directory.get()) : std::move(name),
-            readMarker(directory.get(), pathOf(directory.get()))),
+    : Store(name.empty() ? pathOfStore(directory.get()) : std::move(name),
+            readMarker(directory.get(), pathOfStore(directory.get()))),
       m_root(std::move(directory)) {}
 
 DirectoryStore::~DirectoryStore() = default;

@@ -1,6 +1,5 @@
 #include "service/stores/Encoding.h"
 
-#include <algorithm>
 #include <array>
 
 namespace {

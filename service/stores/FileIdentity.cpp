@@ -1,5 +1,6 @@
 #include "service/stores/FileIdentity.h"
 
+#include "platform/files/FdPath.h"
 #include "service/Failure.h"
 #include "service/stores/Encoding.h"
 
@@ -49,8 +50,7 @@ std::string uuidOf(int fd) {
     const std::lock_guard lock(mutex);
     if (const auto found = known.find(st.st_dev); found != known.end())
         return found->second;
-    const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOATIME | O_CLOEXEC));
+    const UniqueFd file(::open(fdPath(fd).c_str(), O_RDONLY | O_NONBLOCK | O_NOATIME | O_CLOEXEC));
     uuid = file.isOpen() ? readUuid(file.get()) : std::nullopt;
     return uuid ? known[st.st_dev] = *uuid : "";
 }

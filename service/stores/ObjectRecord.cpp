@@ -1,6 +1,7 @@
 #include "service/stores/ObjectRecord.h"
 
 #include "service/Failure.h"
+#include "service/FileRights.h"
 #include "service/Times.h"
 #include "service/stores/Encoding.h"
 
@@ -17,7 +18,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int kFormat = 1;
-constexpr const char* kCapability = "security.capability";
 constexpr std::string_view kCheck = ",\"check\":\"";
 
 [[noreturn]] void wrong(const std::string& what) {
@@ -147,7 +147,7 @@ ObjectRecord ObjectRecord::describe(int fd, std::string path) {
     record.mode = st.st_mode;
     record.owner = {FileIdentity::of(fd, path), st.st_uid, st.st_gid};
     char capability[64]; // larger than any version of it
-    const ssize_t length = ::fgetxattr(fd, kCapability, capability, sizeof capability);
+    const ssize_t length = ::fgetxattr(fd, kCapabilityAttribute, capability, sizeof capability);
     if (length >= 0)
         record.capability.assign(capability, static_cast<size_t>(length));
     else if (errno != ENODATA && errno != EOPNOTSUPP)

@@ -247,8 +247,12 @@ OwnBackEnd::OwnBackEnd(const std::string& fsName, int kind) : m_registry(kind) {
     m_kind->requireSight();
     if (!m_kind->keepsTextInFile())
         return;
-    m_services = std::make_unique<RecallServices>(ServeRules::readRuntimeDirectory());
-    m_kind->onAnnounce([this] { return !m_services->areNone(); }, [this](int fd) { m_services->heed({fd}); });
+    m_services = std::make_unique<RecallServiceClient>(ServeRules::readRuntimeDirectory());
+    const auto isAnybody = [this] {
+        m_services->connectToNew();
+        return !m_services->isEmpty();
+    };
+    m_kind->onAnnounce(isAnybody, [this](int fd) { m_services->heed(fd); });
 }
 
 void CommandLine::run(Report& report) {

@@ -2,7 +2,7 @@
 
 #include "lowlevel/QZHSMLowLevelCtx.h"
 #include "service/kinds/StubKind.h"
-#include "service/serve/RecallServices.h"
+#include "service/serve/RecallServiceClient.h"
 #include "tools/qzhsm/Report.h"
 
 #include <CLI/CLI.hpp>
@@ -28,7 +28,8 @@ public:
 private:
     QZHSMLowLevelCtx m_registry;
     std::unique_ptr<StubKind> m_kind;
-    std::unique_ptr<RecallServices> m_services; ///< that must not recall what we look at, or make a stub of
+    std::unique_ptr<RecallServiceClient>
+        m_services; ///< that must not recall what we look at, or make a stub of
 };
 
 /// The verbs, and the options that come before them. A verb's own options are its file's business: they live

@@ -6,7 +6,6 @@
 #include "tools/qzhsm/ShownWork.h"
 
 #include <memory>
-#include <string>
 #include <vector>
 
 /// Workers with a back-end each, to which paths are handed: files, and directories with all that is below.

@@ -1,4 +1,4 @@
-#include "service/serve/RecallServices.h"
+#include "service/serve/RecallServiceClient.h"
 #include "service/serve/ServeRules.h"
 #include "service/stores/Encoding.h"
 #include "tools/qzhsm/CommandLine.h"
@@ -50,8 +50,8 @@ void addServiceVerbs(CommandLine& line) {
     CLI::App* verb = line.addVerb("status", "Tell what the recall services of this machine are doing",
                                   [metrics](StubKind&, Report& report) {
                                       const auto answers =
-                                          RecallServices::ask(ServeRules::readRuntimeDirectory(),
-                                                              *metrics ? "metrics" : "status");
+                                          RecallServiceClient::ask(ServeRules::readRuntimeDirectory(),
+                                                                   *metrics ? "metrics" : "status");
                                       if (answers.empty())
                                           throw Failure(QZHSM_NOT_FOUND, "No recall service is running");
                                       for (const std::string& answer : answers) {

@@ -1,8 +1,8 @@
 #include "tools/qzhsmd/Descriptors.h"
 
+#include "platform/files/FdPath.h"
 #include "platform/watch/PreContentGroup.h"
 
-#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/socket.h>
@@ -24,11 +24,9 @@ Descriptors Descriptors::find(const std::set<int>& locks, const std::set<int>& o
         all.push_back(std::atoi(entry.path().filename().c_str()));
     Descriptors found;
     for (const int fd : all) {
-        char path[PATH_MAX];
-        const ssize_t length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-        if (fd <= STDERR_FILENO || length < 0 || others.contains(fd))
+        const std::string target = pathBehind(fd);
+        if (fd <= STDERR_FILENO || target.empty() || others.contains(fd))
             continue;
-        const std::string_view target(path, static_cast<size_t>(length));
         if (target == "anon_inode:[fanotify]")
             found.group = fd;
         else if (target.starts_with("socket:"))

@@ -8,7 +8,7 @@
 #include <vector>
 
 /// Tells on standard error.
-void complain(const std::string& text);
+void tell(const std::string& text);
 
 /// What each process of the service reads and writes, whoever started it: it lies in memory that all share.
 /// The first three are descriptors of processes (pidfd), or -1.

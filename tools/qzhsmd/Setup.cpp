@@ -1,7 +1,7 @@
 #include "tools/qzhsmd/Setup.h"
 
 #include "platform/config/ConfigFile.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "platform/watch/FileSystems.h"
 #include "platform/watch/PreContentGroup.h"
 #include "service/FileIo.h"
@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <iostream>
 #include <map>
 #include <new>
 #include <sys/file.h>
@@ -27,10 +26,6 @@ constexpr const char* kParkedName = "events";
 
 /// The directories that were named, the first of each file system.
 using Served = std::map<dev_t, std::string>;
-
-void say(const std::string& text) {
-    std::cerr << "qzhsmd: " << text << std::endl;
-}
 
 /// Of what all processes share. It lives as long as they do.
 Shared* makeShared() {
@@ -137,7 +132,7 @@ void forget(PreContentGroup& group, const Served& served, const std::string& run
             continue;
         for (const std::string& point : mountPointsOf(fileSystem))
             if (group.unmark(point) == 0)
-                say("no longer serving " + point);
+                tell("no longer serving " + point);
         try { // else tools would take its service for one that has died
             const std::string socket = socketPath(runtimeDirectory, fileSystem);
             const UniqueFd lock(lockFileSystem(socket, ""));
@@ -169,7 +164,7 @@ struct SocketsOfAFailure {
 
 } // namespace
 
-void begin(Serving& serving) {
+void setUpService(Serving& serving) {
     serving.shared = makeShared();
     allowManyDescriptors();
     const std::string& runtime = serving.rules.runtimeDirectory;
@@ -195,8 +190,8 @@ void begin(Serving& serving) {
     }
     const bool parks = mayBeParked(served, runtime);
     if (!parks)
-        say("readers will not wait if all processes die: "
-            "the program, its configuration or its sockets lie on a file system that is served");
+        tell("readers will not wait if all processes die: "
+             "the program, its configuration or its sockets lie on a file system that is served");
     for (const auto& [fileSystem, directory] : served)
         mark(group, directory);
     requireToBeAlone(served);

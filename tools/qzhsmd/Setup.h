@@ -3,4 +3,4 @@
 #include "tools/qzhsmd/Serving.h"
 
 /// Marks the file systems of the directories, and makes what all processes share. Throws `Failure`.
-void begin(Serving& serving);
+void setUpService(Serving& serving);

@@ -1,6 +1,6 @@
 #include "tools/qzhsmd/Supervisor.h"
 
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "service/Failure.h"
 #include "tools/qzhsmd/Worker.h"
 
@@ -59,11 +59,6 @@ void refuseStub(PreContentGroup& group, int fd) {
 
 } // namespace
 
-void removeSockets(const Serving& serving) {
-    for (const std::string& socket : serving.sockets)
-        ::unlink(socket.c_str());
-}
-
 Supervisor::Supervisor(Serving& serving) : m_serving(serving), m_shared(*serving.shared) {
     sigset_t signals;
     ::sigemptyset(&signals);
@@ -117,7 +112,7 @@ bool Supervisor::startWorker() {
     if (pid < 0) {
         m_again = m_began + kPause;
         if (!std::exchange(m_complained, true))
-            complain(systemFailure("Failed to start a worker", "", errno).what());
+            tell(systemFailure("Failed to start a worker", "", errno).what());
         return false;
     }
     if (pid > 0) {
@@ -133,9 +128,9 @@ bool Supervisor::startWorker() {
     // In a thread: the C library does not know that the first one has a number of its own now. Whatever fails
     // aborts the process, and closes nothing on the way: the descriptors are needed by the next one.
     try {
-        std::thread([this] { work(m_serving); }).join();
+        std::thread([this] { runWorker(m_serving); }).join();
     } catch (const std::exception& error) {
-        complain(std::string("Failed to start a thread: ") + error.what());
+        tell(std::string("Failed to start a thread: ") + error.what());
         std::abort();
     }
     ::_exit(0);
@@ -147,9 +142,9 @@ void Supervisor::workerHasDied() {
     ::close(m_shared.worker.exchange(-1));
     if (m_shared.hasEnded)
         return;
-    complain("the worker was ended" +
-             (how.si_pid == 0 ? std::string() : " by signal " + std::to_string(how.si_status)) +
-             "; another takes its place");
+    tell("the worker was ended" +
+         (how.si_pid == 0 ? std::string() : " by signal " + std::to_string(how.si_status)) +
+         "; another takes its place");
     findDescriptors();
     constexpr auto kLongLife = std::chrono::minutes(10);
     constexpr int kMostCrashes = 5;
@@ -186,7 +181,7 @@ bool Supervisor::startStandby() {
     if (between > 0)
         ::waitpid(between, nullptr, 0);
     if (m_shared.standby < 0 && !std::exchange(m_complained, true))
-        complain("nobody watches over this process: no other one can be started");
+        tell("nobody watches over this process: no other one can be started");
     return false;
 }
 
@@ -200,7 +195,7 @@ void Supervisor::standBy() {
     ::close(m_shared.standby.exchange(-1)); // this process
     m_began = Clock::now();
     ::sd_notifyf(0, "MAINPID=%d", ::getpid());
-    complain("the process that watched over the worker has died; another has taken its place");
+    tell("the process that watched over the worker has died; another has taken its place");
 }
 
 // --- Waiting ---

@@ -91,7 +91,7 @@ private:
 
 } // namespace
 
-void work(Serving& serving) {
+void runWorker(Serving& serving) {
     PreContentGroup group{UniqueFd(serving.descriptors.group)};
     RecallService service(group, serving.rules);
     service.takeOver(serving.descriptors.held);

@@ -3,4 +3,4 @@
 #include "tools/qzhsmd/Serving.h"
 
 /// Serves until SIGTERM or SIGINT, which must be blocked. What is thrown must end the process at once.
-void work(Serving& serving);
+void runWorker(Serving& serving);

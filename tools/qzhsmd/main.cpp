@@ -7,11 +7,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <iostream>
-
-void complain(const std::string& text) {
-    std::cerr << "qzhsmd: " << text << std::endl;
-}
 
 namespace {
 
@@ -27,16 +22,16 @@ int run(int argc, char** argv) {
     } catch (const CLI::Success& call) {
         return app.exit(call);
     } catch (const CLI::ParseError& error) {
-        complain(error.what());
+        tell(error.what());
         constexpr int kWrongUsage = 2;
         return kWrongUsage;
     }
     for (std::string& directory : serving.directories) // whoever asks for the status may stand elsewhere
         directory = std::filesystem::absolute(directory).lexically_normal();
     for (const std::string& warning : configWarnings())
-        complain(warning);
+        tell(warning);
     serving.rules = ServeRules::read();
-    begin(serving);
+    setUpService(serving);
     Supervisor(serving).run();
     return 0;
 }
@@ -48,11 +43,11 @@ int main(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const Failure& failure) {
-        complain(failure.what());
+        tell(failure.what());
         if (!failure.advice().empty())
-            complain(failure.advice());
+            tell(failure.advice());
     } catch (const std::exception& error) {
-        complain(error.what());
+        tell(error.what());
     }
     return 1;
 }

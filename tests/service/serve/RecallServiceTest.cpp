@@ -1,5 +1,5 @@
 #include "service/serve/RecallService.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "service/serve/ControlSocket.h"
 #include "service/serve/SocketMessage.h"
 

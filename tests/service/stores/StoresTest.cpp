@@ -204,7 +204,8 @@ TEST(ObjectRecord, RefusesNumbersThatItCannotHold) {
     ObjectRecord record;
     record.checksums.whole = std::string(32, 'a');
     const std::string checked = record.toText();
-    const std::string text = checked.substr(0, checked.find(",\"check")) + "}"; // as who mends it by hand leaves it
+    const std::string text =
+        checked.substr(0, checked.find(",\"check")) + "}"; // as who mends it by hand leaves it
     EXPECT_EQ(ObjectRecord::fromText(text).toText(), checked);
     for (const auto& [key, number] : {std::pair{"format", "4294967297"},
                                       {"handleType", "4294967297"},

@@ -1,5 +1,5 @@
 #include "platform/files/UniqueFd.h"
-#include "platform/stub/StubMark.h"
+#include "platform/stub/StubAttributes.h"
 #include "tests/support/Strike.h"
 #include "tests/support/TestFs.h"
 

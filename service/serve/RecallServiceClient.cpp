@@ -1,5 +1,6 @@
-#include "service/serve/RecallServices.h"
+#include "service/serve/RecallServiceClient.h"
 
+#include "platform/files/FdPath.h"
 #include "platform/watch/FileSystems.h"
 #include "service/Failure.h"
 #include "service/serve/SocketMessage.h"
@@ -17,11 +18,12 @@ namespace {
 constexpr timeval kPatience{30, 0};
 
 /// What a service answers; nothing if it has closed the connection.
-std::string request(int service, const std::string& text, const std::vector<int>& files) {
+std::string request(int service, const std::string& text, const std::vector<int>& files,
+                    size_t room = kShortMessage) {
     int err = sendMessage(service, text, files);
     std::string answer;
     std::vector<UniqueFd> none;
-    while (err == 0 && (err = receiveMessage(service, answer, none)) == EINTR)
+    while (err == 0 && (err = receiveMessage(service, answer, none, room)) == EINTR)
         err = 0;
     if (err == EPIPE || err == ECONNRESET)
         return {};
@@ -71,16 +73,16 @@ std::string socketPath(const std::string& runtimeDirectory, dev_t device) {
            ".sock";
 }
 
-RecallServices::RecallServices(std::string runtimeDirectory)
+RecallServiceClient::RecallServiceClient(std::string runtimeDirectory)
     : m_runtimeDirectory(std::move(runtimeDirectory)) {
-    areNone();
+    connectToNew();
 }
 
-bool RecallServices::Service::isStill(const struct stat& st) const {
+bool RecallServiceClient::Service::isStill(const struct stat& st) const {
     return inode == st.st_ino && made.tv_sec == st.st_ctim.tv_sec && made.tv_nsec == st.st_ctim.tv_nsec;
 }
 
-bool RecallServices::areNone() {
+void RecallServiceClient::connectToNew() {
     m_closed.clear();
     m_dead.clear();
     for (const std::string& socket : socketsIn(m_runtimeDirectory)) {
@@ -101,25 +103,17 @@ bool RecallServices::areNone() {
         else if (::access(socket.c_str(), F_OK) == 0) // one that comes to its end takes it away
             m_dead.push_back(socket);
     }
-    return m_services.empty() && m_closed.empty() && m_dead.empty();
 }
 
-void RecallServices::heed(const std::vector<int>& files) {
+void RecallServiceClient::heed(int file) {
     if (!m_closed.empty())
         throw unreachable(m_closed, EACCES);
     const auto hasHeard = [&](const Service& service) {
-        for (size_t from = 0; from < files.size(); from += kFilesInMessage) {
-            const size_t count = std::min(files.size() - from, kFilesInMessage);
-            const auto begin = files.begin() + static_cast<std::ptrdiff_t>(from);
-            const std::string answer = request(service.connection.get(), "heed",
-                                               {begin, begin + static_cast<std::ptrdiff_t>(count)});
-            if (answer.empty())
-                return false;
-            if (answer != kDone)
-                throw Failure(QZHSM_FAILURE, "The recall service at " + service.socket +
-                                                 " cannot look at files again: " + answer);
-        }
-        return true;
+        const std::string answer = request(service.connection.get(), "heed", {file});
+        if (!answer.empty() && answer != kDone)
+            throw Failure(QZHSM_FAILURE, "The recall service at " + service.socket +
+                                             " cannot look at files again: " + answer);
+        return !answer.empty();
     };
     for (size_t i = 0; i < m_services.size();) {
         if (hasHeard(m_services[i])) {
@@ -132,24 +126,17 @@ void RecallServices::heed(const std::vector<int>& files) {
         if (::lstat(gone.socket.c_str(), &st) == 0 && gone.isStill(st))
             throw died(gone.socket);
         m_services.erase(m_services.begin() + static_cast<std::ptrdiff_t>(i));
-        areNone();
+        connectToNew();
     }
-    requireNoneDied(files);
-}
-
-/// On the file systems of these files. Of others nothing becomes a stub.
-void RecallServices::requireNoneDied(const std::vector<int>& files) const {
     if (m_dead.empty())
         return;
-    for (const int fd : files) {
-        const std::string socket =
-            socketPath(m_runtimeDirectory, fileSystemOf("/proc/self/fd/" + std::to_string(fd)));
-        if (std::ranges::find(m_dead, socket) != m_dead.end())
-            throw died(socket);
-    }
+    const std::string its = socketPath(m_runtimeDirectory, fileSystemOf(fdPath(file)));
+    if (std::ranges::find(m_dead, its) != m_dead.end()) // on other file systems it may be dead
+        throw died(its);
 }
 
-std::vector<std::string> RecallServices::ask(const std::string& runtimeDirectory, const std::string& text) {
+std::vector<std::string> RecallServiceClient::ask(const std::string& runtimeDirectory,
+                                                  const std::string& text) {
     std::vector<std::string> answers;
     std::set<pid_t> asked; // a service has a socket for each file system
     for (const std::string& socket : socketsIn(runtimeDirectory)) {
@@ -159,7 +146,7 @@ std::vector<std::string> RecallServices::ask(const std::string& runtimeDirectory
         if (!fd.isOpen() || ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0 ||
             (peer.pid != 0 && !asked.insert(peer.pid).second))
             continue;
-        if (std::string answer = request(fd.get(), text, {}); !answer.empty())
+        if (std::string answer = request(fd.get(), text, {}, kLongMessage); !answer.empty())
             answers.push_back(std::move(answer));
     }
     return answers;

@@ -15,16 +15,18 @@ std::string socketPath(const std::string& runtimeDirectory, dev_t device);
 /// Where none runs it does nothing. Services may come and go meanwhile: one makes its socket before the
 /// kernel asks it about the first file. So who looks for sockets once it shows on a file that it becomes a
 /// stub finds each service that may have taken the file for an ordinary one.
-class RecallServices {
+class RecallServiceClient {
 public:
     /// Throws `Failure` if a service does not answer.
-    explicit RecallServices(std::string runtimeDirectory);
+    explicit RecallServiceClient(std::string runtimeDirectory);
 
     /// Looks for services that have come since.
-    bool areNone();
-    /// These files, open in this process, are about to become stubs. Tells those that `areNone` has found,
-    /// and throws if one of them does not listen to this user, or the one of their file system has died.
-    void heed(const std::vector<int>& files);
+    void connectToNew();
+    /// Whether there is none, dead or alive, of those that were found so far.
+    bool isEmpty() const { return m_services.empty() && m_closed.empty() && m_dead.empty(); }
+    /// This file, open in this process, is about to become a stub. Tells all that were found so far. Throws
+    /// if one of them does not listen to this user, or the one of the file's file system has died.
+    void heed(int file);
 
     /// What each service answers to "status" or "metrics". For callers that only ask.
     static std::vector<std::string> ask(const std::string& runtimeDirectory, const std::string& text);
@@ -38,8 +40,6 @@ private:
 
         bool isStill(const struct stat& st) const;
     };
-
-    void requireNoneDied(const std::vector<int>& files) const;
 
     std::string m_runtimeDirectory;
     std::vector<Service> m_services;
