@@ -78,6 +78,7 @@ int PreContentGroup::read(std::vector<HeldAccess>& held) {
          FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
         if (event->fd < 0)
             continue;
+        note(event->fd, event->pid);
         HeldAccess access{event->fd, event->pid, (event->mask & FAN_OPEN_PERM) != 0, 0, 0};
         const char* end = reinterpret_cast<const char*>(event) + event->event_len;
         for (const char* at = reinterpret_cast<const char*>(event) + event->metadata_len;
@@ -104,12 +105,25 @@ void PreContentGroup::answer(int fd, std::uint32_t response) {
     static_cast<void>(::write(m_group.get(), &answer, sizeof answer) < 0);
 }
 
+pid_t PreContentGroup::threadOf(int fd) const {
+    const auto number = static_cast<size_t>(fd);
+    return number < m_threads.size() ? m_threads[number] : 0;
+}
+
+void PreContentGroup::note(int fd, pid_t thread) {
+    const auto number = static_cast<size_t>(fd);
+    if (number < m_threads.size())
+        m_threads[number] = thread;
+}
+
 void PreContentGroup::allow(int fd) {
+    note(fd, 0); // before the number can be another access's
     answer(fd, FAN_ALLOW);
     ::close(fd);
 }
 
 void PreContentGroup::deny(int fd, int err) {
+    note(fd, 0);
     denyNumber(fd, err);
     ::close(fd);
 }

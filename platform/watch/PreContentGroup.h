@@ -3,6 +3,7 @@
 #include "platform/files/UniqueFd.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -27,8 +28,10 @@ struct HeldAccess {
 class PreContentGroup {
 public:
     PreContentGroup() = default;
-    /// Takes over a group.
-    explicit PreContentGroup(UniqueFd group) : m_group(std::move(group)) {}
+    /// Takes over a group. `threads` is noted who waits behind which number, for a process that takes over:
+    /// it lies in memory that all these processes share, and all that answer for the group have it.
+    explicit PreContentGroup(UniqueFd group, std::span<pid_t> threads = {})
+        : m_group(std::move(group)), m_threads(threads) {}
 
     /// Makes a group; the descriptor is open across exec. EINVAL: the kernel has no such events; EPERM: the
     /// process lacks CAP_SYS_ADMIN.
@@ -63,11 +66,16 @@ public:
     /// Answers, with `err`, whatever an earlier process has read and not answered under this number.
     void denyNumber(int number, int err);
 
+    /// The thread that waits behind a descriptor which another process has read, or 0 if it is not known.
+    pid_t threadOf(int fd) const;
+
     /// Whether a descriptor of this process is that of a held access.
     static bool isHeldAccess(int fd);
 
 private:
     void answer(int fd, std::uint32_t response);
+    void note(int fd, pid_t thread);
 
     UniqueFd m_group;
+    std::span<pid_t> m_threads;
 };

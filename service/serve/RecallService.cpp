@@ -202,7 +202,7 @@ void RecallService::refuseLeft() {
 
 void RecallService::takeOver(const std::vector<int>& held) {
     for (const int fd : held)
-        handle({fd, 0, true, 0, 0});
+        handle({fd, m_group.threadOf(fd), true, 0, 0});
 }
 
 void RecallService::handle(const HeldAccess& access) {

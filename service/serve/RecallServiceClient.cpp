@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
@@ -15,20 +16,26 @@
 
 namespace {
 
-constexpr timeval kPatience{30, 0};
+constexpr time_t kPatience = 30; ///< seconds, for an answer
 
-/// What a service answers; nothing if it has closed the connection.
-std::string request(int service, const std::string& text, const std::vector<int>& files,
-                    size_t room = kShortMessage) {
+Failure unanswered(const std::string& text, int err) {
+    return systemFailure("Failed to ask the recall service for ", text, err);
+}
+
+/// What a service answers; an empty text if it has closed the connection, nothing if it takes too long.
+std::optional<std::string> request(int service, const std::string& text, const std::vector<int>& files,
+                                   size_t room = kShortMessage) {
     int err = sendMessage(service, text, files);
     std::string answer;
     std::vector<UniqueFd> none;
     while (err == 0 && (err = receiveMessage(service, answer, none, room)) == EINTR)
         err = 0;
     if (err == EPIPE || err == ECONNRESET)
-        return {};
+        return "";
+    if (err == EAGAIN)
+        return std::nullopt;
     if (err != 0)
-        throw systemFailure("Failed to ask the recall service for ", text, err == EAGAIN ? ETIMEDOUT : err);
+        throw unanswered(text, err);
     return answer;
 }
 
@@ -42,19 +49,37 @@ Failure died(const std::string& socket) {
             "Try again when it runs, or when the socket has been removed."};
 }
 
-/// Closed if nobody serves the socket any more.
-UniqueFd connectTo(const std::string& path) {
+/// Closed if nobody serves the socket any more. `patience` is how many seconds an answer may take.
+UniqueFd connectTo(const std::string& path, time_t patience) {
     const sockaddr_un address = socketAddress(path);
+    const timeval timeout{patience, 0};
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!fd.isOpen())
         throw systemFailure("Failed to make a socket", "", errno);
     for (const int direction : {SO_RCVTIMEO, SO_SNDTIMEO}) // one that was stopped never answers
-        ::setsockopt(fd.get(), SOL_SOCKET, direction, &kPatience, sizeof kPatience);
+        ::setsockopt(fd.get(), SOL_SOCKET, direction, &timeout, sizeof timeout);
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
         return fd;
     if (errno != ECONNREFUSED && errno != ENOENT)
         throw unreachable(path, errno);
     return UniqueFd();
+}
+
+/// A connection on which the service knows this process; closed if nobody serves the socket any more. A
+/// worker that is killed takes a request along: the next one gets it on a new connection, where no late
+/// answer is mistaken for that to a later request.
+UniqueFd introduceTo(const std::string& socket, time_t patience = 1) {
+    for (;;) {
+        UniqueFd fd = connectTo(socket, patience);
+        if (!fd.isOpen())
+            return fd;
+        const std::optional<std::string> answer = request(fd.get(), "exempt", {});
+        if (answer && !answer->empty())
+            return fd;
+        // One that is starting may give up, and close what it has not answered.
+        if (!answer && (patience *= 2) > kPatience)
+            throw unanswered("exempt", ETIMEDOUT);
+    }
 }
 
 std::vector<std::string> socketsIn(const std::string& runtimeDirectory) {
@@ -94,10 +119,7 @@ void RecallServiceClient::connectToNew() {
             m_closed = socket;
             continue;
         }
-        // One that is starting may give up, and close what it has not answered.
-        UniqueFd fd = connectTo(socket);
-        while (fd.isOpen() && request(fd.get(), "exempt", {}).empty())
-            fd = connectTo(socket);
+        UniqueFd fd = introduceTo(socket);
         if (fd.isOpen())
             m_services.push_back({socket, st.st_ino, st.st_ctim, std::move(fd)});
         else if (::access(socket.c_str(), F_OK) == 0) // one that comes to its end takes it away
@@ -108,12 +130,20 @@ void RecallServiceClient::connectToNew() {
 void RecallServiceClient::heed(int file) {
     if (!m_closed.empty())
         throw unreachable(m_closed, EACCES);
-    const auto hasHeard = [&](const Service& service) {
-        const std::string answer = request(service.connection.get(), "heed", {file});
-        if (!answer.empty() && answer != kDone)
+    const auto hasHeard = [&](Service& service) {
+        std::optional<std::string> answer;
+        for (time_t patience = 2; !(answer = request(service.connection.get(), "heed", {file}));
+             patience *= 2) {
+            if (patience > kPatience)
+                throw unanswered("heed", ETIMEDOUT);
+            service.connection = introduceTo(service.socket, patience);
+            if (!service.connection.isOpen())
+                return false;
+        }
+        if (!answer->empty() && *answer != kDone)
             throw Failure(QZHSM_FAILURE, "The recall service at " + service.socket +
-                                             " cannot look at files again: " + answer);
-        return !answer.empty();
+                                             " cannot look at files again: " + *answer);
+        return !answer->empty();
     };
     for (size_t i = 0; i < m_services.size();) {
         if (hasHeard(m_services[i])) {
@@ -140,14 +170,17 @@ std::vector<std::string> RecallServiceClient::ask(const std::string& runtimeDire
     std::vector<std::string> answers;
     std::set<pid_t> asked; // a service has a socket for each file system
     for (const std::string& socket : socketsIn(runtimeDirectory)) {
-        const UniqueFd fd = connectTo(socket);
+        const UniqueFd fd = connectTo(socket, kPatience);
         ucred peer{}; // who made it listen, if we see his processes
         socklen_t length = sizeof peer;
         if (!fd.isOpen() || ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) < 0 ||
             (peer.pid != 0 && !asked.insert(peer.pid).second))
             continue;
-        if (std::string answer = request(fd.get(), text, {}, kLongMessage); !answer.empty())
-            answers.push_back(std::move(answer));
+        std::optional<std::string> answer = request(fd.get(), text, {}, kLongMessage);
+        if (!answer)
+            throw unanswered(text, ETIMEDOUT);
+        if (!answer->empty())
+            answers.push_back(std::move(*answer));
     }
     return answers;
 }

@@ -4,7 +4,9 @@
 #include "tools/qzhsmd/Descriptors.h"
 
 #include <atomic>
+#include <span>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 /// Tells on standard error.
@@ -27,7 +29,8 @@ struct Serving {
     std::vector<std::string> sockets; ///< their paths
     Descriptors descriptors;
     Shared* shared = nullptr;
-    bool isAgain = false; ///< another worker has served before
+    std::span<pid_t> threads; ///< that wait, by the number of their access; shared like that
+    bool isAgain = false;     ///< another worker has served before
 };
 
 /// A tool that finds them gone tells nobody of the files that it makes stubs: none may be ignored any more.

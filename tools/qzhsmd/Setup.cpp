@@ -23,17 +23,17 @@
 namespace {
 
 constexpr const char* kParkedName = "events";
+constexpr size_t kMostNumbers = 1 << 20; ///< of descriptors
 
 /// The directories that were named, the first of each file system.
 using Served = std::map<dev_t, std::string>;
 
-/// Of what all processes share. It lives as long as they do.
-Shared* makeShared() {
-    void* const memory =
-        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+/// Zeros that all processes share, for as long as they live. Pages that nobody touches take no room.
+void* sharedMemory(size_t size) {
+    void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED)
         throw systemFailure("Failed to get memory", "", errno);
-    return new (memory) Shared;
+    return memory;
 }
 
 Served fileSystemsOf(const std::vector<std::string>& directories) {
@@ -88,8 +88,7 @@ int parkedGroup() {
 void refuseForgotten(PreContentGroup& group) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    constexpr rlim_t kMost = 1 << 20;
-    for (rlim_t number = 0; number < std::min(limit.rlim_cur, kMost); ++number)
+    for (rlim_t number = 0; number < std::min<rlim_t>(limit.rlim_cur, kMostNumbers); ++number)
         group.denyNumber(static_cast<int>(number), EIO);
 }
 
@@ -165,7 +164,8 @@ struct SocketsOfAFailure {
 } // namespace
 
 void setUpService(Serving& serving) {
-    serving.shared = makeShared();
+    serving.shared = new (sharedMemory(sizeof(Shared))) Shared;
+    serving.threads = {static_cast<pid_t*>(sharedMemory(kMostNumbers * sizeof(pid_t))), kMostNumbers};
     allowManyDescriptors();
     const std::string& runtime = serving.rules.runtimeDirectory;
     constexpr mode_t kMode = 0755;

@@ -235,7 +235,8 @@ void Supervisor::takeSignals() {
 // --- While nobody brings data ---
 
 void Supervisor::withGroup(const std::function<void(PreContentGroup&)>& act) const {
-    PreContentGroup group{UniqueFd(::fcntl(m_serving.descriptors.group, F_DUPFD_CLOEXEC, 0))};
+    PreContentGroup group(UniqueFd(::fcntl(m_serving.descriptors.group, F_DUPFD_CLOEXEC, 0)),
+                          m_serving.threads);
     act(group);
 }
 

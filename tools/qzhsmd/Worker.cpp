@@ -92,12 +92,12 @@ private:
 } // namespace
 
 void runWorker(Serving& serving) {
-    PreContentGroup group{UniqueFd(serving.descriptors.group)};
+    PreContentGroup group(UniqueFd(serving.descriptors.group), serving.threads);
     RecallService service(group, serving.rules);
-    service.takeOver(serving.descriptors.held);
     std::optional<Control> control(
         std::in_place, service,
         serving); // knows whom not to hold up, so before the first access is looked at
+    service.takeOver(serving.descriptors.held);
     service.start();
     // From here on accesses are answered, those of this process too: it may open files. What a worker that
     // died had read anew has died with it.

@@ -38,9 +38,19 @@ done
 sleep 0.5
 timeout -s KILL 5 cat "$fs/free" | cmp -s - "$work/data" || fail "a lock or a lease holds others up"
 tells 'stubs in the queue +2' # but for the one that the worker just tries
+pkill -KILL -P "$served" && sleep 1.5 # the next one knows who waits, and that none of them holds the file
 kill $locker $leaser
 wait "${readers[@]}"
 for file in locked shared; do same "$work/$file" "$work/data"; done
+
+# A worker that is killed takes no request along.
+worker=$(pgrep -P "$served")
+strace -qq -f -o /dev/null -p "$worker" -e inject=sendmsg:signal=SIGKILL:when=2 &
+until grep -q 'TracerPid:.*[1-9]' "/proc/$worker/status"; do sleep 0.05; done
+cp "$work/data" "$fs/told"
+timeout 20 "$qzhsm" archive --store "$store" "$fs/told" || fail "a request that a worker had read is lost"
+kill -0 "$worker" 2>/dev/null && fail "no worker was killed"
+cmp "$fs/told" "$work/data" || fail "a file that the next worker was told of"
 
 # Nor is anything truncated for somebody who may not.
 "$users" truncate "$fs/kept" || { [ $? -eq 77 ] && echo 'skipped: no landlock here'; } || fail "a file that must not be truncated was"
