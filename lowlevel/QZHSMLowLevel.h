@@ -88,7 +88,8 @@ public:
     /// back-end answers -1.
     virtual int isStub(const char* path) = 0;
 
-    /// Stores whether `path` is a stub and the back-end's state value for it. 0, or -1.
+    /// Stores whether `path` is a stub and the back-end's state value for it. Neither pointer may be null. 0,
+    /// or -1 with both values unspecified.
     virtual int getFileInfo(const char* path, bool* isStub, int* state) = 0;
 
     /// Turns a file into a stub that carries `stubMeta` (NUL-terminated text): its data is given up.
@@ -136,9 +137,9 @@ public:
     /// Writes all of `buf` to a descriptor, across interruptions by signals: `len`, or -1 with errno set.
     static int writeAll(int fd, const void* buf, int len);
 
-    /// The last failure, for programs: a code, which each operation tells; 0 after one that clears the error.
+    /// The code of the last failure: a QZHSMErrorCode, or an errno where an operation says so. 0 after an
+    /// operation that clears the error and succeeds.
     int m_errorCode = QZHSM_SUCCESS;
-    /// The last failure, for people: UTF-8, as far as the paths in it are; empty after one that clears the
-    /// error.
+    /// The text of the last failure, for people: UTF-8, as far as the paths in it are. Empty likewise.
     std::string m_errorText;
 };

@@ -37,7 +37,8 @@ public:
     /// The back-end of this registry's kind; the path is not looked at.
     QZHSMLowLevel* getByFileName(const char* path);
 
-    /// The kind's text, "driverless" for instance.
+    /// The kind's text: "driverless", "Hadoop", "Lustre", "GlusterFS", "ArhiveDelete" (spelt so), or
+    /// "archiver driver" for any other kind.
     std::string AsString() const;
 
 private:

@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-/// As the kernel names it; if that cannot be, as it was typed, and from the root on.
+/// The path that the kernel tells, or else the absolute form of what was typed.
 std::string ArchiveJob::fullPath() const {
     try {
         return kind().StubKind::pathOf(file());

@@ -21,6 +21,6 @@ public:
 
 private:
     std::string fullPath() const;
-    Store* m_putInto = nullptr; ///< what this job has put there is to be removed from
+    Store* m_putInto = nullptr; ///< holds an object of this job, if not null
     Checksums m_checksums;      ///< of what was put
 };

@@ -28,13 +28,13 @@ RecallJob::RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observ
 
 // --- What is looked at before the stub is touched ---
 
-bool RecallJob::isDone() {
+RecallJob::Held RecallJob::hold() {
     m_kind.requireRecalling(m_file);
     UniqueFd held = m_kind.hold(m_file);
-    return isDone(std::move(held), m_kind.look(m_file));
+    return hold(std::move(held), m_kind.look(m_file));
 }
 
-bool RecallJob::isDone(UniqueFd held, FileLook look) {
+RecallJob::Held RecallJob::hold(UniqueFd held, FileLook look) {
     m_flushable = std::move(held);
     m_look = std::move(look);
     const std::string& name = m_file.name();
@@ -42,16 +42,16 @@ bool RecallJob::isDone(UniqueFd held, FileLook look) {
     case FileState::Stub:
     case FileState::HalfRecalled:
     case FileState::Emptied:
-        return false;
+        return Held::ToRecall;
     case FileState::Leftover:
         if (!m_look.kept->recalling && m_look.st.st_size == 0)
             throw Failure(QZHSM_NOT_A_STUB, name + " is no stub: one was to be restored here, and was not",
                           "\"qzhsm restore-stub\" can be repeated.");
         dropKeptText(m_file);
-        return true;
+        return Held::WasRecalled;
     case FileState::ChangedStub:
-        suspect(name + " was changed since it was stubbed: " + m_look.why);
-        return false;
+        failUnlessForced(name + " was changed since it was stubbed: " + m_look.why);
+        return Held::ToRecall;
     case FileState::MarkedWhole:
     case FileState::Lost:
         throw Failure(QZHSM_NOT_A_STUB, name + " has no valid stub text: it is " + nameOf(m_look.state),
@@ -67,7 +67,7 @@ bool RecallJob::isDone(UniqueFd held, FileLook look) {
 }
 
 /// What points to data being lost is a failure, unless it is wanted.
-void RecallJob::suspect(const std::string& text) {
+void RecallJob::failUnlessForced(const std::string& text) {
     if (!m_force)
         throw Failure(QZHSM_FAILURE, text, kAllTheSame);
     m_observer.note("warning: " + text);
@@ -75,14 +75,14 @@ void RecallJob::suspect(const std::string& text) {
 
 void RecallJob::examineLength(long long total) {
     if (total != m_look.recordedSize)
-        suspect(m_source->name() + " has " + std::to_string(total) + " bytes, but the stub " + m_file.name() +
-                " records " + std::to_string(m_look.recordedSize));
+        failUnlessForced(m_source->name() + " has " + std::to_string(total) + " bytes, but the stub " +
+                         m_file.name() + " records " + std::to_string(m_look.recordedSize));
 }
 
 void RecallJob::tellLonger() {
     if (!std::exchange(m_longerTold, true))
-        suspect(m_source->name() + " has more than the " + std::to_string(m_look.recordedSize) +
-                " bytes that the stub " + m_file.name() + " records");
+        failUnlessForced(m_source->name() + " has more than the " + std::to_string(m_look.recordedSize) +
+                         " bytes that the stub " + m_file.name() + " records");
 }
 
 void RecallJob::throwSourceChanged() const {
@@ -95,7 +95,7 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
     m_source = std::move(source);
     m_size = m_look.st.st_size;
     m_time = m_look.st.st_mtim;
-    if (m_kind.keepsTextInFile() && m_look.attributes) // to find the source can have taken its time
+    if (m_kind.keepsTextInFile() && m_look.attributes) // finding the source may have taken long
         requireUntouched();
     // A file that was half recalled or half stubbed has times of that making. Without attributes it looks
     // like a stub.
@@ -104,27 +104,27 @@ void RecallJob::begin(std::unique_ptr<DataSource> source) {
     const bool isLater = modified && (found.tv_sec > modified->tv_sec || (found.tv_sec == modified->tv_sec &&
                                                                           found.tv_nsec > modified->tv_nsec));
     if (m_look.state == FileState::Stub && m_look.attributes && !m_look.kept && isLater)
-        suspect(m_file.name() + " was changed since it was stubbed: it was written to later");
+        failUnlessForced(m_file.name() + " was changed since it was stubbed: it was written to later");
     if (m_source->size())
         examineLength(*m_source->size());
     m_capabilities = readCapabilities(m_file);
     if (m_capabilities.empty() && m_look.kept) // a kill may have been in the way of putting them back
         m_capabilities = m_source->capabilities();
-    putTimesBack(); // who may not do that could not end the recall
-    setTime();      // some file systems keep it less exactly
+    putTimesBack(); // without the right to do so this fails now, not at the end
+    noteTime();     // read back, for some file systems round it
     if (m_kind.keepsTextInFile())
         m_kept = keepText(m_file, {m_look.text, true, timeOfData()});
 }
 
 void RecallJob::writeRest() {
     const size_t page = endOfPage();
-    // One that was emptied, or that somebody has lengthened, who gives that up. What is left half-way must
-    // fit.
+    // An emptied file, or one that a user has lengthened and gives up, gets its size first: what a kill
+    // leaves must fit its text.
     if (m_kept && m_look.st.st_size != m_look.recordedSize &&
         m_look.st.st_size != std::max(m_look.recordedSize, static_cast<long long>(m_look.text.size()))) {
         setSize(m_look.recordedSize);
         pin();
-        setTime();
+        noteTime();
     }
     const auto known = m_source->size();
     std::span<const char> piece = m_source->next();
@@ -166,8 +166,8 @@ void RecallJob::writeRest() {
         examineLength(m_total);
     const std::optional<StubMetadata> metadata = StubMetadata::fromText(m_look.meta);
     if (!m_source->object() && metadata && metadata->xxh128 != sum.finish().whole)
-        suspect(m_source->name() + " is not the data of the stub " + m_file.name() +
-                ": the checksums differ");
+        failUnlessForced(m_source->name() + " is not the data of the stub " + m_file.name() +
+                         ": the checksums differ");
 }
 
 void RecallJob::writePage() {
@@ -186,7 +186,7 @@ void RecallJob::beginPieces() {
     if (m_look.st.st_size == m_total)
         return;
     setSize(m_total);
-    setTime();
+    noteTime();
 }
 
 /// That of the data: what is there of it would count as changed otherwise, if the recall is cut off.
@@ -210,7 +210,7 @@ void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
         file.write({bytes.data(), text}, 0);
     write(file, bytes.data() + text, bytes.size() - text, offset + static_cast<long long>(text));
     file.close();
-    setTime(); // to put back that of the data each time would cost readers more
+    noteTime(); // to put back that of the data each time would cost readers more
     m_observer.bytes(static_cast<long long>(bytes.size()));
 }
 
@@ -235,7 +235,7 @@ void RecallJob::end() {
     putRightsBack(m_file, m_capabilities, m_look.st);
     putTimesBack();
     m_size = m_total;
-    setTime();
+    noteTime();
     QZHSMLowLevel& backEnd = m_kind.backEnd();
     if (m_look.marked && backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), true, {}) < 0)
         throw Failure(backEnd);
@@ -287,7 +287,7 @@ void RecallJob::requireOurs(std::span<const char> data, long long offset) const 
                           kAllTheSame);
 }
 
-/// Behind a write of ours: one of others' shows by its time then.
+/// Puts the time back after a write of our own, so that a write by anybody else shows.
 void RecallJob::pin() {
     if (!m_kind.keepsTextInFile())
         return;
@@ -298,7 +298,7 @@ void RecallJob::pin() {
 }
 
 /// The time that a step of ours has left.
-void RecallJob::setTime() {
+void RecallJob::noteTime() {
     m_time = m_file.stat().st_mtim;
     m_isMoved = false;
 }
@@ -354,7 +354,7 @@ timespec RecallJob::timeOfData() const {
     if (m_look.kept && m_look.kept->recalling)
         return m_look.kept->modified;
     const std::optional<timespec> recorded = m_source ? m_source->modified() : std::nullopt;
-    // An earlier one its user has set.
+    // An earlier time was set by the user: it stays.
     if (recorded && m_look.state == FileState::Stub && !m_look.kept &&
         m_look.st.st_mtim.tv_sec < recorded->tv_sec)
         return m_look.st.st_mtim;

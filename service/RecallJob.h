@@ -25,11 +25,14 @@ class RecallJob {
 public:
     RecallJob(StubKind& kind, OpenFile file, bool force, Observer& observer);
 
-    /// Looks at the file. True if there is nothing more to do than what was done here: a recall had ended but
-    /// for its last step. Throws if it is no stub, or not to be recalled.
-    bool isDone();
+    enum class Held {
+        ToRecall,
+        WasRecalled, ///< but for the last step of that recall, which was taken now: nothing is left to do
+    };
+    /// Takes hold of the file and looks at it. Throws if it is no stub, or not to be recalled.
+    Held hold();
     /// The same, if the file is held already, and was looked at since.
-    bool isDone(UniqueFd held, FileLook look);
+    Held hold(UniqueFd held, FileLook look);
     const FileLook& look() const { return m_look; }
 
     void begin(std::unique_ptr<DataSource> source);
@@ -57,7 +60,7 @@ public:
     long long written() const { return m_total; }
 
 private:
-    void suspect(const std::string& text);
+    void failUnlessForced(const std::string& text);
     void examineLength(long long total);
     [[noreturn]] void throwSourceChanged() const;
     void setSize(long long size);
@@ -68,9 +71,9 @@ private:
     void requireUntouched();
     void requireOurs(std::span<const char> data, long long offset) const;
     void pin();
-    void setTime();
+    void noteTime();
     void putTextBack();
-    void leave();
+    void leaveToUser();
     void write(TransparentFile& file, const char* bytes, size_t count, long long offset) const;
     void punch(long long from, bool mayShorten);
     bool punchHole(long long from, long long count) const;

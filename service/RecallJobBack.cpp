@@ -22,7 +22,7 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
         if (backEnd.restoreDone(m_kind.pathOf(m_file).c_str(), false, {}) < 0)
             m_observer.failed(name, Failure(backEnd));
         if (m_isChanged || (m_kind.keepsTextInFile() && !m_isMoved && !isSame()))
-            return leave();
+            return leaveToUser();
         if (m_kept && (isSeen || m_look.kept)) // what an earlier recall has left may have been seen too
             return m_observer.note(name + ": half recalled, to be recalled again");
         if (m_written && !m_kind.keepsTextInFile()) {
@@ -55,7 +55,7 @@ void RecallJob::putBack(const Failure& failure, bool isSeen) {
     }
 }
 
-/// Before any data goes: the file alone tells where it is.
+/// Before any data goes, for nothing else tells where it is.
 void RecallJob::putTextBack() {
     std::vector<char> page(m_look.text.begin(), m_look.text.end());
     page.resize(std::min(endOfPage(), std::max(page.size(), static_cast<size_t>(m_look.st.st_size))));
@@ -69,7 +69,7 @@ void RecallJob::putTextBack() {
 
 /// What a user did to the file meanwhile stays. Nor does the next recall go on over it: the text that is kept
 /// is no longer that of a recall. No time goes with it, for no time that a user may set makes the file whole.
-void RecallJob::leave() {
+void RecallJob::leaveToUser() {
     if (m_kept && m_size > 0 && m_file.stat().st_size == 0) // he has given the data up
         makePlain(m_kind, m_file, m_look);
     else if (m_kept && (m_written || m_look.kept))

@@ -17,7 +17,7 @@ void RecallWorker::take(OpenFile file) {
         if (!claim)
             return m_observer.skipped(name, SeenFiles::kReason);
         job->file().as([&] { begin(job); });
-        if (!job) // but in the batch
+        if (!job) // moved into the batch
             m_claims.push_back(std::move(*claim));
     } catch (const Failure& failure) {
         // Below a directory there are ordinary files too.
@@ -38,7 +38,7 @@ void RecallWorker::begin(std::unique_ptr<RecallJob>& job) {
     const std::string& name = job->file().name();
     if (!m_seen.isNew(job->file().stat()))
         return m_observer.skipped(name, SeenFiles::kReason);
-    if (job->isDone()) {
+    if (job->hold() == RecallJob::Held::WasRecalled) {
         flushOne(job->flushable(), name);
         return m_observer.done(name, "recalled before");
     }

@@ -4,7 +4,7 @@
 
 namespace {
 
-/// That wait for each walk: few, for each is open, and enough that nobody sleeps while there is work.
+/// Directories that wait, for each walk: few, as each is open, but enough to keep all threads at work.
 constexpr size_t kMostWaiting = 4;
 
 } // namespace

@@ -24,7 +24,8 @@ void StubJob::hold() {
     m_flushable =
         m_kind.waitForHold(m_file, [this](int pauses) { return m_kind.announces() && pauses < kPatience; });
     m_data = openData();
-    m_look.st = m_file.stat(); // before: what is mapped meanwhile may be written to later, and show no time
+    m_look.st =
+        m_file.stat(); // before the lease: a page mapped until then may be written to, and show no time
     requireClosed();
     if (m_look.attributes)
         m_object = notedObject(m_file);
@@ -49,7 +50,7 @@ void StubJob::prepare(const std::string& meta, std::optional<std::time_t> refTim
 void StubJob::keep() {
     requireUnchanged(m_since);
     m_keepBegan = true;
-    // One of both names the object, whoever looks which are in use, if there is room for either.
+    // The text or the note names the object at any moment, for whoever looks which are in use.
     keepText(m_text, m_look.st.st_size);
     if (m_isNoted)
         dropNotedObject(m_file);
@@ -179,7 +180,7 @@ void StubJob::requireClosed() const {
     }
     if (err == EAGAIN)
         throw Failure(QZHSM_BUSY, m_file.name() + " is open elsewhere");
-    if (err == EACCES) // nor could its times be put back
+    if (err == EACCES)
         throw systemFailure("Failed to see whether others use a file of another user: ", m_file.name(), err);
     if (err == 0 && ::fcntl(m_data.get(), F_SETLEASE, F_UNLCK) < 0)
         throw systemFailure("Failed to give back the lease on ", m_file.name(), errno);

@@ -17,7 +17,7 @@ std::string StubWorker::reasonToSkip(const FileLook& look) {
 }
 
 bool StubWorker::isFull() const {
-    constexpr size_t kMostCopies = 64; // which are open, besides three descriptors for each file
+    constexpr size_t kMostCopies = 64; // which are open besides the descriptors of each file
     return StubbingWorker::isFull() || m_copies.size() >= kMostCopies;
 }
 

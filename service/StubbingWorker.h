@@ -30,7 +30,7 @@ public:
                 return m_observer.skipped(name, SeenFiles::kReason);
             auto job = std::make_unique<Job>(m_kind, std::move(file));
             job->file().as([&] { begin(job); });
-            if (!job) // but in the batch
+            if (!job) // moved into the batch
                 m_claims.push_back(std::move(*claim));
         } catch (const Failure& failure) {
             m_observer.failed(name, failure);

@@ -79,7 +79,7 @@ void Walk::entry(const Entry& entry, unsigned char type, const FoundDirectory& p
                             : OpenFile::in(entry.directory, entry.name, path, parent.tree);
         const struct stat st = file.statOfLook();
         if (st.st_dev != parent.device) {
-            // So do files of an overlay, whose layers are mixed.
+            // Files of an overlay's lower layers differ too.
             if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode))
                 m_observer.skipped(path, "it lies on another file system");
             return;
@@ -93,7 +93,8 @@ void Walk::entry(const Entry& entry, unsigned char type, const FoundDirectory& p
             return;
         constexpr int kDeepest = 1000; // each level takes descriptors and stack
         if (parent.depth == kDeepest)
-            throw Failure(QZHSM_FAILURE, path + " lies more than 1000 directories deep");
+            throw Failure(QZHSM_FAILURE,
+                          path + " lies more than " + std::to_string(kDeepest) + " directories deep");
         FoundDirectory found{std::move(file), parent.device, parent.tree, parent.depth + 1};
         if (!m_handOver(found))
             directory(found);

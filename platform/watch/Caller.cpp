@@ -32,7 +32,7 @@ CallerWants wantsByFlags(unsigned long long flags) {
     return (flags & O_ACCMODE) == O_RDONLY ? CallerWants::OpenRead : CallerWants::Other;
 }
 
-/// The value of a line "NAME:<tab>VALUE" of /proc/TID/status.
+/// What stands behind the name in a line of a file of /proc/TID.
 std::string_view lineOf(std::string_view text, std::string_view name) {
     const size_t at = text.find(name);
     if (at == std::string_view::npos)

@@ -29,7 +29,7 @@ constexpr int kHeldFlags = O_RDONLY | O_LARGEFILE | O_NOATIME | O_APPEND | O_NON
 } // namespace
 
 int PreContentGroup::create() {
-    // On overflow, and there is none so, the kernel lets everybody through.
+    // Unlimited: on overflow the kernel lets everybody through.
     m_group = UniqueFd(::fanotify_init(FAN_CLASS_PRE_CONTENT | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE |
                                            FAN_UNLIMITED_MARKS | FAN_REPORT_TID,
                                        kHeldFlags));

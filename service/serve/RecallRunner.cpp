@@ -18,11 +18,8 @@ class LogObserver final : public Observer {
 public:
     explicit LogObserver(std::function<void(long long)> onBytes) : m_onBytes(std::move(onBytes)) {}
 
-    void started(const std::string&, long long) override {}
     void bytes(long long count) override { m_onBytes(count); }
-    void done(const std::string&, const std::string&) override {}
     void failed(const std::string&, const Failure& failure) override { RecallService::log(failure.what()); }
-    void skipped(const std::string&, const std::string&) override {}
     void note(const std::string& text) override { RecallService::log(text); }
 
 private:
@@ -53,12 +50,12 @@ public:
 
     const RecallService::Stub& stub() const { return m_stub; }
 
-    /// Whether there is nothing to bring.
-    bool isDone(UniqueFd held, FileLook look) {
-        const bool isDone = m_job.isDone(std::move(held), std::move(look));
-        if (isDone)
+    /// Whether there is anything to bring.
+    bool hold(UniqueFd held, FileLook look) {
+        const bool isToRecall = m_job.hold(std::move(held), std::move(look)) == RecallJob::Held::ToRecall;
+        if (!isToRecall)
             m_leaseless = UniqueFd();
-        return isDone;
+        return isToRecall;
     }
 
     void begin(NamedStores& stores) {
@@ -202,7 +199,7 @@ void RecallRunner::serve(const RecallService::Stub& stub, const OpenFile& file) 
         m_service, stub, m_own,
         OpenFile::ofReadable(UniqueFd(::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)), file.name()),
         std::move(leaseless));
-    if (recall->isDone(std::move(lock), std::move(look))) // and locked, until nobody asks for it any more
+    if (!recall->hold(std::move(lock), std::move(look))) // and locked, until nobody asks for it any more
         return m_service.done(stub, false);
     RecallService::log("recalling " + file.name() + " for " + stub->cause());
     bool isBegun = false;

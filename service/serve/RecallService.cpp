@@ -191,7 +191,7 @@ void RecallService::watch(const std::stop_token& token) {
     }
 }
 
-/// Who waits for what is not brought any more.
+/// Refuses the accesses to stubs whose recall is given up.
 void RecallService::refuseLeft() {
     for (const auto& each : m_stubs) {
         ServedStub& stub = *each.second;
@@ -271,8 +271,8 @@ Need RecallService::needOf(const HeldAccess& access, bool isHeld) {
     struct stat st {};
     if (::fstat(access.fd, &st) < 0)
         return Need::Ended;
-    // Of an empty one nobody could see that he has done so, and with a text that is kept it would pass for
-    // one that a recall or stubbing has left.
+    // To truncate an empty stub changes nothing that shows, and one with a kept text would pass for what a
+    // recall or stubbing has left.
     if (wants == CallerWants::Truncate && access.isOpen)
         return st.st_size > 0 && carries(access.fd, kStubTextAttribute) == 0 &&
                        (isHeld || !isLocked(access.fd))
@@ -294,7 +294,7 @@ Need RecallService::needOf(const HeldAccess& access, bool isHeld) {
     return access.isOpen ? Need::Nothing : Need::Range;
 }
 
-/// By whoever holds the file.
+/// Called by whoever holds the file.
 void RecallService::reconsider(ServedStub& stub) {
     counted(stub,
             [&] { stub.reconsider([this](const HeldAccess& access) { return needOf(access, true); }); });

@@ -89,7 +89,7 @@ public:
     bool isSeen() const { return m_seen; }
     /// Whether nobody has asked for the data: all accesses so far were refused, or to truncate it.
     bool isUnasked() const { return (m_refused || m_letTruncate) && m_waiting.empty() && !m_seen; }
-    /// Unless somebody may, none of it counts as there any more.
+    /// Unless somebody may, forgets all pieces that are there. False if somebody may.
     bool takeBack();
     /// Whether somebody waits of whom it is not known yet what he does.
     bool isUnclear() const;

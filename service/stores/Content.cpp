@@ -1,6 +1,7 @@
 #include "service/stores/Content.h"
 
 #include "service/Failure.h"
+#include "service/FileIo.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -40,18 +41,6 @@ std::uint64_t endOfHole(int fd, std::uint64_t at, const ObjectRecord& record) {
     return record.size;
 }
 
-size_t readAt(int fd, char* buffer, size_t size, std::uint64_t at, const ObjectRecord& record) {
-    ssize_t got = -1;
-    do
-        got = ::pread(fd, buffer, size, static_cast<off_t>(at));
-    while (got < 0 && errno == EINTR);
-    if (got < 0)
-        throw systemFailure("Failed to read from ", record.path, errno);
-    if (got == 0)
-        becameShorter(record);
-    return static_cast<size_t>(got);
-}
-
 } // namespace
 
 ContentSink::~ContentSink() = default;
@@ -70,7 +59,10 @@ void readContent(int fd, ObjectRecord& record, ContentSink& sink, const OnBytes&
     while (at < record.size) {
         const std::uint64_t dataEnd = endOfData(fd, at, record);
         while (at < dataEnd) {
-            const size_t got = readAt(fd, buffer.get(), std::min(room, dataEnd - at), at, record);
+            const size_t got =
+                readAt(fd, buffer.get(), std::min(room, dataEnd - at), static_cast<off_t>(at), record.path);
+            if (got == 0)
+                becameShorter(record);
             sums.add(buffer.get(), got);
             sink.data(at, buffer.get(), got);
             advance(got);

@@ -17,7 +17,6 @@ namespace {
 
 constexpr const char* kMarker = "qzhsm-store.json";
 constexpr const char* kNewMarker = "qzhsm-store.json.new";
-constexpr const char* kTemporary = "tmp";
 constexpr int kMarkerFormat = 1;
 constexpr size_t kMarkerMax = 4096;
 
@@ -28,7 +27,8 @@ bool isOutOfTheWay(int directory, const std::string& file) {
     if (file == kNewMarker)
         return ::unlinkat(directory, file.c_str(), 0) == 0;
     const auto& parts = storeParts();
-    const bool isOurs = file == kTemporary || std::find(parts.begin(), parts.end(), file) != parts.end();
+    const bool isOurs =
+        file == kTemporaryDirectory || std::find(parts.begin(), parts.end(), file) != parts.end();
     return isOurs && ::unlinkat(directory, file.c_str(), AT_REMOVEDIR) == 0;
 }
 
@@ -89,7 +89,7 @@ void makeStore(const std::string& directory) {
     };
     for (const std::string& part : storeParts())
         makeBelow(part);
-    makeBelow(kTemporary);
+    makeBelow(kTemporaryDirectory);
     writeMarker(root.get(), directory);
     // All of it, with the directory's own name.
     if (::syncfs(root.get()) < 0)

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr const char* kSessions = "tmp";
 constexpr const char* kLock = "lock";
 
 UniqueFd openDirectory(int root, const std::string& path) {
@@ -112,7 +111,7 @@ StoreSession::StoreSession(int root, const std::string& name) : m_root(root) {
         throw systemFailure("Failed to make a temporary directory in store ", name, errno);
     };
     for (;;) {
-        m_path = std::string(kSessions) + '/' + std::string(ObjectId::generate().text());
+        m_path = std::string(kTemporaryDirectory) + '/' + std::string(ObjectId::generate().text());
         if (::mkdirat(root, m_path.c_str(), 0700) < 0)
             fail();
         m_directory = openDirectory(root, m_path);
@@ -139,7 +138,7 @@ StoreSession::~StoreSession() {
 }
 
 size_t StoreSession::leftovers(int root, const std::string& name, bool remove) {
-    const UniqueFd sessions = openDirectory(root, kSessions);
+    const UniqueFd sessions = openDirectory(root, kTemporaryDirectory);
     if (!sessions.isOpen())
         throw systemFailure("Failed to open the temporary directory of store ", name, errno);
     size_t count = 0;

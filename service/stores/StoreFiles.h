@@ -8,6 +8,9 @@
 
 // The files of a directory store. Nothing here follows a symbolic link.
 
+/// In a store's directory, for what is not flushed.
+constexpr const char* kTemporaryDirectory = "tmp";
+
 /// Calls back with each name in the directory but "." and "..". Throws `Failure` with `name`.
 void forEachName(int directory, const std::string& name, const std::function<void(const char*)>& onName);
 

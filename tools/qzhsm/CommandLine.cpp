@@ -104,6 +104,11 @@ CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std
         ->option_text("AGE");
 }
 
+CLI::Option* addJobs(CLI::App* verb, int& jobs, const std::string& help) {
+    constexpr int kMostJobs = 64;
+    return verb->add_option("-j,--jobs", jobs, help)->check(CLI::Range(1, kMostJobs))->option_text("N");
+}
+
 void CommandLine::addJson(CLI::App* verb) {
     verb->add_flag("--json", m_form.json, "Print JSON, one object a line");
 }
@@ -178,8 +183,7 @@ CLI::App* CommandLine::addPathsVerb(const std::string& name, const std::string& 
 CLI::App* CommandLine::addListVerb(const std::string& name, const std::string& help, const PathAction& action,
                                    const Action& finish, const Action& none) {
     CLI::App* verb = newVerb(name, help);
-    // The parser would take a path like "[a,b]" apart if the list were open. One of a great length is left
-    // alone, and may be shorter.
+    // The parser would take a path like "[a,b]" apart, but not in a list of bounded length.
     CLI::Option* paths =
         verb->add_option(
                 "PATH", [](const CLI::results_t&) { return true; }, "The files or directories")

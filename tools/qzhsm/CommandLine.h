@@ -91,3 +91,5 @@ private:
 CLI::Option* addText(CLI::App* verb, const std::string& name, std::string& target, const std::string& help);
 /// --older-than: an age like 90d, 12h or 2w, in seconds.
 CLI::Option* addAge(CLI::App* verb, std::optional<long long>& seconds, const std::string& help);
+/// -j, --jobs: how many threads are to work.
+CLI::Option* addJobs(CLI::App* verb, int& jobs, const std::string& help);

@@ -104,9 +104,7 @@ void addArchive(CommandLine& line) {
                    "Read the data back from the store and compare it, before it leaves the file");
     verb->add_flag("--dry-run", options->dryRun,
                    "Only tell what would be archived: how many files, and with --json or -z which");
-    verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
-        ->check(CLI::Range(1, 64))
-        ->option_text("N");
+    addJobs(verb, options->workers, "How many files to work on at once");
     line.addForms(verb, kNullHelp);
 }
 

@@ -119,8 +119,6 @@ void addRecallVerb(CommandLine& line) {
         ->excludes(fromDir);
     verb->add_flag("--force", options->sources.force,
                    "Also stubs that were changed, and data of another length than the stub records");
-    verb->add_option("-j,--jobs", options->workers, "How many files to work on at once")
-        ->check(CLI::Range(1, 64))
-        ->option_text("N");
+    addJobs(verb, options->workers, "How many files to work on at once");
     line.addForms(verb, "List the files that were recalled, each name as it is and ended by NUL");
 }

@@ -125,10 +125,6 @@ public:
         const std::lock_guard lock(m_mutex);
         m_walked = true;
     }
-    void started(const std::string&, long long) override {}
-    void bytes(long long) override {}
-    void done(const std::string&, const std::string&) override {}
-    void note(const std::string&) override {}
 
 private:
     Report& m_report;
@@ -248,9 +244,7 @@ void addScanVerb(CommandLine& line) {
         });
     CLI::Option* stubs = verb->add_flag("--stubs", options->listStubs,
                                         "List the stubs, one a line, and tell the rest on standard error");
-    verb->add_option("-j,--jobs", options->workers,
-                     "How many directories to look into at once; with more than one nothing is told in order")
-        ->check(CLI::Range(1, 64))
-        ->option_text("N");
+    addJobs(verb, options->workers,
+            "How many directories to look into at once; with more than one nothing is told in order");
     line.addForms(verb, "List them each as it is and ended by NUL")->needs(stubs);
 }

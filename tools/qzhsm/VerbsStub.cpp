@@ -1,6 +1,6 @@
 #include "service/MirrorTree.h"
+#include "service/SavedStub.h"
 #include "service/StubWorker.h"
-#include "service/Stubbing.h"
 #include "tools/qzhsm/CommandLine.h"
 #include "tools/qzhsm/FileCrew.h"
 #include "tools/qzhsm/Verbs.h"

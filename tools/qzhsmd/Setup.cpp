@@ -148,7 +148,7 @@ bool mayBeParked(const Served& served, const std::string& runtimeDirectory) {
     return std::ranges::none_of(served, [&](const auto& each) { return needed.contains(each.first); });
 }
 
-/// Tools would look for a service behind them.
+/// Removes the sockets if set-up fails: tools would look for a service behind them.
 struct SocketsOfAFailure {
     explicit SocketsOfAFailure(const std::vector<std::string>& made) : sockets(made) {}
     SocketsOfAFailure(const SocketsOfAFailure&) = delete;

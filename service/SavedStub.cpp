@@ -1,4 +1,4 @@
-#include "service/Stubbing.h"
+#include "service/SavedStub.h"
 
 #include "service/FileIo.h"
 #include "service/KeptText.h"
