@@ -71,7 +71,8 @@ public:
     virtual int restoreDone(const char* path, bool success, const std::list<long long>& ids) = 0;
 
     /// Saves a stub's metadata: `stubData` becomes exactly the stub data that `restoreStub` takes.
-    /// 0, or -1 (code 8 for a file that is not a stub, unless the back-end says otherwise). What `stubData`
+    /// 0, or -1 (code 8 for a file that is not a stub, unless the back-end says otherwise). REQUIRES: it is a
+    /// regular file; on a pipe the call may wait for a writer. What `stubData`
     /// holds after a failure is unspecified.
     virtual int backupStub(const char* path, std::vector<char>& stubData) = 0;
 

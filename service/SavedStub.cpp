@@ -116,7 +116,7 @@ private:
             if (isOurs)
                 kind().undoRestoring(path, look().st);
             if (look().st.st_size == 0 || !isEmptied())
-                end();
+                dropText();
             flush();
         } catch (const Failure&) { // the first one is told
         }

@@ -73,6 +73,15 @@ void StubJob::stub() {
 }
 
 void StubJob::end() {
+    // A truncation that began while the file had its data may have cut the text.
+    if (m_kind.keepsTextInFile() &&
+        m_file.stat().st_size != std::max(m_size, static_cast<long long>(m_text.size())))
+        throw Failure(QZHSM_BUSY, m_file.name() + " was truncated while it was stubbed",
+                      "\"qzhsm recall\" brings its data back.");
+    dropText();
+}
+
+void StubJob::dropText() {
     if (m_kind.keepsTextInFile())
         dropKeptText(m_file);
 }
@@ -82,7 +91,7 @@ void StubJob::giveUp() {
     if (!m_keepBegan || m_isMade)
         return;
     try {
-        end();
+        dropText();
         if (hasSameData(m_file.stat(), m_look.st))
             note();
         flush();

@@ -52,6 +52,7 @@ protected:
     void note();
     /// Keeps the text that the stub of a file of `size` bytes is to have.
     void keepText(std::string text, long long size);
+    void dropText();
     /// Has the back-end make the stub by `act`, and mends what that leaves.
     void make(const std::string& path, const std::function<int()>& act);
     void flush() const;

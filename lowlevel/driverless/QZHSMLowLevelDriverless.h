@@ -40,7 +40,8 @@ public:
     /// 1 if the directory, an absolute path, lies in one of the client's migrated trees, else 0. The list is
     /// read anew each time.
     int isDirBeingWatched(const char* dirPath) override;
-    /// 1 if user attributes work, or need not. Else 0 with code 0 and a text that names the file system.
+    /// 1 if user attributes work, or need not. Else 0 with code 0 and a text that names the file system; so
+    /// for a path that does not exist: ask about its directory.
     int isDMRFS(const char* path) override;
     /// The same, remembered for the last path asked, for all objects of the process together; devices found
     /// without attributes are noted. Callers on several threads serialise.
@@ -55,7 +56,8 @@ public:
 
     /// 1 or 0; 0 also on failure: code 4 for a missing file and for one that cannot be opened, else -1. With
     /// attributes the file is not opened, and a mark that may not be read counts as none, with a clear error;
-    /// without them the file's access time is put back to the whole second.
+    /// without them both its times are put back, to the whole second, which moves its change time and hides
+    /// what somebody writes meanwhile: ask only while nobody does.
     int isStub(const char* path) override;
     /// Always 0, with state 2; `isStub`'s error stands.
     int getFileInfo(const char* path, bool* isStub, int* state) override;

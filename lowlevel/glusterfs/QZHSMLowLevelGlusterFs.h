@@ -98,8 +98,9 @@ public:
     int getStubData(const char* path, bool& isStub, std::vector<char>& stubData, const off_t& size);
 
     /// Takes the version GUID from metadata text: its 16 bytes into `guid`, its dashed form into
-    /// `versionGuid`. An error with code 1627 and both untouched for metadata without one; EINVAL with only
-    /// `versionGuid` set for one that is none. Throws std::out_of_range for less than 20 characters.
+    /// `versionGuid`. An error with code 1627 and both untouched for metadata without one; the errno that
+    /// stands, or EINVAL if none does, with only `versionGuid` set for one that is none. Throws
+    /// std::out_of_range for less than 20 characters.
     CWbError GetVersionGUIDFromMetaInBinaryFormat(const char* stubMeta, unsigned char (&guid)[16],
                                                   std::string& versionGuid);
 

@@ -19,7 +19,10 @@ int readLines(const std::string& path, std::vector<std::string>& lines) {
             return errno;
     }
     std::istringstream whole(text);
-    for (std::string line; std::getline(whole, line);)
+    for (std::string line; std::getline(whole, line);) {
+        if (line.ends_with('\r'))
+            line.pop_back();
         lines.push_back(line);
+    }
     return 0;
 }

@@ -21,5 +21,6 @@ public:
 };
 
 /// Starts as a writer to standard error at the level that the environment variable QZHSM_LOG_LEVEL gives
-/// (default 0). The service may replace it before it starts threads, or set it to null to silence it.
+/// (default 0). A process that may lose whoever reads its standard error has to ignore SIGPIPE. The service
+/// may replace it before it starts threads, or set it to null to silence it.
 extern QZHSM_API std::shared_ptr<CLogWriterInterface> g_ptrLogWriter;

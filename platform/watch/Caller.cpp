@@ -95,6 +95,23 @@ pid_t processOf(pid_t tid) {
     return std::sscanf(std::string(lineOf(text, "\nTgid:")).c_str(), "%d", &process) == 1 ? process : 0;
 }
 
+PassingCall PassingCall::of(pid_t tid) {
+    const std::string text = readProc(tid, "stat");
+    const size_t at = text.rfind(')'); // behind the name, which may hold anything
+    unsigned long long userTime = 0;
+    if (at != std::string::npos)
+        std::sscanf(text.c_str() + at, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu", &userTime);
+    return {tid, userTime};
+}
+
+bool PassingCall::isUnderWay() const {
+    const std::string text = readProc(tid, "syscall");
+    if (text.starts_with("running"))
+        return of(tid).userTime == userTime;
+    long number = -1;
+    return std::sscanf(text.c_str(), "%ld", &number) == 1 && number == SYS_truncate;
+}
+
 bool isAlive(pid_t tid) {
     const std::string text = readProc(tid, "stat");
     const size_t at = text.rfind(") "); // behind the name, which may hold anything

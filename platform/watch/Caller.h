@@ -28,3 +28,14 @@ std::string controlGroupOf(pid_t tid);
 pid_t processOf(pid_t tid);
 /// Whether the thread has not ended.
 bool isAlive(pid_t tid);
+
+/// A thread in a system call that was let go on.
+struct PassingCall {
+    pid_t tid;
+    unsigned long long userTime; ///< that it had spent by then, in ticks of the clock
+
+    static PassingCall of(pid_t tid);
+    /// Whether it may still be in that call, truncate(2), or about to run and so to go on with it. False for
+    /// a thread that sleeps in any other call.
+    bool isUnderWay() const;
+};

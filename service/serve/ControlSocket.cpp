@@ -104,7 +104,7 @@ std::string ControlSocket::answerTo(Connection& connection, std::string_view req
     if (request == "heed") {
         for (const UniqueFd& file : files)
             if (const int err = m_service.heed(file.get()))
-                return errnoReason(err);
+                return err == EBUSY ? "somebody is just about to truncate one" : errnoReason(err);
         return kDone;
     }
     return {};

@@ -64,6 +64,11 @@ bool isLocked(int fd) {
     return false;
 }
 
+/// Whether somebody who holds the file is about to make a stub of it.
+bool isBeingStubbed(int fd, const struct stat& st) {
+    return S_ISREG(st.st_mode) && carries(fd, kStubTextAttribute) != 0 && isLocked(fd);
+}
+
 /// Whether what waits leaves too few descriptors for the recalls. To leave further events unread is no way
 /// out: among them are those of the recalls' own writes.
 bool isTableFull() {
@@ -216,11 +221,23 @@ void RecallService::handle(const HeldAccess& access) {
     const int marked = S_ISREG(st.st_mode) ? carries(access.fd, kStubMark) : 0;
     if (marked < 0)
         return m_group.deny(access.fd, EIO);
-    if (marked == 0 && !m_stubs.contains({st.st_dev, st.st_ino})) {
+    const FileKey key{st.st_dev, st.st_ino};
+    if (marked == 0 && !m_stubs.contains(key) && !isBeingStubbed(access.fd, st)) {
         ignorePlain(access.fd, st);
+        letPass(access, key);
         return m_group.allow(access.fd);
     }
     handleStub(access, st);
+}
+
+/// Whoever truncates a file by its path has not opened it, so that nobody sees him until he comes to do it.
+void RecallService::letPass(const HeldAccess& access, const FileKey& key) {
+    constexpr size_t kMany = 64;
+    if (access.isOpen || access.tid <= 0)
+        return;
+    if (m_passing.size() >= kMany)
+        std::erase_if(m_passing, [](const auto& passing) { return !passing.second.isUnderWay(); });
+    m_passing.emplace_back(key, PassingCall::of(access.tid));
 }
 
 /// A file that is being archived is a stub soon. Whoever archives it asks to heed it after that shows. One

@@ -64,7 +64,8 @@ public:
     /// A process that archives and recalls by itself.
     void exempt(pid_t process);
     void endExemption(pid_t process);
-    /// This file is about to become a stub: it is looked at again from now on. Returns 0 or an errno.
+    /// This file is about to become a stub: it is looked at again from now on. Returns 0 or an errno: EBUSY
+    /// if somebody may not have come to do yet what he was let through for.
     int heed(int fd);
 
     // --- For those who bring the data ---
@@ -114,6 +115,7 @@ private:
     void handle(const HeldAccess& access);
     bool isPassed(pid_t tid);
     void ignorePlain(int fd, const struct stat& st);
+    void letPass(const HeldAccess& access, const FileKey& key);
     void handleStub(const HeldAccess& access, const struct stat& st);
     Need needOf(const HeldAccess& access, bool isHeld);
     void reconsider(ServedStub& stub);
@@ -136,7 +138,8 @@ private:
     std::condition_variable m_stopped;
     int m_idle = 0; ///< threads that wait for work
     std::set<pid_t> m_ownThreads;
-    std::map<pid_t, int> m_exempt;   ///< processes, and how often
+    std::map<pid_t, int> m_exempt;                          ///< processes, and how often
+    std::vector<std::pair<FileKey, PassingCall>> m_passing; ///< accesses to files that were no stubs
     std::deque<std::string> m_lines; ///< that the thread which answers must not write itself
     ServeStatus m_counts{};
     std::chrono::steady_clock::time_point m_free; ///< when the bandwidth allows more

@@ -159,6 +159,7 @@ void RecallService::done(const Stub& stub, bool wasRecalled) {
     struct stat st {};
     if (::fstat(stub->fd(), &st) == 0)
         ignorePlain(stub->fd(), st);
+    stub->forEachWaiting([&](const HeldAccess& access) { letPass(access, stub->key()); });
     counted(*stub, [&] { stub->allowAll(); });
     m_stubs.erase(stub->key());
 }

@@ -145,6 +145,11 @@ void ServedStub::answerMet() {
     });
 }
 
+void ServedStub::forEachWaiting(const std::function<void(const HeldAccess&)>& act) const {
+    for (const Waiting& waiting : m_waiting)
+        act(waiting.access);
+}
+
 void ServedStub::allowAll() {
     for (const Waiting& waiting : m_waiting)
         allow(waiting);

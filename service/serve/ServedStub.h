@@ -24,6 +24,7 @@ enum class Need {
 struct FileKey {
     dev_t device;
     ino_t inode;
+    bool operator==(const FileKey&) const = default;
     bool operator<(const FileKey& other) const {
         return std::pair(device, inode) < std::pair(other.device, other.inode);
     }
@@ -83,6 +84,7 @@ public:
     void denyUnknown(int err);
 
     size_t waiting() const { return m_waiting.size(); }
+    void forEachWaiting(const std::function<void(const HeldAccess&)>& act) const;
     /// Whether somebody waits still. Who was killed meanwhile counts no more.
     bool isAwaited(const IsAlive& isAlive);
     /// Whether somebody may be looking at a part of the data.

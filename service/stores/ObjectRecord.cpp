@@ -139,6 +139,8 @@ ObjectRecord ObjectRecord::describe(int fd, std::string path) {
         throw systemFailure("Failed to stat ", path, errno);
     ObjectRecord record;
     record.size = static_cast<std::uint64_t>(st.st_size);
+    if (record.size > kSizeMax)
+        throw systemFailure("Failed to describe ", path, EFBIG);
     if (!isRecordable(st.st_mtim))
         throw Failure(QZHSM_FAILURE, path + " has a modification time that no record can hold");
     record.atime = nanoseconds(st.st_atim);

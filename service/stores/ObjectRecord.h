@@ -45,6 +45,8 @@ struct ObjectRecord {
     static constexpr size_t kHolesMax = 65536;
     /// No record's text is longer, in bytes.
     static constexpr size_t kTextMax = 256UL * 1024 * 1024;
+    /// No file is larger, some 50 TiB: the text has 19 bytes for each piece, and room for holes and owners.
+    static constexpr std::uint64_t kSizeMax = (kTextMax - 16UL * 1024 * 1024) / 19 * kPieceSize;
 
     ObjectId object;
     std::string

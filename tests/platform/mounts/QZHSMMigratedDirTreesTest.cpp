@@ -7,6 +7,7 @@ TEST(QZHSMMigratedDirTrees, HoldWhatLiesBelow) {
     for (const auto& [dirs, wholeTrees, path, tree] :
          {std::tuple{"/data/a//\n\n/b", true, "/data/a/x", "/data/a"},
           {"/data/a//\n\n/b", true, "/data/ab", ""},
+          {"/data/a//\r\n\r\n/b", false, "/data/a", "/data/a"}, // from a machine with other ends of lines
           {"/data/a//\n\n/b", false, "/b/", "/b"},
           {"/data/a//\n\n/b", false, "/b/x", ""},
           {"/", true, "/data", "/"},

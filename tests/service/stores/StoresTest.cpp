@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -200,7 +201,10 @@ TEST_F(Stores, AreToldFromOtherDirectories) {
     EXPECT_FAILURE(DirectoryStore(path("new")), "format that is not known");
 }
 
-TEST(ObjectRecord, RefusesNumbersThatItCannotHold) {
+TEST(ObjectRecord, RefusesWhatItCannotHold) {
+    const UniqueFd huge(::memfd_create("huge", MFD_CLOEXEC));
+    ASSERT_EQ(::ftruncate(huge.get(), 1L << 46), 0);
+    EXPECT_FAILURE(ObjectRecord::describe(huge.get(), "huge"), "Failed to describe huge: File too large");
     ObjectRecord record;
     record.checksums.whole = std::string(32, 'a');
     const std::string checked = record.toText();

@@ -52,6 +52,16 @@ timeout 20 "$qzhsm" archive --store "$store" "$fs/told" || fail "a request that 
 kill -0 "$worker" 2>/dev/null && fail "no worker was killed"
 cmp "$fs/told" "$work/data" || fail "a file that the next worker was told of"
 
+# Who truncates files by their paths, and does not come to run for a while, is not overtaken by whoever archives them.
+for ((i = 0; i < 20; i++)); do head -c 65536 "$work/data" >"$fs/cut$i"; done
+expect 0 '' archive --store "$store" "$fs"/cut*
+taskset -c 0 sh -c 'while :; do :; done' & hog=$!
+timeout 60 "$users" cut 100 "$fs"/cut* & cutter=$!
+while kill -0 $cutter 2>/dev/null; do "$qzhsm" archive --store "$store" "$fs"/cut* &>/dev/null; done
+kill $hog
+wait $cutter || fail "files were not truncated"
+for ((i = 0; i < 20; i++)); do cmp -s "$fs/cut$i" <(head -c 100 "$work/data") || fail "what was truncated to 100 bytes: $("$qzhsm" info "$fs/cut$i" | tail -n 1)"; done
+
 # Nor is anything truncated for somebody who may not.
 "$users" truncate "$fs/kept" || { [ $? -eq 77 ] && echo 'skipped: no landlock here'; } || fail "a file that must not be truncated was"
 timeout -s KILL 5 cmp "$fs/kept" "$work/data" || fail "a stub that somebody tried to truncate"
