@@ -34,6 +34,8 @@ public:
     virtual std::optional<ObjectId> object() const { return {}; }
     /// The next bytes, valid until the next call; none at the end. What is known to be wrong throws.
     virtual std::span<const char> next() = 0;
+    /// Whether the bytes that were given last are a hole, and so nothing but zeros.
+    virtual bool isHole() const { return false; }
 
 private:
     std::string m_name;

@@ -153,7 +153,8 @@ void RecallJob::writeRest() {
         const std::span<const char> rest = piece.subspan(skip);
         requireOurs(rest, m_total + static_cast<long long>(skip));
         m_written = m_isMoved = true;
-        write(file, rest.data(), rest.size(), m_total + static_cast<long long>(skip));
+        if (!m_source->isHole() || !m_skipsZeros || m_punchesZeros)
+            write(file, rest.data(), rest.size(), m_total + static_cast<long long>(skip));
         m_total += length;
         pin();
         m_observer.bytes(length);
@@ -199,6 +200,8 @@ void RecallJob::setSize(long long size) {
 }
 
 void RecallJob::writePiece(std::span<const char> bytes, long long offset) {
+    if (m_source->isHole() && offset > 0 && m_look.state == FileState::Stub) // it is one there too
+        return m_observer.bytes(static_cast<long long>(bytes.size()));
     requireUntouched(); // writers wait, but not those who had the file open before anybody was told to
     requireOurs(bytes, offset);
     m_written = m_pageWritten = m_isMoved = true;

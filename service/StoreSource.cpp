@@ -49,7 +49,8 @@ std::span<const char> StoreSource::next() {
         return {};
     ++m_piece;
     m_moved += piece->bytes.size();
-    if (!piece->bytes.empty())
+    m_isHole = piece->bytes.empty();
+    if (!m_isHole)
         return piece->bytes;
     m_zeros.resize(std::max(m_zeros.size(), piece->part.length));
     return {m_zeros.data(), piece->part.length};

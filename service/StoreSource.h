@@ -18,6 +18,7 @@ public:
     std::string capabilities() const override;
     std::optional<ObjectId> object() const override { return m_record.object; }
     std::span<const char> next() override;
+    bool isHole() const override { return m_isHole; }
 
     std::uint64_t pieces() const { return m_record.checksums.pieces.size(); }
     /// The bytes that were read since the last call. Holes are none.
@@ -33,6 +34,7 @@ private:
     std::optional<VerifiedReader> m_reader;
     std::uint64_t m_piece = 0; ///< that comes next
     std::vector<char> m_zeros; ///< what a hole is read as
+    bool m_isHole = false;
     StopRequest m_stop;
     std::uint64_t m_moved = 0;
 };

@@ -18,7 +18,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int kFormat = 1;
-constexpr std::string_view kCheck = ",\"check\":\"";
+constexpr std::string_view kCheck = R"(,"check":")";
 
 [[noreturn]] void wrong(const std::string& what) {
     throw Failure(QZHSM_FAILURE, "The record is damaged: " + what);
