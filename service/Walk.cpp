@@ -80,8 +80,10 @@ void Walk::entry(const Entry& entry, unsigned char type, const FoundDirectory& p
         const struct stat st = file.statOfLook();
         if (st.st_dev != parent.device) {
             // Files of an overlay's lower layers differ too.
-            if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode))
+            if (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) {
+                m_leftOut.insert(st.st_dev);
                 m_observer.skipped(path, "it lies on another file system");
+            }
             return;
         }
         if (S_ISREG(st.st_mode)) {

@@ -4,6 +4,7 @@
 #include "service/OpenFile.h"
 
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -62,6 +63,8 @@ public:
     void stopWhen(std::function<bool()> isToStop) { m_isToStop = std::move(isToStop); }
     /// Enters no store, whose objects must stay what they are.
     void leaveOutStores() { m_entersStores = false; }
+    /// The other file systems that were found below the paths, and not entered.
+    const std::set<dev_t>& leftOut() const { return m_leftOut; }
 
 private:
     void directory(const FoundDirectory& found);
@@ -73,6 +76,7 @@ private:
     VisitPlain m_visitPlain;
     bool m_reads = false;
     bool m_entersStores = true;
+    std::set<dev_t> m_leftOut;
     std::function<bool()> m_isToStop = [] { return false; };
     std::function<bool(FoundDirectory&)> m_handOver = [](auto&) { return false; };
     std::function<bool(const std::string&, const std::string&)> m_leaveOut;

@@ -1,3 +1,4 @@
+#include "service/FileIo.h"
 #include "service/StoreSource.h"
 #include "service/StoreUse.h"
 #include "service/Walk.h"
@@ -7,8 +8,10 @@
 #include "tools/qzhsm/ShownWork.h"
 #include "tools/qzhsm/Verbs.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <set>
 
 namespace {
 
@@ -162,6 +165,8 @@ void addSweep(CommandLine& line) {
         std::string store;
         std::optional<long long> olderThan{}; ///< seconds
         SweepRules rules{};
+        std::set<dev_t> walked{};
+        std::set<dev_t> leftOut{}; ///< that were found below
         std::unique_ptr<StoreUse> use{};
         std::unique_ptr<ShownWork> shown{};
     };
@@ -177,11 +182,16 @@ void addSweep(CommandLine& line) {
             Walk walk(*options->shown,
                       [&](const OpenFile& file) { file.as([&] { options->use->add(file); }); });
             walk.from(path);
+            options->walked.insert(statFollowing(path).st_dev);
+            options->leftOut.insert(walk.leftOut().begin(), walk.leftOut().end());
         },
         [options](StubKind&, Report& report) {
             SweepRules& rules = options->rules;
             if (rules.remove && report.status() != 0)
                 throw Failure(QZHSM_FAILURE, "Nothing is removed: some files could not be looked at");
+            if (rules.remove && !std::ranges::includes(options->walked, options->leftOut))
+                throw Failure(QZHSM_FAILURE, "Nothing is removed: there are other file systems below",
+                              "Stubs may lie there. Name their directories too.");
             rules.storedBefore = std::time(nullptr) - options->olderThan.value_or(kMonth);
             const std::unique_ptr<Store> store = openStore(options->store);
             sweep(*store, *options->use, rules, *options->shown,

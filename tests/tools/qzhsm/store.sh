@@ -147,6 +147,12 @@ expect 0 '^$' recall "$f"
 same "$f" "$work/data"
 [ "$(stat -c %Y "$f")" = 1000000000 ] || fail "time of an adopted stub"
 
+# Nor are those removed whose stubs may lie on a file system that is mounted below.
+mkdir "$fs/mounted" && mount -t tmpfs none "$fs/mounted"
+expect 1 'Nothing is removed: there are other file systems below' store gc --store "$store" --older-than 0s --remove "$fs"
+expect 0 '' store gc --store "$store" --older-than 0s --remove "$fs" "$fs/mounted"
+umount "$fs/mounted" && rmdir "$fs/mounted"
+
 # What somebody has written into a half recalled file is not recalled over: the stub's text, or a hole.
 for at in 100 1500000; do
     expect 0 '^$' archive --store "$store" "$f"
