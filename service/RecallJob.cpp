@@ -132,7 +132,8 @@ void RecallJob::writeRest() {
     requireUntouched();
     requireOurs(m_page, 0);
     m_written = m_isMoved = m_kind.keepsTextInFile(); // to make a hole moves the time
-    if (m_look.state == FileState::HalfRecalled)      // with what is there each piece is compared first
+    // With what an earlier recall has left each piece is compared before it goes.
+    if (m_look.state == FileState::HalfRecalled)
         m_skipsZeros = m_punchesZeros = true;
     else
         punch(static_cast<long long>(page), m_kept);

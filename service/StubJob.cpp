@@ -24,8 +24,8 @@ void StubJob::hold() {
     m_flushable =
         m_kind.waitForHold(m_file, [this](int pauses) { return m_kind.announces() && pauses < kPatience; });
     m_data = openData();
-    m_look.st =
-        m_file.stat(); // before the lease: a page mapped until then may be written to, and show no time
+    // Before the lease: a page mapped until then may be written to, and show no time.
+    m_look.st = m_file.stat();
     requireClosed();
     if (m_look.attributes)
         m_object = notedObject(m_file);
